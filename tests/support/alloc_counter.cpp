@@ -1,0 +1,69 @@
+#include "support/alloc_counter.h"
+
+#include <cstdlib>
+#include <new>
+
+// glibc's own entry points, so the replacements below can forward to them.
+extern "C" void *__libc_malloc(std::size_t);
+extern "C" void *__libc_calloc(std::size_t, std::size_t);
+extern "C" void *__libc_realloc(void *, std::size_t);
+extern "C" void *__libc_memalign(std::size_t, std::size_t);
+extern "C" void __libc_free(void *);
+
+namespace {
+thread_local std::size_t threadAllocations = 0;
+}
+
+namespace lumbrel_test {
+std::size_t allocationCount() { return threadAllocations; }
+bool allocationCountingAvailable() { return true; }
+}
+
+extern "C" {
+void *malloc(std::size_t size) {
+	++threadAllocations;
+	return __libc_malloc(size);
+}
+void *calloc(std::size_t count, std::size_t size) {
+	++threadAllocations;
+	return __libc_calloc(count, size);
+}
+void *realloc(void *ptr, std::size_t size) {
+	++threadAllocations;
+	return __libc_realloc(ptr, size);
+}
+void free(void *ptr) { __libc_free(ptr); }
+int posix_memalign(void **out, std::size_t align, std::size_t size) {
+	++threadAllocations;
+	void *p = __libc_memalign(align, size);
+	if (!p) return 12; // ENOMEM
+	*out = p;
+	return 0;
+}
+void *aligned_alloc(std::size_t align, std::size_t size) {
+	++threadAllocations;
+	return __libc_memalign(align, size);
+}
+}
+
+void *operator new(std::size_t size) {
+	if (void *p = malloc(size ? size : 1)) return p;
+	throw std::bad_alloc();
+}
+void *operator new[](std::size_t size) { return operator new(size); }
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept { return malloc(size ? size : 1); }
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept { return malloc(size ? size : 1); }
+void *operator new(std::size_t size, std::align_val_t align) {
+	void *p = nullptr;
+	if (posix_memalign(&p, static_cast<std::size_t>(align), size ? size : 1) != 0) throw std::bad_alloc();
+	return p;
+}
+void *operator new[](std::size_t size, std::align_val_t align) { return operator new(size, align); }
+void operator delete(void *p) noexcept { free(p); }
+void operator delete[](void *p) noexcept { free(p); }
+void operator delete(void *p, std::size_t) noexcept { free(p); }
+void operator delete[](void *p, std::size_t) noexcept { free(p); }
+void operator delete(void *p, std::align_val_t) noexcept { free(p); }
+void operator delete[](void *p, std::align_val_t) noexcept { free(p); }
+void operator delete(void *p, std::size_t, std::align_val_t) noexcept { free(p); }
+void operator delete[](void *p, std::size_t, std::align_val_t) noexcept { free(p); }

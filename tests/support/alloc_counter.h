@@ -1,0 +1,25 @@
+#pragma once
+// Counts heap allocations made by the calling thread. Linking alloc_counter.cpp
+// into a test binary replaces the global operator new/delete and malloc family.
+#include <cstddef>
+
+namespace lumbrel_test {
+
+// Allocations (new, new[], malloc, calloc, realloc, aligned forms) made by this
+// thread since the process started.
+std::size_t allocationCount();
+
+// False in sanitizer builds, which bring their own allocator: the counter then
+// counts nothing, and tests that rely on it skip.
+bool allocationCountingAvailable();
+
+// Counts the allocations made by this thread within its lifetime.
+class AllocationScope {
+public:
+	AllocationScope() : start(allocationCount()) {}
+	std::size_t count() const { return allocationCount() - start; }
+private:
+	std::size_t start;
+};
+
+} // namespace lumbrel_test
