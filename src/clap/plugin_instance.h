@@ -1,0 +1,259 @@
+#pragma once
+#include "clap/plugins.h"
+#include "web/web_ui_library_effect.h"
+
+#include <clap/clap.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace quorl::clap {
+
+// One plug-in instance. The `clap_plugin` record comes first, so the pointer
+// the host hands back is the instance itself; `plugin_data` stays null.
+template<template<class> class Wrapper>
+struct Plugin {
+	clap_plugin clapPlugin;
+	Plugins *plugins;
+	const clap_host *host;
+	const clap_host_params *hostParams = nullptr;
+	const clap_host_latency *hostLatency = nullptr; // fetched, never called: latency changes are not announced
+	web::WebUILibraryEffect<float, Wrapper> effect;
+	std::string bundleResourcePath;
+	bool configured = false;
+	// Channel pointers of the block being processed; empty between blocks.
+	std::vector<const float *> inputPointers;
+	std::vector<float *> outputPointers;
+	std::vector<unsigned char> stateBuffer;
+
+	Plugin(Plugins *plugins, const clap_host *host) : plugins(plugins), host(host) {}
+
+	static const clap_plugin *create(Plugins *plugins, std::size_t index, const clap_host *host) {
+		auto *instance = new Plugin(plugins, host);
+		instance->bundleResourcePath = plugins->bundleResourcePath;
+		instance->clapPlugin = {
+			&plugins->descriptors[index],
+			nullptr,
+			plugin_init,
+			plugin_destroy,
+			plugin_activate,
+			plugin_deactivate,
+			plugin_start_processing,
+			plugin_stop_processing,
+			plugin_reset,
+			plugin_process,
+			plugin_get_extension,
+			plugin_on_main_thread,
+		};
+		return &instance->clapPlugin;
+	}
+
+	static Plugin *self(const clap_plugin *plugin) {
+		return reinterpret_cast<Plugin *>(const_cast<clap_plugin *>(plugin));
+	}
+
+	// Configures the effect if it isn't yet, trying a second time with the
+	// config that the first attempt proposed.
+	bool ensureConfigured() {
+		if (!configured) configured = effect.configure() || effect.configure();
+		return configured;
+	}
+
+	// ---- clap_plugin ----
+
+	// [main-thread]
+	static bool plugin_init(const clap_plugin *plugin) {
+		auto *p = self(plugin);
+		p->hostParams = static_cast<const clap_host_params *>(p->host->get_extension(p->host, CLAP_EXT_PARAMS));
+		p->hostLatency = static_cast<const clap_host_latency *>(p->host->get_extension(p->host, CLAP_EXT_LATENCY));
+		return true;
+	}
+
+	// [main-thread & !active]
+	static void plugin_destroy(const clap_plugin *plugin) {
+		if (plugin) delete self(plugin);
+	}
+
+	// [main-thread & !active] Rebuilds the effect on a new rate or a block size
+	// at least as large as the running one (equal counts too); a smaller block
+	// size keeps the running effect.
+	static bool plugin_activate(const clap_plugin *plugin, double sampleRate, std::uint32_t, std::uint32_t maxFrames) {
+		auto *p = self(plugin);
+		auto &config = p->effect.config;
+		if (!p->configured || sampleRate != config.sampleRate || config.maxBlockSize <= maxFrames) {
+			config.sampleRate = sampleRate;
+			config.maxBlockSize = maxFrames;
+			const LibraryConfig asked = config;
+			p->configured = p->effect.configure();
+			if (!p->configured) {
+				config = asked;
+				config.maxBlockSize = maxFrames;
+			}
+		}
+		std::size_t inputs = config.inputChannels, outputs = config.outputChannels;
+		for (auto channels : config.auxInputs) inputs += channels;
+		p->inputPointers.reserve(inputs);
+		p->outputPointers.reserve(outputs);
+		return p->configured;
+	}
+
+	static void plugin_deactivate(const clap_plugin *) {}
+
+	// [audio-thread]
+	static bool plugin_start_processing(const clap_plugin *plugin) { return self(plugin)->configured; }
+	static void plugin_stop_processing(const clap_plugin *) {}
+
+	// [audio-thread] Parameters keep their values; the effect forgets its history.
+	static void plugin_reset(const clap_plugin *plugin) {
+		auto *p = self(plugin);
+		if (!p->configured) return;
+		p->effect.restartParams();
+		p->effect.reset();
+		p->effect.firstBlock = true;
+	}
+
+	// [audio-thread] Cuts the block at every event that isn't a note event, so
+	// that audio before an event's time runs with the old values.
+	static clap_process_status plugin_process(const clap_plugin *plugin, const clap_process *process) {
+		auto *p = self(plugin);
+		for (std::uint32_t port = 0; port < process->audio_inputs_count; ++port) {
+			const auto &buffer = process->audio_inputs[port];
+			for (std::uint32_t c = 0; c < buffer.channel_count; ++c) p->inputPointers.push_back(buffer.data32[c]);
+		}
+		for (std::uint32_t port = 0; port < process->audio_outputs_count; ++port) {
+			const auto &buffer = process->audio_outputs[port];
+			for (std::uint32_t c = 0; c < buffer.channel_count; ++c) p->outputPointers.push_back(buffer.data32[c]);
+		}
+
+		const std::uint32_t frames = process->frames_count;
+		const std::uint32_t eventCount = process->in_events->size(process->in_events);
+		if (frames > 0) {
+			std::uint32_t start = 0, eventIndex = 0;
+			while (start < frames) {
+				const clap_event_header *event = nullptr;
+				std::uint32_t end = frames;
+				if (eventIndex < eventCount) {
+					event = process->in_events->get(process->in_events, eventIndex++);
+					if (isNoteEvent(event)) continue;
+					end = event->time > start ? event->time : start; // not clamped to the block
+				}
+				if (end > start) {
+					const std::uint32_t length = end - start;
+					p->effect.process(p->inputPointers.data(), p->outputPointers.data(), length);
+					for (auto &pointer : p->inputPointers) pointer += length;
+					for (auto &pointer : p->outputPointers) pointer += length;
+					start = end;
+				}
+				if (event) p->processEvent(event);
+			}
+		}
+		p->inputPointers.clear();
+		p->outputPointers.clear();
+
+		p->sendParamEvents(process->out_events);
+		return CLAP_PROCESS_CONTINUE;
+	}
+
+	// [thread-safe]
+	static const void *plugin_get_extension(const clap_plugin *plugin, const char *id) {
+		if (!id) return nullptr;
+		if (!std::strcmp(id, CLAP_EXT_AUDIO_PORTS)) return &audioPortsExtension;
+		if (!std::strcmp(id, CLAP_EXT_NOTE_PORTS)) return &notePortsExtension;
+		if (!std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
+		return nullptr;
+	}
+
+	// [main-thread]
+	static void plugin_on_main_thread(const clap_plugin *) {}
+
+	// ---- events ----
+
+	static bool isNoteEvent(const clap_event_header *event) {
+		if (event->space_id != CLAP_CORE_EVENT_SPACE_ID) return false;
+		switch (event->type) {
+		case CLAP_EVENT_NOTE_ON:
+		case CLAP_EVENT_NOTE_OFF:
+		case CLAP_EVENT_NOTE_CHOKE:
+		case CLAP_EVENT_NOTE_EXPRESSION:
+		case CLAP_EVENT_MIDI:
+			return true;
+		default:
+			return false;
+		}
+	}
+
+	// Applies one host event. Core events other than parameter values are
+	// printed, since nothing here expects them.
+	void processEvent(const clap_event_header *header) {
+		if (header->space_id != CLAP_CORE_EVENT_SPACE_ID) return;
+		if (header->type != CLAP_EVENT_PARAM_VALUE) {
+			std::printf("header->size = %u\nheader->time = %u\nheader->space_id = %u\nheader->type = %u\nheader->flags = %u\n",
+				unsigned(header->size), unsigned(header->time), unsigned(header->space_id), unsigned(header->type),
+				unsigned(header->flags));
+			return;
+		}
+	}
+
+	void sendParamEvents(const clap_output_events *) {}
+
+	// ---- clap.audio-ports ----
+
+	static std::uint32_t audio_ports_count(const clap_plugin *plugin, bool isInput) {
+		auto *p = self(plugin);
+		if (!p->ensureConfigured()) return 0;
+		const auto &config = p->effect.config;
+		if (isInput) return std::uint32_t(config.auxInputs.size() + (config.inputChannels ? 1 : 0));
+		return std::uint32_t(config.auxOutputs.size() + (config.outputChannels ? 1 : 0));
+	}
+
+	static bool audio_ports_get(const clap_plugin *plugin, std::uint32_t index, bool isInput, clap_audio_port_info *info) {
+		auto *p = self(plugin);
+		if (!p->configured) return false;
+		const auto &config = p->effect.config;
+		const std::size_t channels = isInput ? config.inputChannels : config.outputChannels;
+		const auto &aux = isInput ? config.auxInputs : config.auxOutputs;
+		const clap_id base = isInput ? 0x1000000 : 0x2000000;
+
+		std::memset(info, 0, sizeof(*info));
+		info->flags = CLAP_AUDIO_PORT_IS_MAIN;
+		info->channel_count = std::uint32_t(channels);
+		info->port_type = nullptr;
+		info->in_place_pair = CLAP_INVALID_ID;
+		if (channels && index == 0) {
+			info->id = base;
+			std::snprintf(info->name, sizeof(info->name), "main");
+			return true;
+		}
+		const std::size_t auxIndex = channels ? index - 1 : index;
+		if (auxIndex >= aux.size()) return false;
+		info->id = base + index;
+		if (aux.size() >= 2) {
+			std::snprintf(info->name, sizeof(info->name), "aux%c", char('1' + auxIndex));
+		} else {
+			std::snprintf(info->name, sizeof(info->name), "aux");
+		}
+		return true;
+	}
+
+	static constexpr clap_plugin_audio_ports audioPortsExtension{audio_ports_count, audio_ports_get};
+
+	// ---- clap.note-ports ----
+
+	static std::uint32_t note_ports_count(const clap_plugin *, bool) { return 0; }
+	static bool note_ports_get(const clap_plugin *, std::uint32_t, bool, clap_note_port_info *) { return false; }
+	static constexpr clap_plugin_note_ports notePortsExtension{note_ports_count, note_ports_get};
+
+	// ---- clap.latency ----
+
+	// Read live from the running engine: a latency setting rebuilds the engine
+	// at the next block and the host sees the new figure when it asks again.
+	static std::uint32_t latency_get(const clap_plugin *plugin) {
+		return std::uint32_t(self(plugin)->effect.latencySamples());
+	}
+	static constexpr clap_plugin_latency latencyExtension{latency_get};
+};
+
+} // namespace quorl::clap

@@ -1,0 +1,56 @@
+// The bundle's front door: the exported entry and the table of plug-ins.
+#include "clap/plugin_instance.h"
+#include "clap/plugins.h"
+#include "effects/pass_through.h"
+
+#include <clap/clap.h>
+
+namespace {
+
+using namespace varkesh::lumbrel;
+
+quorl::clap::Plugins plugins;
+
+clap_plugin_descriptor descriptor(const char *id, const char *name) {
+	return clap_plugin_descriptor{CLAP_VERSION, id, name, "Varkesh Audio", "", "", "", "1.0.0", "", nullptr};
+}
+
+// Until an effect lands, its descriptor stands on PassThroughQUORL.
+bool clap_init(const char *path) {
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.octaver", "Lumbrel: Octaver"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_RESTORATION});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.chorus", "Lumbrel: Chorus (Spectral)"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.chorus-detune", "Lumbrel: Chorus (Pitch-Shifter)"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.transients", "Lumbrel: Transients"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER});
+	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.swell", "Lumbrel: Swell"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	plugins.add<PassThroughQUORL>(
+		descriptor("varkesh.lumbrel.decay-scale", "Lumbrel (Bespoke Effect Example): Decay Scale"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	plugins.add<PassThroughQUORL>(
+		descriptor("varkesh.lumbrel.frequency-snap", "Lumbrel (Bespoke Effect Example): Frequency Snap"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	plugins.add<PassThroughQUORL>(
+		descriptor("varkesh.lumbrel.shepard-drop", "Lumbrel (Bespoke Effect Example): Shepard Drop"),
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	return plugins.clap_init(path);
+}
+
+// Registered plug-ins and the bundle path outlive deinit; they go with the process.
+void clap_deinit() {}
+
+const void *clap_get_factory(const char *factoryId) {
+	if (factoryId && std::strcmp(factoryId, CLAP_PLUGIN_FACTORY_ID) == 0) return quorl::clap::Plugins::factory(plugins);
+	return nullptr;
+}
+
+} // namespace
+
+extern "C" CLAP_EXPORT const clap_plugin_entry clap_entry = {CLAP_VERSION, clap_init, clap_deinit, clap_get_factory};

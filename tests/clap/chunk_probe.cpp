@@ -1,0 +1,53 @@
+// A test bundle whose one plug-in shows how the instance cut each block: it
+// writes the length of the chunk that produced each sample to output 0 and the
+// number of effect builds so far to output 1. Built on the same Plugin<T> as
+// Lumbrel.clap, so block cutting and activation are seen through the ABI.
+#include "clap/plugin_instance.h"
+#include "clap/plugins.h"
+
+#include <clap/clap.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+template<class Base>
+struct ChunkProbeQUORL : Base {
+	int builds = 0;
+	bool hasEffect = false;
+
+	template<class Storage>
+	void state(Storage &) {}
+
+	void configureQUORL(quorl::LibraryConfig &) {
+		hasEffect = true;
+		++builds;
+	}
+	void reset() {}
+	std::size_t latencySamples() const { return hasEffect ? 7 : 0; }
+
+	void processQUORL(const quorl::LibraryConfig &config, const float *const *, float *const *outputs,
+		std::size_t length, bool) {
+		if (config.outputChannels > 0) std::fill(outputs[0], outputs[0] + length, float(length));
+		if (config.outputChannels > 1) std::fill(outputs[1], outputs[1] + length, float(builds));
+	}
+};
+
+quorl::clap::Plugins plugins;
+
+bool probe_init(const char *path) {
+	plugins.add<ChunkProbeQUORL>(
+		clap_plugin_descriptor{CLAP_VERSION, "lumbrel.test.chunk-probe", "Chunk probe", "", "", "", "", "1.0.0", "", nullptr},
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	return plugins.clap_init(path);
+}
+void probe_deinit() {}
+const void *probe_get_factory(const char *id) {
+	if (id && !std::strcmp(id, CLAP_PLUGIN_FACTORY_ID)) return quorl::clap::Plugins::factory(plugins);
+	return nullptr;
+}
+
+} // namespace
+
+extern "C" CLAP_EXPORT const clap_plugin_entry clap_entry = {CLAP_VERSION, probe_init, probe_deinit, probe_get_factory};
