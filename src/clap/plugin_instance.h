@@ -1,9 +1,13 @@
 #pragma once
+#include "clap/crc32.h"
 #include "clap/plugins.h"
+#include "frame/has_state.h"
 #include "web/web_ui_library_effect.h"
 
 #include <clap/clap.h>
 
+#include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -27,9 +31,124 @@ struct Plugin {
 	// Channel pointers of the block being processed; empty between blocks.
 	std::vector<const float *> inputPointers;
 	std::vector<float *> outputPointers;
-	std::vector<unsigned char> stateBuffer;
+	using Effect = web::WebUILibraryEffect<float, Wrapper>;
+	using ParamRange = typename Effect::ParamRange;
+	using ParamStepped = typename Effect::ParamStepped;
+
+	// One host-visible parameter. The three flags are true when nothing is
+	// pending and false when that event is due to the host.
+	struct Param {
+		clap_param_info info;
+		ParamRange *rangeParam = nullptr;
+		RangeParamInfo rangeInfo;
+		ParamStepped *steppedParam = nullptr;
+		SteppedParamInfo steppedInfo;
+		std::atomic<bool> valueSent{true}, gestureBeginSent{true}, gestureEndSent{true};
+
+		Param(ParamRange *param) : info(), rangeParam(param), rangeInfo(param->value), steppedInfo(0) {}
+		Param(ParamStepped *param) : info(), rangeInfo(0.0), steppedParam(param), steppedInfo(param->value) {}
+		// Moves happen only while the list is being built, before any flag is shared.
+		Param(Param &&other) noexcept
+			: info(other.info), rangeParam(other.rangeParam), rangeInfo(std::move(other.rangeInfo)),
+			  steppedParam(other.steppedParam), steppedInfo(std::move(other.steppedInfo)),
+			  valueSent(other.valueSent.load()), gestureBeginSent(other.gestureBeginSent.load()),
+			  gestureEndSent(other.gestureEndSent.load()) {}
+
+		void setClapInfo() {
+			info.cookie = this;
+			std::memset(info.module, 0, sizeof(info.module));
+			if (rangeParam) {
+				info.flags = CLAP_PARAM_IS_AUTOMATABLE;
+				std::snprintf(info.name, sizeof(info.name), "%s", rangeInfo.name.c_str());
+				// The host sees every ranged parameter as a position from 0 to 1.
+				info.min_value = 0;
+				info.max_value = 1;
+				info.default_value = rangeInfo.toPosition(rangeInfo.defaultValue);
+			} else {
+				info.flags = CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED;
+				std::snprintf(info.name, sizeof(info.name), "%s", steppedInfo.name.c_str());
+				info.min_value = steppedInfo.low;
+				info.max_value = steppedInfo.high;
+				info.default_value = steppedInfo.defaultValue;
+			}
+			valueSent = gestureBeginSent = gestureEndSent = true;
+		}
+
+		// What the host sees: the position of a ranged value, a stepped value as it is.
+		double hostValue() const {
+			return rangeParam ? rangeInfo.toPosition(rangeParam->value) : double(steppedParam->value);
+		}
+	};
+
+	// Walks state() to make the host-visible list. Ids are the CRC-32 of the
+	// keys on the path, so they depend on keys alone, never on the order.
+	struct ParamScanner {
+		std::vector<Param> &params;
+		Crc32 crc;
+
+		template<class V>
+		void operator()(const char *key, V &group) {
+			if constexpr (detail::HasState<V, ParamScanner>::value) {
+				const Crc32 outer = crc;
+				crc.addString(key, true);
+				group.state(*this);
+				crc = outer;
+			}
+		}
+		RangeParamInfo &range(const char *key, ParamRange &param) {
+			Param &p = add(key, &param);
+			return p.rangeInfo;
+		}
+		SteppedParamInfo &stepped(const char *key, ParamStepped &param) {
+			Param &p = add(key, &param);
+			return p.steppedInfo;
+		}
+		template<class V>
+		void extra(const char *, V &&) {}
+
+	private:
+		template<class P>
+		Param &add(const char *key, P *param) {
+			Crc32 leaf = crc;
+			leaf.addString(key, true);
+			params.emplace_back(param);
+			params.back().info.id = ~leaf.value;
+			param->context = params.size() - 1;
+			return params.back();
+		}
+	};
+
+	std::vector<Param> params;
 
 	Plugin(Plugins *plugins, const clap_host *host) : plugins(plugins), host(host) {}
+
+	void scanParams() {
+		params.clear();
+		ParamScanner scanner{params, Crc32{}};
+		effect.state(scanner);
+		for (auto &param : params) param.setClapInfo();
+
+		// Page edits: the value is already written; the host is told through
+		// the flags, at its next flush or block.
+		effect.paramValueChanged = [this](web::ParamContext context, double) { valueEdited(context); };
+		effect.paramSteppedChanged = [this](web::ParamContext context, int) { valueEdited(context); };
+		effect.paramGestureChanged = [this](web::ParamContext context, bool begin) {
+			(begin ? params[context].gestureBeginSent : params[context].gestureEndSent) = false;
+			if (hostParams) hostParams->request_flush(host);
+		};
+	}
+
+	void valueEdited(web::ParamContext context) {
+		params[context].valueSent = false;
+		if (hostParams) hostParams->request_flush(host);
+	}
+
+	Param *findParam(clap_id id) {
+		for (auto &param : params) {
+			if (param.info.id == id) return &param;
+		}
+		return nullptr;
+	}
 
 	static const clap_plugin *create(Plugins *plugins, std::size_t index, const clap_host *host) {
 		auto *instance = new Plugin(plugins, host);
@@ -48,6 +167,7 @@ struct Plugin {
 			plugin_get_extension,
 			plugin_on_main_thread,
 		};
+		instance->scanParams();
 		return &instance->clapPlugin;
 	}
 
@@ -160,6 +280,7 @@ struct Plugin {
 	// [thread-safe]
 	static const void *plugin_get_extension(const clap_plugin *plugin, const char *id) {
 		if (!id) return nullptr;
+		if (!std::strcmp(id, CLAP_EXT_PARAMS)) return &paramsExtension;
 		if (!std::strcmp(id, CLAP_EXT_AUDIO_PORTS)) return &audioPortsExtension;
 		if (!std::strcmp(id, CLAP_EXT_NOTE_PORTS)) return &notePortsExtension;
 		if (!std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
@@ -186,7 +307,8 @@ struct Plugin {
 	}
 
 	// Applies one host event. Core events other than parameter values are
-	// printed, since nothing here expects them.
+	// printed, since nothing here expects them. Values are not clamped, and a
+	// value from the host is not echoed back to it.
 	void processEvent(const clap_event_header *header) {
 		if (header->space_id != CLAP_CORE_EVENT_SPACE_ID) return;
 		if (header->type != CLAP_EVENT_PARAM_VALUE) {
@@ -195,9 +317,122 @@ struct Plugin {
 				unsigned(header->flags));
 			return;
 		}
+		const auto *event = reinterpret_cast<const clap_event_param_value *>(header);
+		Param *param = static_cast<Param *>(event->cookie);
+		if (param) {
+			if (param->info.id != event->param_id) return;
+		} else if (!(param = findParam(event->param_id))) {
+			return;
+		}
+		if (param->steppedParam) {
+			const int value = int(std::round(event->value));
+			if (value != param->steppedParam->value) {
+				param->steppedParam->value = value;
+				param->steppedParam->sendUpdateMessage();
+			}
+		} else {
+			const double value = param->rangeInfo.fromPosition(event->value);
+			if (value != param->rangeParam->value) {
+				param->rangeParam->value = value;
+				param->rangeParam->sendUpdateMessage();
+			}
+		}
 	}
 
-	void sendParamEvents(const clap_output_events *) {}
+	// Tells the host of page edits: gesture begin, value, gesture end for each
+	// parameter that has them pending. A value that can't be pushed stays due,
+	// and so does the gesture end behind it.
+	void sendParamEvents(const clap_output_events *out) {
+		for (auto &param : params) {
+			const clap_id id = param.info.id;
+			if (!param.gestureBeginSent.exchange(true)) pushGesture(out, id, CLAP_EVENT_PARAM_GESTURE_BEGIN);
+			if (!param.valueSent.exchange(true)) {
+				clap_event_param_value event{};
+				event.header = {sizeof(event), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_PARAM_VALUE, 0};
+				event.param_id = id;
+				event.cookie = param.info.cookie;
+				event.note_id = -1;
+				event.port_index = -1;
+				event.channel = -1;
+				event.key = -1;
+				event.value = param.hostValue();
+				if (!out->try_push(out, &event.header)) {
+					param.valueSent = false;
+					continue;
+				}
+			}
+			if (!param.gestureEndSent.exchange(true)) pushGesture(out, id, CLAP_EVENT_PARAM_GESTURE_END);
+		}
+	}
+
+	static void pushGesture(const clap_output_events *out, clap_id id, std::uint16_t type) {
+		clap_event_param_gesture event{};
+		event.header = {sizeof(event), 0, CLAP_CORE_EVENT_SPACE_ID, type, 0};
+		event.param_id = id;
+		out->try_push(out, &event.header);
+	}
+
+	// ---- clap.params ----
+
+	static std::uint32_t params_count(const clap_plugin *plugin) { return std::uint32_t(self(plugin)->params.size()); }
+
+	static bool params_get_info(const clap_plugin *plugin, std::uint32_t index, clap_param_info *info) {
+		auto *p = self(plugin);
+		if (index >= p->params.size()) return false;
+		*info = p->params[index].info;
+		return true;
+	}
+
+	// A host that has just read the value needs no event for it.
+	static bool params_get_value(const clap_plugin *plugin, clap_id id, double *value) {
+		Param *param = self(plugin)->findParam(id);
+		if (!param) return false;
+		*value = param->hostValue();
+		param->valueSent = true;
+		return true;
+	}
+
+	// Copies at most `size` bytes, as a bounded copy does: a text that fills
+	// them has no terminator.
+	static bool params_value_to_text(const clap_plugin *plugin, clap_id id, double value, char *text, std::uint32_t size) {
+		Param *param = self(plugin)->findParam(id);
+		if (!param || !text) return false;
+		const std::string shown = param->steppedParam ? param->steppedInfo.toString(int(std::round(value)))
+			: param->rangeInfo.toString(param->rangeInfo.fromPosition(value));
+		std::strncpy(text, shown.c_str(), size);
+		return true;
+	}
+
+	// Not clamped. Text that can't be read gives the default; a number too
+	// large for its type is refused rather than thrown through the host.
+	static bool params_text_to_value(const clap_plugin *plugin, clap_id id, const char *text, double *value) {
+		Param *param = self(plugin)->findParam(id);
+		if (!param || !text) return false;
+		try {
+			if (param->steppedParam) {
+				*value = double(param->steppedInfo.fromString(text));
+			} else {
+				*value = param->rangeInfo.toPosition(param->rangeInfo.fromString(text));
+			}
+		} catch (...) {
+			return false;
+		}
+		return true;
+	}
+
+	static void params_flush(const clap_plugin *plugin, const clap_input_events *in, const clap_output_events *out) {
+		auto *p = self(plugin);
+		if (in) {
+			const std::uint32_t count = in->size(in);
+			for (std::uint32_t i = 0; i < count; ++i) {
+				if (const auto *event = in->get(in, i)) p->processEvent(event);
+			}
+		}
+		if (out) p->sendParamEvents(out);
+	}
+
+	static constexpr clap_plugin_params paramsExtension{
+		params_count, params_get_info, params_get_value, params_value_to_text, params_text_to_value, params_flush};
 
 	// ---- clap.audio-ports ----
 

@@ -1,5 +1,6 @@
 #pragma once
 #include "frame/flush_denormals.h"
+#include "frame/has_state.h"
 #include "frame/library_config.h"
 #include "frame/library_param.h"
 #include "frame/range_param_info.h"
@@ -12,14 +13,6 @@
 #include <vector>
 
 namespace quorl {
-
-namespace detail {
-template<class V, class Storage, class = void>
-struct HasState : std::false_type {};
-template<class V, class Storage>
-struct HasState<V, Storage, std::void_t<decltype(std::declval<V &>().state(std::declval<Storage &>()))>>
-	: std::true_type {};
-} // namespace detail
 
 // Turns an effect wrapper into a block processor with parameters.
 //

@@ -14,11 +14,33 @@ namespace {
 
 template<class Base>
 struct ChunkProbeQUORL : Base {
+	using ParamRange = typename Base::ParamRange;
+	using ParamStepped = typename Base::ParamStepped;
+
+	// Parameters declared the way the effects declare theirs, so that the
+	// host-visible list can be checked through the ABI.
+	struct EngineGroup {
+		ParamRange latencyMs{10};
+		template<class Storage>
+		void state(Storage &storage) {
+			storage.range("latencyMs", latencyMs).info("latency").range(2, 10, 50).unit("ms", 1);
+		}
+	};
+	EngineGroup engineConfig;
+	ParamRange time{0.5};
+	ParamStepped channelMode{1};
+	ParamStepped semitones{0};
+
 	int builds = 0;
 	bool hasEffect = false;
 
 	template<class Storage>
-	void state(Storage &) {}
+	void state(Storage &storage) {
+		storage("engineConfig", engineConfig);
+		storage.range("time", time).info("time", "how long").range(0.05, 0.5, 2).unit(" sec", 2);
+		storage.stepped("channelMode", channelMode).info("channels").labelsFrom(0).label("mono", "full");
+		storage.stepped("semitones", semitones).info("shift").range(-24, 24);
+	}
 
 	void configureQUORL(quorl::LibraryConfig &) {
 		hasEffect = true;
