@@ -6,3 +6,5 @@ scripts/setup.sh
 scripts/build.sh
 build_dir=${LUMBREL_BUILD_DIR:-build}
 ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
+# Every fuzz target for a bounded time (LUMBREL_FUZZ_SECONDS, default 60 s each).
+scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"

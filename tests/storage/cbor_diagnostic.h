@@ -1,0 +1,204 @@
+#pragma once
+// Test helpers shared by the CBOR tests and the walker's fuzz target: hex
+// input, RFC 8949 diagnostic notation of what the walker sees, and a re-encoder
+// that copies an item through the writer.
+#include "storage/cbor_walker.h"
+#include "storage/cbor_writer.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lumbrel_test {
+
+// "83 01 02" or "830102" to bytes; anything but hex digits is ignored.
+inline std::vector<unsigned char> hexBytes(std::string_view hex) {
+	std::vector<unsigned char> bytes;
+	int high = -1;
+	for (char c : hex) {
+		int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+		if (digit < 0) continue;
+		if (high < 0) {
+			high = digit;
+		} else {
+			bytes.push_back(static_cast<unsigned char>(high * 16 + digit));
+			high = -1;
+		}
+	}
+	return bytes;
+}
+
+inline varkesh::cbor::CborWalker walkerOn(const std::vector<unsigned char> &bytes) {
+	return {bytes.data(), bytes.data() + bytes.size()};
+}
+
+// Whole numbers as "10.0", others as the shortest decimal that reads back
+// as the same double.
+inline std::string diagnosticNumber(double v) {
+	if (std::isnan(v)) return "NaN";
+	if (std::isinf(v)) return v > 0 ? "Infinity" : "-Infinity";
+	char text[40];
+	if (v == std::floor(v) && std::fabs(v) < 1e15) {
+		std::snprintf(text, sizeof text, "%.1f", v);
+		return text;
+	}
+	for (int precision = 1; precision <= 17; ++precision) {
+		std::snprintf(text, sizeof text, "%.*g", precision, v);
+		if (std::strtod(text, nullptr) == v) break;
+	}
+	std::string s = text;
+	if (s.find_first_of(".e") == std::string::npos) s += ".0";
+	return s;
+}
+
+// Containers nested deeper than this print as "..." and don't re-encode.
+constexpr unsigned diagnosticDepth = 64;
+
+// RFC 8949 diagnostic notation of one item, as far as the walker can tell:
+// a 16-bit float shows as simple(0); an error shows as error(code), and a
+// container whose walk ended in an error is followed by " error(code)".
+inline std::string diagnostic(const varkesh::cbor::CborWalker &item, unsigned depth = 0) {
+	using varkesh::cbor::CborType;
+	using varkesh::cbor::CborWalker;
+	if (depth > diagnosticDepth) return "...";
+	switch (item.type) {
+	case CborType::Unsigned:
+		return std::to_string(item.value);
+	case CborType::Negative:
+		return item.value == UINT64_MAX ? "-18446744073709551616" : "-" + std::to_string(item.value + 1);
+	case CborType::Bytes: {
+		if (!item.contentFits()) return "error(1)";
+		std::string s = "h'";
+		static const char digits[] = "0123456789abcdef";
+		for (unsigned char c : item.stringView()) {
+			s += digits[c >> 4];
+			s += digits[c & 15];
+		}
+		return s + "'";
+	}
+	case CborType::Utf8:
+		if (!item.contentFits()) return "error(1)";
+		return "\"" + std::string(item.stringView()) + "\"";
+	case CborType::Tag:
+		return std::to_string(item.value) + "(" + diagnostic(CborWalker(item.data, item.end), depth + 1) + ")";
+	case CborType::Simple:
+		switch (item.value) {
+		case 20: return "false";
+		case 21: return "true";
+		case 22: return "null";
+		case 23: return "undefined";
+		default: return "simple(" + std::to_string(item.value) + ")";
+		}
+	case CborType::Float32:
+	case CborType::Float64:
+		return diagnosticNumber(item.asDouble());
+	case CborType::Error:
+		return "error(" + std::to_string(item.value) + ")";
+	case CborType::Break:
+		return "break";
+	default:
+		break;
+	}
+	const char *open = "";
+	const char *close = "";
+	switch (item.type) {
+	case CborType::Array: open = "["; close = "]"; break;
+	case CborType::IndefiniteArray: open = "[_ "; close = "]"; break;
+	case CborType::Map: open = "{"; close = "}"; break;
+	case CborType::IndefiniteMap: open = "{_ "; close = "}"; break;
+	default: open = "(_ "; close = ")"; break;
+	}
+	std::string body;
+	CborWalker after;
+	if (item.type == CborType::Map || item.type == CborType::IndefiniteMap) {
+		after = item.forEachPair([&](const CborWalker &key, const CborWalker &value) {
+			if (!body.empty()) body += ", ";
+			body += diagnostic(key, depth + 1) + ": " + diagnostic(value, depth + 1);
+		});
+	} else {
+		after = item.forEach([&](const CborWalker &child, std::size_t) {
+			if (!body.empty()) body += ", ";
+			body += diagnostic(child, depth + 1);
+		});
+	}
+	std::string s = open + body + close;
+	if (after.isError() && !after.atBufferEnd()) s += " error(" + std::to_string(after.value) + ")";
+	return s;
+}
+
+inline std::string diagnostic(const std::vector<unsigned char> &bytes) { return diagnostic(walkerOn(bytes)); }
+
+// Writes `item` again through the writer: shortest heads, floats as 64-bit,
+// indefinite items kept indefinite. False, with part of the item written, if
+// the item or anything inside it is in error or nested too deep.
+inline bool reencode(const varkesh::cbor::CborWalker &item, varkesh::cbor::CborWriter &writer, unsigned depth = 0) {
+	using varkesh::cbor::CborType;
+	using varkesh::cbor::CborWalker;
+	if (depth > diagnosticDepth) return false;
+	bool ok = true;
+	auto child = [&](const CborWalker &c, std::size_t = 0) { ok = ok && reencode(c, writer, depth + 1); };
+	auto pair = [&](const CborWalker &key, const CborWalker &value) {
+		child(key);
+		child(value);
+	};
+	// A walk ends cleanly on the item after the container or at the end of the buffer.
+	auto clean = [](const CborWalker &after) { return !after.isError() || after.atBufferEnd(); };
+	const unsigned char major = static_cast<unsigned char>(item.type);
+	switch (item.type) {
+	case CborType::Unsigned:
+	case CborType::Negative:
+	case CborType::Simple:
+		writer.writeHead(major, item.value);
+		return true;
+	case CborType::Bytes:
+	case CborType::Utf8:
+		if (!item.contentFits()) return false;
+		writer.writeHead(major, item.value);
+		writer.writeRaw(item.data, item.value);
+		return true;
+	case CborType::Tag:
+		writer.addTag(item.value);
+		return reencode(CborWalker(item.data, item.end), writer, depth + 1);
+	case CborType::Float32:
+	case CborType::Float64:
+		writer.addFloat(item.asDouble());
+		return true;
+	case CborType::Break:
+		writer.addBreak();
+		return true;
+	case CborType::Array:
+		writer.writeHead(4, item.value);
+		return clean(item.forEach(child)) && ok;
+	case CborType::Map:
+		writer.writeHead(5, item.value);
+		return clean(item.forEachPair(pair)) && ok;
+	case CborType::IndefiniteBytes:
+	case CborType::IndefiniteUtf8:
+	case CborType::IndefiniteArray:
+		writer.writeByte(*item.begin);
+		ok = clean(item.forEach(child)) && ok;
+		writer.addBreak();
+		return ok;
+	case CborType::IndefiniteMap:
+		writer.openMap();
+		ok = clean(item.forEachPair(pair)) && ok;
+		writer.addBreak();
+		return ok;
+	default:
+		return false;
+	}
+}
+
+inline std::vector<unsigned char> reencoded(const std::vector<unsigned char> &bytes, bool *ok = nullptr) {
+	std::vector<unsigned char> out;
+	varkesh::cbor::CborWriter writer(out);
+	const bool done = reencode(walkerOn(bytes), writer);
+	if (ok) *ok = done;
+	return out;
+}
+
+} // namespace lumbrel_test
