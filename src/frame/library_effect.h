@@ -1,10 +1,9 @@
 #pragma once
+#include "frame/discard_param_info.h"
 #include "frame/flush_denormals.h"
 #include "frame/has_state.h"
 #include "frame/library_config.h"
 #include "frame/library_param.h"
-#include "frame/range_param_info.h"
-#include "frame/stepped_param_info.h"
 
 #include <atomic>
 #include <cstddef>
@@ -14,7 +13,9 @@
 
 namespace quorl {
 
-// Turns an effect wrapper into a block processor with parameters.
+// Turns an effect wrapper into a block processor with parameters. The
+// wrapper derives from LibraryEffectBase (through the web base), which holds
+// the frame's tempo slot and meter flags.
 //
 // The wrapper `Wrapped` provides:
 //   template<class Storage> void state(Storage &);  parameters and groups, once
@@ -28,12 +29,6 @@ namespace quorl {
 template<class Sample, class Wrapped>
 class LibraryEffect : public Wrapped {
 public:
-	// The frame's own tempo slot: no key, no host parameter, never written.
-	LibraryParam<double> bpm{120};
-	// Meter handshake with the web timer: the timer sets `wantsMeters`, the
-	// block that saw it answers with `hasMeters`.
-	std::atomic<bool> wantsMeters{false}, hasMeters{false};
-
 	std::vector<LibraryParam<double> *> rangeParams;
 	std::vector<LibraryParam<int> *> steppedParams;
 	bool firstBlock = true;
@@ -46,8 +41,7 @@ public:
 	// Walks state() once to list every parameter.
 	struct CollectParams {
 		LibraryEffect &effect;
-		RangeParamInfo rangeInfo{0.0};
-		SteppedParamInfo steppedInfo{0};
+		DiscardParamInfo discard;
 
 		explicit CollectParams(LibraryEffect &effect) : effect(effect) {}
 
@@ -55,22 +49,20 @@ public:
 		void operator()(const char *, V &value) {
 			if constexpr (detail::HasState<V, CollectParams>::value) value.state(*this);
 		}
-		RangeParamInfo &range(const char *, LibraryParam<double> &param) {
+		DiscardParamInfo &range(const char *, LibraryParam<double> &param) {
 			effect.rangeParams.push_back(&param);
-			rangeInfo = RangeParamInfo(param.value);
-			return rangeInfo;
+			return discard;
 		}
-		SteppedParamInfo &stepped(const char *, LibraryParam<int> &param) {
+		DiscardParamInfo &stepped(const char *, LibraryParam<int> &param) {
 			effect.steppedParams.push_back(&param);
-			steppedInfo = SteppedParamInfo(param.value);
-			return steppedInfo;
+			return discard;
 		}
 		template<class V>
 		void extra(const char *, V &&) {}
 	};
 
 	LibraryEffect() {
-		rangeParams.push_back(&bpm);
+		rangeParams.push_back(&this->bpm);
 		CollectParams collect(*this);
 		this->state(collect);
 	}
@@ -120,7 +112,7 @@ public:
 			for (auto *p : steppedParams) changed |= advance(*p);
 			if (!changed) nextFade = 0;
 		}
-		const bool spectrumDue = wantsMeters.load(std::memory_order_acquire);
+		const bool spectrumDue = this->wantsMeters.load(std::memory_order_acquire);
 
 		this->processQUORL(config, inputs, outputs, length, spectrumDue);
 
@@ -128,9 +120,9 @@ public:
 		firstBlock = false;
 		for (auto *p : rangeParams) p->current = p->value;
 		for (auto *p : steppedParams) p->current = p->value;
-		if (wantsMeters.load()) {
-			wantsMeters.store(false);
-			hasMeters.store(true, std::memory_order_release);
+		if (this->wantsMeters.load()) {
+			this->wantsMeters.store(false);
+			this->hasMeters.store(true, std::memory_order_release);
 		}
 	}
 

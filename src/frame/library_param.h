@@ -26,6 +26,12 @@ struct LibraryParam {
 		from = to;
 		to = current = value;
 	}
+
+	// As an object of its own: its value, under "value".
+	template<class Storage>
+	void state(Storage &storage) {
+		storage("value", value);
+	}
 };
 
 } // namespace quorl
