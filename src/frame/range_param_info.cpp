@@ -2,8 +2,8 @@
 
 #include <cmath>
 #include <cstddef>
-#include <locale>
-#include <sstream>
+#include <charconv>
+#include <stdexcept>
 
 namespace quorl {
 
@@ -11,6 +11,24 @@ namespace {
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// "%f" of a double, whatever the process's locale.
+std::string plainText(double value) {
+	char text[360];
+	const auto written = std::to_chars(text, text + sizeof(text), value, std::chars_format::fixed, 6);
+	return std::string(text, written.ec == std::errc() ? written.ptr : text);
+}
+
+// The number at the start of `text` (after blanks), as strtod reads it in the
+// C locale; throws std::out_of_range beyond a double, as std::stod does.
+double leadingNumber(const std::string &text) {
+	std::size_t start = 0;
+	while (start < text.size() && isBlank(text[start])) ++start;
+	double value = 0;
+	const auto read = std::from_chars(text.data() + start, text.data() + text.size(), value);
+	if (read.ec == std::errc::result_out_of_range) throw std::out_of_range("number out of range: " + text);
+	return value;
+}
 
 } // namespace
 
@@ -24,23 +42,23 @@ RangeParamInfo::UnitEntry::UnitEntry(const std::string &suffixIn, int precision,
 	}
 }
 
+// Formats without a stream: the host's automation reaches here on the audio
+// thread, and short texts then stay within std::string's own storage.
 void RangeParamInfo::UnitEntry::toString(double value, std::string &number, std::string &suffixOut) const {
-	std::ostringstream stream;
-	stream.imbue(std::locale::classic());
-	stream.setf(std::ios::fixed, std::ios::floatfield);
-	stream.precision(precision);
-
 	double d = toUnit(value);
 	// Lean towards the next digit: the shown number is at or just above the value.
 	d += std::copysign(0.45 * std::pow(10.0, -precision), d);
+	char text[360]; // room for any double in fixed notation
+	std::to_chars_result written;
 	if (precision < 1 && std::fabs(d) < 9.2e18) {
-		stream << static_cast<long long>(d); // truncates towards zero
+		written = std::to_chars(text, text + sizeof(text), static_cast<long long>(d)); // truncates towards zero
 	} else {
 		// Also the integer branch's fallback for magnitudes beyond long long,
-		// where a double has no fraction left to truncate.
-		stream << d;
+		// where a double has no fraction left to truncate. to_chars rounds as
+		// printf does, but never by the process's locale.
+		written = std::to_chars(text, text + sizeof(text), d, std::chars_format::fixed, precision < 0 ? 0 : precision);
 	}
-	number = stream.str();
+	number.assign(text, written.ec == std::errc() ? written.ptr : text);
 
 	if (!keepZeros && !number.empty() && number.find('.') != std::string::npos) {
 		std::size_t end = number.size();
@@ -100,7 +118,7 @@ void RangeParamInfo::toString(double value, std::string &number, std::string &su
 	} else if (const UnitEntry *entry = unitFor(value)) {
 		entry->toString(value, number, suffix);
 	} else {
-		number = std::to_string(value);
+		number = plainText(value);
 		suffix.clear();
 	}
 }
@@ -108,7 +126,7 @@ void RangeParamInfo::toString(double value, std::string &number, std::string &su
 std::string RangeParamInfo::toString(double value) const {
 	if (const std::string *text = exactText(value)) return *text;
 	if (const UnitEntry *entry = unitFor(value)) return entry->toString(value);
-	return std::to_string(value);
+	return plainText(value);
 }
 
 double RangeParamInfo::fromString(const std::string &text) const {
@@ -130,9 +148,9 @@ double RangeParamInfo::fromString(const std::string &text) const {
 	}
 
 	if (hasDigit) {
-		// The library conversion reads the whole text itself; it stops at a
-		// comma, so "1,5" is 1 although the scan above accepted the comma.
-		double value = std::stod(text);
+		// The conversion reads the text itself; it stops at a comma, so "1,5"
+		// is 1 although the scan above accepted the comma.
+		double value = leadingNumber(text);
 		while (p < size && isBlank(text[p])) ++p;
 		std::size_t end = size;
 		while (end > p && isBlank(text[end - 1])) --end;
