@@ -2,9 +2,12 @@
 #include "clap/crc32.h"
 #include "clap/plugins.h"
 #include "frame/has_state.h"
+#include "web/quorl_html.h"
 #include "web/web_ui_library_effect.h"
+#include "webview/media_type.h"
 
 #include <clap/clap.h>
+#include <clap/ext/draft/webview.h>
 
 #include <atomic>
 #include <cmath>
@@ -25,6 +28,7 @@ struct Plugin {
 	const clap_host *host;
 	const clap_host_params *hostParams = nullptr;
 	const clap_host_latency *hostLatency = nullptr; // fetched, never called: latency changes are not announced
+	const clap_host_webview *hostWebview = nullptr; // the host shows the page itself, if it has this
 	web::WebUILibraryEffect<float, Wrapper> effect;
 	std::string bundleResourcePath;
 	bool configured = false;
@@ -119,6 +123,7 @@ struct Plugin {
 	};
 
 	std::vector<Param> params;
+	std::vector<unsigned char> stateBuffer; // reused by state save and load
 
 	Plugin(Plugins *plugins, const clap_host *host) : plugins(plugins), host(host) {}
 
@@ -189,6 +194,7 @@ struct Plugin {
 		auto *p = self(plugin);
 		p->hostParams = static_cast<const clap_host_params *>(p->host->get_extension(p->host, CLAP_EXT_PARAMS));
 		p->hostLatency = static_cast<const clap_host_latency *>(p->host->get_extension(p->host, CLAP_EXT_LATENCY));
+		p->hostWebview = static_cast<const clap_host_webview *>(p->host->get_extension(p->host, CLAP_EXT_WEBVIEW));
 		return true;
 	}
 
@@ -273,6 +279,7 @@ struct Plugin {
 		p->inputPointers.clear();
 		p->outputPointers.clear();
 
+		if (p->effect.messageWaiting()) p->host->request_callback(p->host);
 		p->sendParamEvents(process->out_events);
 		return CLAP_PROCESS_CONTINUE;
 	}
@@ -283,12 +290,22 @@ struct Plugin {
 		if (!std::strcmp(id, CLAP_EXT_PARAMS)) return &paramsExtension;
 		if (!std::strcmp(id, CLAP_EXT_AUDIO_PORTS)) return &audioPortsExtension;
 		if (!std::strcmp(id, CLAP_EXT_NOTE_PORTS)) return &notePortsExtension;
+		if (!std::strcmp(id, CLAP_EXT_STATE)) return &stateExtension;
 		if (!std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
+		if (!std::strcmp(id, CLAP_EXT_WEBVIEW)) return &webviewExtension;
 		return nullptr;
 	}
 
 	// [main-thread]
-	static void plugin_on_main_thread(const clap_plugin *) {}
+	static void plugin_on_main_thread(const clap_plugin *plugin) { self(plugin)->sendWebMessages(); }
+
+	// [main-thread] Hands every queued message to whoever shows the page;
+	// with nobody, they are dropped.
+	void sendWebMessages() {
+		effect.drainMessages([this](const std::vector<unsigned char> &bytes) {
+			if (hostWebview) hostWebview->send(host, bytes.data(), std::uint32_t(bytes.size()));
+		});
+	}
 
 	// ---- events ----
 
@@ -474,6 +491,91 @@ struct Plugin {
 	}
 
 	static constexpr clap_plugin_audio_ports audioPortsExtension{audio_ports_count, audio_ports_get};
+
+	// ---- clap.state ----
+
+	// [main-thread] The effect's parameters as one CBOR map.
+	static bool state_save(const clap_plugin *plugin, const clap_ostream *stream) {
+		auto *p = self(plugin);
+		p->effect.saveState(p->stateBuffer);
+		std::size_t written = 0;
+		while (written < p->stateBuffer.size()) {
+			const std::int64_t n = stream->write(stream, p->stateBuffer.data() + written, p->stateBuffer.size() - written);
+			if (n <= 0) break;
+			written += std::size_t(n);
+		}
+		return written == p->stateBuffer.size();
+	}
+
+	// [main-thread] True whenever the stream could be read: what the bytes
+	// hold is read as far as it makes sense, and the rest keeps its values.
+	static bool state_load(const clap_plugin *plugin, const clap_istream *stream) {
+		auto *p = self(plugin);
+		if (!fillFromStream(stream, p->stateBuffer)) return false;
+		p->effect.loadState(p->stateBuffer);
+		p->sendWebMessages();
+		return true;
+	}
+
+	// Reads a whole stream, in reads that grow with the buffer; only a read of
+	// 0 ends it. A failed read empties the buffer.
+	static bool fillFromStream(const clap_istream *stream, std::vector<unsigned char> &buffer) {
+		buffer.clear();
+		std::size_t filled = 0, chunk = 1024;
+		while (true) {
+			buffer.resize(filled + chunk);
+			const std::int64_t n = stream->read(stream, buffer.data() + filled, chunk);
+			if (n < 0 || std::uint64_t(n) > chunk) {
+				buffer.clear();
+				return false;
+			}
+			filled += std::size_t(n);
+			chunk = buffer.size();
+			if (n == 0) break;
+		}
+		buffer.resize(filled);
+		return true;
+	}
+
+	static constexpr clap_plugin_state stateExtension{state_save, state_load};
+
+	// ---- clap.webview/3 ----
+
+	// The page's address, relative: whoever shows it resolves it against a
+	// base of its own. Copied as a bounded copy, so a short buffer gets no
+	// terminator; the result is always the full length.
+	static std::int32_t webview_get_uri(const clap_plugin *, char *uri, std::uint32_t capacity) {
+		static const char page[] = "/index.html";
+		if (uri && capacity) std::strncpy(uri, page, capacity);
+		return std::int32_t(sizeof(page) - 1);
+	}
+
+	// [any thread] One of the page's files, from the program itself.
+	static bool webview_get_resource(const clap_plugin *, const char *path, char *mediaType, std::uint32_t capacity,
+		const clap_ostream *stream) {
+		if (!path) return false;
+		const std::string type = webview_gui::helpers::guessMediaType(path);
+		if (mediaType && capacity) std::strncpy(mediaType, type.c_str(), capacity);
+		const QuorlHtml::File file = QuorlHtml::get(path);
+		if (!file.data || !stream) return false;
+		std::size_t written = 0;
+		while (written < file.size) {
+			const std::int64_t n = stream->write(stream, file.data + written, file.size - written);
+			if (n <= 0) break;
+			written += std::size_t(n);
+		}
+		return written == file.size;
+	}
+
+	// [main-thread] A message from the page; replies go out at once.
+	static bool webview_receive(const clap_plugin *plugin, const void *bytes, std::uint32_t length) {
+		auto *p = self(plugin);
+		if (bytes || length == 0) p->effect.webReceive(bytes, length);
+		p->sendWebMessages();
+		return true;
+	}
+
+	static constexpr clap_plugin_webview webviewExtension{webview_get_uri, webview_get_resource, webview_receive};
 
 	// ---- clap.note-ports ----
 

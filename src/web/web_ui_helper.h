@@ -3,6 +3,8 @@
 #include "frame/library_param.h"
 #include "frame/range_param_info.h"
 #include "frame/stepped_param_info.h"
+#include "storage/quorl_storage.h"
+#include "web/web_state.h"
 
 #include <cstddef>
 #include <memory>
@@ -38,6 +40,67 @@ struct WebUIHelper {
 			void sendUpdateMessage() {
 				if (effect) effect->sendParamUpdate(*this);
 			}
+
+			// Saved state: the value alone. The page: value, texts, range
+			// position and gesture; from the page: a value, a position on the
+			// dial (which wins over a value in the same merge), or a gesture.
+			template<class Storage>
+			void state(Storage &storage) {
+				if constexpr (quorl::storage::isSavedState<Storage>) {
+					if constexpr (Storage::isWriter) {
+						storage("value", this->value);
+					} else {
+						const double before = this->value;
+						storage("value", this->value);
+						if (this->value != before) {
+							storage.changed = true;
+							sendUpdateMessage();
+						}
+					}
+				} else if constexpr (Storage::isWriter) {
+					storage("value", this->value);
+					storage.extra("$type", "ParamRange");
+					if (info) {
+						storage.extra("name", info->name);
+						double defaultValue = info->defaultValue;
+						storage("defaultValue", defaultValue);
+						std::string text, textUnits;
+						info->toString(this->value, text, textUnits);
+						storage.extra("text", text);
+						storage.extra("textUnits", textUnits);
+					}
+					storage("gesture", gesture);
+					double rangeUnit = position();
+					storage("rangeUnit", rangeUnit);
+				} else {
+					const double before = this->value;
+					const bool gestureBefore = gesture;
+					double value = this->value;
+					storage("value", value);
+					if (value != this->value) this->value = value;
+					storage("gesture", gesture);
+					const double unit = position();
+					double rangeUnit = unit;
+					storage("rangeUnit", rangeUnit);
+					if (rangeUnit != unit && info) {
+						this->value = info->fromPosition(rangeUnit);
+						storage.changed = true;
+						if (storage.dirty) storage.dirty->whole.insert(storage.currentObject);
+					}
+					if (this->value != before) {
+						storage.changed = true;
+						if (storage.dirty) storage.dirty->whole.insert(storage.currentObject);
+						if (effect && effect->paramValueChanged) effect->paramValueChanged(context, this->value);
+						sendUpdateMessage();
+					}
+					if (gesture != gestureBefore && effect && effect->paramGestureChanged) {
+						effect->paramGestureChanged(context, gesture);
+					}
+				}
+			}
+
+		private:
+			double position() const { return info ? info->toPosition(this->value) : this->value; }
 		};
 
 		struct ParamStepped : LibraryParam<int> {
@@ -54,6 +117,45 @@ struct WebUIHelper {
 
 			void sendUpdateMessage() {
 				if (effect) effect->sendParamUpdate(*this);
+			}
+
+			// Saved state: the value alone. The page: value, range and label;
+			// from the page: a value, not clamped (the page keeps to the range).
+			template<class Storage>
+			void state(Storage &storage) {
+				if constexpr (quorl::storage::isSavedState<Storage>) {
+					if constexpr (Storage::isWriter) {
+						storage("value", this->value);
+					} else {
+						const int before = this->value;
+						storage("value", this->value);
+						if (this->value != before) {
+							storage.changed = true;
+							sendUpdateMessage();
+						}
+					}
+				} else if constexpr (Storage::isWriter) {
+					storage("value", this->value);
+					storage.extra("$type", "ParamStepped");
+					if (info) {
+						int low = info->low, high = info->high;
+						storage("low", low);
+						storage("high", high);
+						storage.extra("name", info->name);
+						std::string text = info->toString(this->value);
+						storage.extra("text", text);
+					}
+				} else {
+					int value = this->value;
+					storage("value", value);
+					if (value != this->value) {
+						this->value = value;
+						storage.changed = true;
+						if (storage.dirty) storage.dirty->whole.insert(storage.currentObject);
+						if (effect && effect->paramSteppedChanged) effect->paramSteppedChanged(context, value);
+						sendUpdateMessage();
+					}
+				}
 			}
 		};
 

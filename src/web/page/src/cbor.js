@@ -49,7 +49,10 @@
       return at;
     }
 
-    u8(v) { this.bytes[this.reserve(1)] = v; }
+    u8(v) {
+      const at = this.reserve(1); // may start a new chunk: take `bytes` after it
+      this.bytes[at] = v;
+    }
 
     raw(source) {
       const at = this.reserve(source.length);
@@ -204,10 +207,14 @@
   ];
   const typedArrayByTag = new Map();
   for (const [type, be, le] of typedArrayTags) {
-    if (!type) continue;
+    // Half floats become a Float32Array where the platform has no Float16Array.
+    const half = be === 80 && !type;
+    if (!type && !half) continue;
+    const entry = { type: type || Float32Array, half, size: half ? 2 : type.BYTES_PER_ELEMENT };
     // Data in the other byte order than the platform's is swapped on decoding.
-    typedArrayByTag.set(be, { type, swap: be !== le && littleEndianPlatform });
-    typedArrayByTag.set(le, { type, swap: be !== le && !littleEndianPlatform });
+    typedArrayByTag.set(be, Object.assign({ swap: be !== le && littleEndianPlatform, little: be === le }, entry));
+    typedArrayByTag.set(le, Object.assign({ swap: be !== le && !littleEndianPlatform, little: true }, entry));
+    if (!type) continue;
     const tag = littleEndianPlatform ? le : be;
     defineTag(type, function () {
       return [tag, new DataView(this.buffer, this.byteOffset, this.byteLength)];
@@ -227,6 +234,11 @@
   }
 
   const BREAK = Symbol('break');
+
+  /** Map keys become property names; a key with no text form of its own gets the generic one. */
+  function keyText(key) {
+    try { return String(key); } catch (e) { return Object.prototype.toString.call(key); }
+  }
 
   class Reader {
     constructor(bytes) {
@@ -331,9 +343,9 @@
           const n = this.argument(major, info);
           const out = Object.create(null);
           if (n < 0) {
-            for (let k = this.itemOrBreak(); k !== BREAK; k = this.itemOrBreak()) out[String(k)] = this.item();
+            for (let k = this.itemOrBreak(); k !== BREAK; k = this.itemOrBreak()) out[keyText(k)] = this.item();
           } else {
-            for (let i = 0; i < n; ++i) { const k = this.item(); out[String(k)] = this.item(); }
+            for (let i = 0; i < n; ++i) { const k = this.item(); out[keyText(k)] = this.item(); }
           }
           return out;
         }
@@ -374,7 +386,7 @@
         this.pos++;
         const n = this.argument(2, info);
         const bytes = n < 0 ? this.chunks(2) : this.bytesOf(n);
-        return makeTypedArray(typed, bytes, tag);
+        return makeTypedArray(typed, bytes);
       }
       const value = this.item();
       switch (tag) {
@@ -397,15 +409,13 @@
     }
   }
 
-  function makeTypedArray(typed, bytes, tag) {
-    // Half floats become Float32Array where the platform has no Float16Array.
-    const half = (tag === 80 || tag === 84) && !root.Float16Array;
-    const size = half ? 2 : typed.type.BYTES_PER_ELEMENT;
+  function makeTypedArray(typed, bytes) {
+    const size = typed.size;
     const count = Math.floor(bytes.length / size);
-    if (half) {
+    if (typed.half) {
       const view = new DataView(bytes.buffer, bytes.byteOffset, bytes.length);
       const out = new Float32Array(count);
-      for (let i = 0; i < count; ++i) out[i] = halfToNumber(view.getUint16(i * 2, tag === 84));
+      for (let i = 0; i < count; ++i) out[i] = halfToNumber(view.getUint16(i * 2, typed.little));
       return out;
     }
     if (!typed.swap && bytes.byteOffset % size === 0) {
