@@ -1,0 +1,12 @@
+import { chromium } from 'playwright-core';
+import { startFakeEffect } from '/work/main/tests/web/page/fake-effect.mjs';
+const fake = await startFakeEffect();
+const b = await chromium.launch({ executablePath: '/usr/bin/chromium', args: ['--headless','--no-sandbox','--disable-gpu'] });
+const p = await b.newPage({ viewport: { width: Number(process.argv[2]||800), height: Number(process.argv[3]||600) } });
+p.on('console', m => console.log('console:', m.text()));
+p.on('pageerror', e => console.log('pageerror:', e.message));
+await p.goto(fake.url + (process.argv[4]||''));
+await p.waitForTimeout(1500);
+await p.screenshot({ path: '/work/main/build-page/screenshots/manual.png' });
+console.log(fake.received.filter(m => !(Array.isArray(m) && m[0]==='meters')).map(m=>JSON.stringify(m)).join('\n'), fake.received.length);
+await b.close(); await fake.close();

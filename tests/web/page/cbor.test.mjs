@@ -1,0 +1,367 @@
+// The page's CBOR codec, as shipped (cbor.min.js): RFC 8949 Appendix A, the
+// bytes of the project's C++ writer, typed arrays, and every decoder error.
+import { test, describe } from 'node:test';
+import assert from 'node:assert/strict';
+import { execFileSync, spawnSync } from 'node:child_process';
+import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { tmpdir } from 'node:os';
+import { dirname, join } from 'node:path';
+import { fileURLToPath } from 'node:url';
+
+const here = dirname(fileURLToPath(import.meta.url));
+const repo = join(here, '..', '..', '..');
+const CBOR = createRequire(import.meta.url)(join(repo, 'src', 'web', 'page', 'cbor.min.js'));
+
+const fromHex = (hex) => {
+  const bytes = new Uint8Array(hex.length / 2);
+  for (let i = 0; i < bytes.length; ++i) bytes[i] = parseInt(hex.substr(i * 2, 2), 16);
+  return bytes;
+};
+const toHex = (buffer) => Buffer.from(new Uint8Array(buffer)).toString('hex');
+const decodeHex = (hex) => CBOR.decode(fromHex(hex));
+const bytesOf = (buffer) => Array.from(new Uint8Array(buffer));
+/** A null-prototype object, as the decoder makes maps. */
+const map = (entries) => Object.assign(Object.create(null), entries);
+
+// RFC 8949 Appendix A: [value as decoded, hex, encodes to the same hex].
+const appendixA = [
+  [0, '00', true], [1, '01', true], [10, '0a', true], [23, '17', true], [24, '1818', true],
+  [25, '1819', true], [100, '1864', true], [1000, '1903e8', true], [1000000, '1a000f4240', true],
+  [1000000000000, '1b000000e8d4a51000', true],
+  [18446744073709551615n, '1bffffffffffffffff', true],
+  [18446744073709551616n, 'c249010000000000000000', true],
+  [-18446744073709551616n, '3bffffffffffffffff', true],
+  [-18446744073709551617n, 'c349010000000000000000', true],
+  [-1, '20', true], [-10, '29', true], [-100, '3863', true], [-1000, '3903e7', true],
+  [0, 'f90000', false], [-0, 'f98000', false], [1, 'f93c00', false],
+  [1.1, 'fb3ff199999999999a', true], [1.5, 'f93e00', false], [65504, 'f97bff', false],
+  [100000, 'fa47c35000', false], [3.4028234663852886e+38, 'fa7f7fffff', false],
+  [1.0e+300, 'fb7e37e43c8800759c', true], [5.960464477539063e-8, 'f90001', false],
+  [0.00006103515625, 'f90400', false], [-4, 'f9c400', false], [-4.1, 'fbc010666666666666', true],
+  [Infinity, 'f97c00', false], [NaN, 'f97e00', false], [-Infinity, 'f9fc00', false],
+  [Infinity, 'fa7f800000', false], [NaN, 'fa7fc00000', false], [-Infinity, 'faff800000', false],
+  [Infinity, 'fb7ff0000000000000', true], [NaN, 'fb7ff8000000000000', true],
+  [-Infinity, 'fbfff0000000000000', true],
+  [false, 'f4', true], [true, 'f5', true], [null, 'f6', true], [undefined, 'f7', true],
+  [new CBOR.Simple(16), 'f0', true], [new CBOR.Simple(255), 'f8ff', true],
+  [new Date('2013-03-21T20:04:00Z'), 'c074323031332d30332d32315432303a30343a30305a', false],
+  [new Date(1363896240000), 'c11a514b67b0', true],
+  [new Date(1363896240500), 'c1fb41d452d9ec200000', true],
+  [new Uint8Array([1, 2, 3, 4]).buffer, 'd74401020304', false], // unknown tag: the item itself
+  [new Uint8Array([0x64, 0x49, 0x45, 0x54, 0x46]).buffer, 'd818456449455446', false],
+  [new URL('http://www.example.com'), 'd82076687474703a2f2f7777772e6578616d706c652e636f6d', false],
+  [new ArrayBuffer(0), '40', true], [new Uint8Array([1, 2, 3, 4]).buffer, '4401020304', true],
+  ['', '60', true], ['a', '6161', true], ['IETF', '6449455446', true], ['"\\', '62225c', true],
+  ['\u00fc', '62c3bc', true], ['\u6c34', '63e6b0b4', true], ['\ud800\udd51', '64f0908591', true],
+  [[], '80', true], [[1, 2, 3], '83010203', true], [[1, [2, 3], [4, 5]], '8301820203820405', true],
+  [Array.from({ length: 25 }, (_, i) => i + 1), '98190102030405060708090a0b0c0d0e0f101112131415161718181819', true],
+  [map({}), 'a0', true], [map({ 1: 2, 3: 4 }), 'a201020304', false],
+  [map({ a: 1, b: [2, 3] }), 'a26161016162820203', true],
+  [['a', map({ b: 'c' })], '826161a161626163', true],
+  [map({ a: 'A', b: 'B', c: 'C', d: 'D', e: 'E' }), 'a56161614161626142616361436164614461656145', true],
+  [new Uint8Array([1, 2, 3, 4, 5]).buffer, '5f42010243030405ff', false],
+  ['streaming', '7f657374726561646d696e67ff', false],
+  [[], '9fff', false],
+  [[1, [2, 3], [4, 5]], '9f018202039f0405ffff', false],
+  [[1, [2, 3], [4, 5]], '9f01820203820405ff', false],
+  [[1, [2, 3], [4, 5]], '83018202039f0405ff', false],
+  [[1, [2, 3], [4, 5]], '83019f0203ff820405', false],
+  [Array.from({ length: 25 }, (_, i) => i + 1), '9f0102030405060708090a0b0c0d0e0f101112131415161718181819ff', false],
+  [map({ a: 1, b: [2, 3] }), 'bf61610161629f0203ffff', false],
+  [['a', map({ b: 'c' })], '826161bf61626163ff', false],
+  [map({ Fun: true, Amt: -2 }), 'bf6346756ef563416d7421ff', false],
+];
+
+/** Deep equality that also compares ArrayBuffers by content, Dates by time and URLs by text. */
+function assertSame(actual, expected, message) {
+  if (expected instanceof ArrayBuffer) {
+    assert.ok(actual instanceof ArrayBuffer, message);
+    assert.deepEqual(bytesOf(actual), bytesOf(expected), message);
+  } else if (expected instanceof Date || expected instanceof URL) {
+    assert.equal(actual.constructor, expected.constructor, message);
+    assert.equal(String(actual), String(expected), message);
+  } else if (typeof expected === 'number' && Number.isNaN(expected)) {
+    assert.ok(Number.isNaN(actual), message);
+  } else {
+    assert.deepStrictEqual(actual, expected, message);
+  }
+}
+
+describe('RFC 8949 Appendix A', () => {
+  test('every example decodes to its value', () => {
+    for (const [value, hex] of appendixA) assertSame(decodeHex(hex), value, hex);
+  });
+
+  test('examples in the encoder\'s own forms encode to the same bytes', () => {
+    for (const [value, hex, encodes] of appendixA) {
+      if (encodes) assert.equal(toHex(CBOR.encode(value)), hex, hex);
+    }
+  });
+
+  test('negative zero keeps its sign through the decoder', () => {
+    assert.ok(Object.is(decodeHex('f98000'), -0));
+    assert.ok(Object.is(CBOR.decode(CBOR.encode(-0)), -0));
+  });
+
+  test('maps decode to objects without a prototype, keys stringified', () => {
+    const m = decodeHex('a3f5016161f6f6a0');
+    assert.equal(Object.getPrototypeOf(m), null);
+    assert.deepEqual(Object.keys(m), ['true', 'a', 'null']);
+    const proto = decodeHex('a1695f5f70726f746f5f5f01'); // {"__proto__": 1}
+    assert.equal(proto.__proto__, 1);
+    assert.equal(Object.getPrototypeOf(proto), null);
+    assert.deepEqual(Object.keys(decodeHex('a1a001')), ['[object Object]']);
+  });
+});
+
+describe('encoder', () => {
+  test('whole numbers take the shortest head up to 32 bits and the 8-byte form above', () => {
+    const cases = [[23, '17'], [24, '1818'], [255, '18ff'], [256, '190100'], [65535, '19ffff'],
+      [65536, '1a00010000'], [4294967295, '1affffffff'], [4294967296, '1b0000000100000000'],
+      [Number.MAX_SAFE_INTEGER, '1b001fffffffffffff'], [-24, '37'], [-25, '3818'],
+      [-4294967297, '3b0000000100000000']];
+    for (const [value, hex] of cases) assert.equal(toHex(CBOR.encode(value)), hex, String(value));
+  });
+
+  test('numbers beyond the safe range and fractions are 64-bit floats', () => {
+    assert.equal(toHex(CBOR.encode(2 ** 53)), 'fb4340000000000000');
+    assert.equal(toHex(CBOR.encode(0.5)), 'fb3fe0000000000000');
+  });
+
+  test('bigints are integers, with tags 2 and 3 beyond 64 bits', () => {
+    assert.equal(toHex(CBOR.encode(5n)), '05');
+    assert.equal(toHex(CBOR.encode(-5n)), '24');
+    assert.equal(toHex(CBOR.encode(2n ** 64n - 1n)), '1bffffffffffffffff');
+    assert.equal(toHex(CBOR.encode(2n ** 72n)), 'c24a01' + '00'.repeat(9));
+    assert.equal(CBOR.decode(CBOR.encode(-(2n ** 100n))), -(2n ** 100n));
+  });
+
+  test('a merge as the page sends it: definite map, integers when whole, floats otherwise', () => {
+    const merge = { engineConfig: { latencyMs: { gesture: true, rangeUnit: 0.5 } }, channelMode: { value: 1 } };
+    assert.equal(toHex(CBOR.encode(merge)),
+      'a2' + '6c656e67696e65436f6e666967' + 'a1' + '696c6174656e63794d73' + 'a2' +
+      '6767657374757265' + 'f5' + '6972616e6765556e6974' + 'fb3fe0000000000000' +
+      '6b6368616e6e656c4d6f6465' + 'a1' + '6576616c7565' + '01');
+    assert.equal(toHex(CBOR.encode('ready')), '657265616479');
+    assert.equal(toHex(CBOR.encode(['meters', 1 / 60, 0.3])),
+      '83666d6574657273fb3f91111111111111fb3fd3333333333333');
+  });
+
+  test('objects of more than 23 keys get a longer head', () => {
+    const big = Object.fromEntries(Array.from({ length: 300 }, (_, i) => ['k' + i, i]));
+    const bytes = new Uint8Array(CBOR.encode(big));
+    assert.deepEqual(Array.from(bytes.slice(0, 3)), [0xb9, 0x01, 0x2c]);
+    assert.deepEqual({ ...CBOR.decode(bytes) }, big);
+  });
+
+  test('messages larger than the first chunk come out whole, into a caller\'s scratch buffer too', () => {
+    const long = { text: 'x'.repeat(5000), rows: Array.from({ length: 300 }, (_, i) => i * 1000.5) };
+    assert.deepEqual({ ...CBOR.decode(CBOR.encode(long)) }, long);
+    assert.deepEqual({ ...CBOR.decode(CBOR.encode(long, new ArrayBuffer(16))) }, long);
+  });
+
+  test('ArrayBuffer and DataView are byte strings, Map a map, Set tag 258', () => {
+    const data = new Uint8Array([9, 8, 7, 6, 5]);
+    assert.equal(toHex(CBOR.encode(data.buffer)), '450908070605');
+    assert.equal(toHex(CBOR.encode(new DataView(data.buffer, 1, 3))), '43080706');
+    assert.equal(toHex(CBOR.encode(new Map([[1, 'a']]))), 'a10161' + '61');
+    assert.equal(toHex(CBOR.encode(new Set([1, 2]))), 'd9010282' + '0102');
+    assert.deepEqual(CBOR.decode(CBOR.encode(new Set(['a', 2]))), new Set(['a', 2]));
+  });
+
+  test('an object with a tag method is written as that tag and value', () => {
+    const tagged = { [CBOR.encodeTag]: () => [1000, 'x'] };
+    assert.equal(toHex(CBOR.encode(tagged)), 'd903e86178');
+  });
+});
+
+describe('typed arrays', () => {
+  // RFC 8746 tag, element type, values; bytes are made for the tag's own byte order.
+  const kinds = [
+    [64, Uint8Array, [0, 1, 255]],
+    [65, Uint16Array, [0, 1, 65535]], [69, Uint16Array, [0, 258, 65535]],
+    [66, Uint32Array, [1, 4294967295]], [70, Uint32Array, [1, 16909060]],
+    [67, BigUint64Array, [1n, 2n ** 64n - 1n]], [71, BigUint64Array, [1n, 2n ** 40n]],
+    [72, Int8Array, [-128, 0, 127]],
+    [73, Int16Array, [-32768, 1, 32767]], [77, Int16Array, [-2, 300]],
+    [74, Int32Array, [-2147483648, 7]], [78, Int32Array, [-5, 1 << 30]],
+    [75, BigInt64Array, [-(2n ** 63n), 5n]], [79, BigInt64Array, [-1n, 2n ** 62n]],
+    [81, Float32Array, [1.5, -0.25, 3e38]], [85, Float32Array, [1.5, -0.25, 1e-30]],
+    [82, Float64Array, [Math.PI, -1e300]], [86, Float64Array, [Math.E, 5e-324]],
+  ];
+
+  /** Tag head + byte string of `values` in the tag's byte order. */
+  function typedBytes(tag, Type, values) {
+    const little = (tag & 4) !== 0 || Type.BYTES_PER_ELEMENT === 1;
+    const data = new DataView(new ArrayBuffer(values.length * Type.BYTES_PER_ELEMENT));
+    const setter = {
+      Uint8Array: 'setUint8', Int8Array: 'setInt8', Uint16Array: 'setUint16', Int16Array: 'setInt16',
+      Uint32Array: 'setUint32', Int32Array: 'setInt32', BigUint64Array: 'setBigUint64',
+      BigInt64Array: 'setBigInt64', Float32Array: 'setFloat32', Float64Array: 'setFloat64',
+    }[Type.name];
+    values.forEach((v, i) => data[setter](i * Type.BYTES_PER_ELEMENT, v, little));
+    return new Uint8Array([0xd8, tag, 0x40 + data.byteLength, ...new Uint8Array(data.buffer)]);
+  }
+
+  test('each RFC 8746 tag gives the matching typed array with the right values in either byte order', () => {
+    for (const [tag, Type, values] of kinds) {
+      const decoded = CBOR.decode(typedBytes(tag, Type, values));
+      assert.equal(decoded.constructor.name, Type.name, 'tag ' + tag);
+      assert.deepEqual(Array.from(decoded), Array.from(Type.from(values)), 'tag ' + tag);
+    }
+  });
+
+  test('tag 85 is a Float32Array viewing the message\'s own buffer when aligned', () => {
+    // The array data stands 14 bytes into the message: 82, "meters", a1, "a", tag, head.
+    const message = fromHex('8266' + '6d6574657273' + 'a1' + '6161' + 'd855' + '48' + '0000c03f' + '000080be');
+    const whole = new Uint8Array(64);
+    whole.set(message, 2); // data at 16 in the buffer
+    const view = whole.subarray(2, 2 + message.length);
+    const rows = CBOR.decode(view)[1].a;
+    assert.ok(rows instanceof Float32Array);
+    assert.deepEqual(Array.from(rows), [1.5, -0.25]);
+    assert.equal(rows.buffer, whole.buffer);
+    assert.equal(rows.byteOffset % 4, 0);
+  });
+
+  test('unaligned or big-endian data is copied, with the same values', () => {
+    const le = fromHex('d855480000c03f000080be');
+    assert.equal(CBOR.decode(le).buffer === le.buffer, false, 'data at offset 3 is not aligned');
+    assert.deepEqual(Array.from(CBOR.decode(le)), [1.5, -0.25]);
+    const be = fromHex('d85148' + '3fc00000' + 'be800000');
+    assert.deepEqual(Array.from(CBOR.decode(be)), [1.5, -0.25]);
+  });
+
+  test('half floats (tags 80, 84) decode to their values', () => {
+    const values = Array.from(CBOR.decode(fromHex('d85446' + '003c' + '00c4' + '007c')));
+    assert.deepEqual(values, [1, -4, Infinity]);
+    assert.deepEqual(Array.from(CBOR.decode(fromHex('d85044' + '3c00' + '3e00'))), [1, 1.5]);
+  });
+
+  test('a partial last element is left out', () => {
+    assert.deepEqual(Array.from(CBOR.decode(fromHex('d8554500008040ff'))), [4]);
+  });
+
+  test('typed arrays encode with the platform\'s tag and decode to the same type', () => {
+    const arrays = [new Uint8Array([1, 2]), new Int8Array([-1]), new Uint16Array([513]),
+      new Int16Array([-2]), new Uint32Array([1e9]), new Int32Array([-1e9]), new Float32Array([0.5, 2]),
+      new Float64Array([Math.PI]), new BigInt64Array([-3n]), new BigUint64Array([3n])];
+    const expectedTag = { Uint8Array: 64, Int8Array: 72, Uint16Array: 69, Int16Array: 77, Uint32Array: 70,
+      Int32Array: 78, Float32Array: 85, Float64Array: 86, BigInt64Array: 79, BigUint64Array: 71 };
+    for (const a of arrays) {
+      const bytes = new Uint8Array(CBOR.encode(a));
+      assert.deepEqual(Array.from(bytes.slice(0, 2)), [0xd8, expectedTag[a.constructor.name]], a.constructor.name);
+      const back = CBOR.decode(bytes);
+      assert.equal(back.constructor.name, a.constructor.name);
+      assert.deepEqual(Array.from(back), Array.from(a));
+    }
+    // A view into a larger buffer writes only its own elements.
+    const part = new Float32Array([1, 2, 3, 4]).subarray(1, 3);
+    assert.equal(toHex(CBOR.encode(part)), 'd8554800000040' + '00004040');
+  });
+});
+
+describe('bytes of the project\'s C++ writer', () => {
+  /**
+   * The generator's output: built with the project's writer when a compiler
+   * is here (and then it must match the committed copy), else the committed copy.
+   */
+  function writerMessages() {
+    const committed = readFileSync(join(here, 'cpp-writer-messages.txt'), 'utf8');
+    const compiler = ['c++', 'g++', 'clang++'].find((c) => spawnSync(c, ['--version']).status === 0);
+    if (compiler) {
+      const dir = mkdtempSync(join(tmpdir(), 'lumbrel-cbor-'));
+      try {
+        const exe = join(dir, 'cpp_writer_messages');
+        execFileSync(compiler, ['-std=c++17', '-I', join(repo, 'src'), join(here, 'cpp_writer_messages.cpp'), '-o', exe]);
+        const fresh = execFileSync(exe, { encoding: 'utf8' });
+        assert.equal(fresh, committed, 'cpp-writer-messages.txt is stale: regenerate it from cpp_writer_messages.cpp');
+      } finally {
+        rmSync(dir, { recursive: true, force: true });
+      }
+    }
+    return Object.fromEntries(committed.trim().split('\n').map((line) => line.split(' ')));
+  }
+  const messages = writerMessages();
+
+  test('a parameter update reads as a merge down to the full parameter', () => {
+    const update = decodeHex(messages.update);
+    assert.deepEqual(JSON.parse(JSON.stringify(update)), {
+      engineConfig: { latencyMs: { value: 12.5, $type: 'ParamRange', name: 'latency', defaultValue: 10,
+        text: '12.5', textUnits: 'ms', gesture: true, rangeUnit: 0.625 } },
+    });
+  });
+
+  test('a spectrum\'s tag 85 rows become Float32Arrays with the written values', () => {
+    const [kind, merge] = decodeHex(messages.meters);
+    assert.equal(kind, 'meters');
+    const spectrum = merge.analysisSpectrum;
+    assert.equal(spectrum.$type, 'Spectrum');
+    assert.ok(spectrum.hz instanceof Float32Array);
+    assert.deepEqual(Array.from(spectrum.hz), [0, 93.75, 187.5, 24000]);
+    assert.equal(spectrum.energy.length, 2);
+    assert.ok(spectrum.energy.every((row) => row instanceof Float32Array));
+    assert.deepEqual(Array.from(spectrum.energy[0]), Array.from(new Float32Array([1, 0.5, 1e-6, 0])));
+    assert.deepEqual(Array.from(spectrum.energy[1]), Array.from(new Float32Array([0.25, -2, 3.5e-3, 1e-30])));
+  });
+
+  test('a reply with nested indefinite maps and negative integers', () => {
+    const [kind, merge] = decodeHex(messages.reply);
+    assert.equal(kind, 'state');
+    assert.deepEqual({ ...merge.peakShifterConfig.semitones },
+      { value: -24, $type: 'ParamStepped', low: -24, high: 24, name: 'semitones', text: '-24' });
+  });
+
+  test('integer heads of every width, in an indefinite array', () => {
+    assert.deepEqual(decodeHex(messages.integers), [0, 23, 24, 255, 256, 65535, 65536, 4294967295,
+      4294967296, 9007199254740991, -1, -24, -25, -256, -257, -65537, -4294967297]);
+  });
+
+  test('big- and little-endian float arrays read the same; an empty one is empty', () => {
+    const [be, le, empty] = decodeHex(messages.floatOrders);
+    assert.deepEqual(Array.from(be), Array.from(le));
+    assert.deepEqual(Array.from(le), Array.from(new Float32Array([0.25, -2, 3.5e-3, 1e-30])));
+    assert.ok(empty instanceof Float32Array);
+    assert.equal(empty.length, 0);
+  });
+
+  test('UTF-8 text, doubles and booleans', () => {
+    assert.deepEqual({ ...decodeHex(messages.mixed) },
+      { name: 'Lumbrel: Pitch Shifter \u2014 \u00fc', pi: Math.PI, tiny: -1e-300, flags: [false, true] });
+  });
+});
+
+describe('decoder errors', () => {
+  const cases = {
+    'end of CBOR': ['', '19', '1901', '6261', '83 01 02', '9f 01', 'a1 01', 'bf 6161', 'd855', '5f 41'],
+    'invalid additional CBOR code': ['1c', '1d', '1e', '3c', '5d', '7e', '9c', 'bd', 'dc', 'fc', 'fd', 'fe'],
+    'invalid indefinite type': ['1f', '3f', 'df', 'ff', '81 ff', 'bf 6161 ff', 'a1 ff 01'],
+    'indefinite bytes with non-byte item': ['5f 6161 ff', '5f 01 ff', '5f 5f ff ff'],
+    'indefinite string with non-string item': ['7f 4161 ff', '7f 80 ff', '7f 7f ff ff'],
+    'unsupported type for 8-byte length': ['5b 0000000000000001 00', '7b 0000000000000000',
+      '9b 0000000000000000', 'bb 0000000000000000'],
+    'invalid simple value': ['f8 00', 'f8 14', 'f8 1f'],
+  };
+  for (const [message, inputs] of Object.entries(cases)) {
+    test(`"${message}"`, () => {
+      for (const hex of inputs) {
+        assert.throws(() => decodeHex(hex.replace(/ /g, '')), { message }, hex);
+      }
+    });
+  }
+
+  test('8-byte integers, tags and floats are fine; only lengths are refused', () => {
+    assert.equal(decodeHex('1b0000000000000005'), 5);
+    assert.equal(decodeHex('db00000000000003e805'), 5);
+    assert.equal(decodeHex('f8 20'.replace(' ', '')).value, 32);
+  });
+
+  test('what follows the first item is ignored, as in a zero-padded base64 message', () => {
+    assert.equal(decodeHex('657265616479000000'), 'ready');
+  });
+
+  test('anything but bytes is refused', () => {
+    assert.throws(() => CBOR.decode('a0'), TypeError);
+  });
+});

@@ -1,0 +1,220 @@
+// The generic page as shipped (index.html with both scripts), in jsdom: the
+// committed files match their sources, and the page's own logic (start-up,
+// message handling, dial and stepper rules) sends and shows what it should.
+// The same page against a fake effect in a real browser: browser.test.mjs.
+import { test, describe } from 'node:test';
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { dirname, join } from 'node:path';
+import { fileURLToPath } from 'node:url';
+import { JSDOM, VirtualConsole } from 'jsdom';
+import { buildPage } from '../../../src/web/page/build.mjs';
+
+const here = dirname(fileURLToPath(import.meta.url));
+const pageDir = join(here, '..', '..', '..', 'src', 'web', 'page');
+const read = (name) => readFileSync(join(pageDir, name), 'utf8');
+const CBOR = createRequire(import.meta.url)(join(pageDir, 'cbor.min.js'));
+
+test('the committed page files are what the sources build to', async () => {
+  const built = await buildPage();
+  for (const [name, text] of Object.entries(built)) {
+    assert.equal(read(name), text, `${name} is stale: run npm run build`);
+  }
+});
+
+test('index.html has the title and loads the two scripts by relative path', () => {
+  const html = read('index.html');
+  assert.match(html, /<title>Generic QUORL UI<\/title>/);
+  assert.match(html, /<script src="cbor\.min\.js"><\/script>/);
+  assert.match(html, /<script src="zelmar-bundle\.min\.js"><\/script>/);
+  assert.doesNotMatch(html, /(src|href)="(https?:)?\/\//, 'the page loads nothing from outside');
+});
+
+/**
+ * The page in jsdom at `query`, with what it posts to its parent decoded into
+ * `sent`, and `deliver(value)` for a message from the effect.
+ */
+async function openPage(query = '') {
+  const html = read('index.html')
+    .replace('<script src="cbor.min.js"></script>', () => `<script>${read('cbor.min.js')}</script>`)
+    .replace('<script src="zelmar-bundle.min.js"></script>', () => `<script>${read('zelmar-bundle.min.js')}</script>`);
+  const sent = [];
+  const virtualConsole = new VirtualConsole(); // jsdom has no canvas; the page copes
+  const errors = [];
+  virtualConsole.on('jsdomError', (e) => { if (!/getContext/.test(e.message)) errors.push(e); });
+  const dom = new JSDOM(html, {
+    url: 'http://127.0.0.1/index.html' + query,
+    runScripts: 'dangerously',
+    pretendToBeVisual: true,
+    virtualConsole,
+    beforeParse(window) {
+      Object.assign(window, { TextEncoder, TextDecoder }); // browsers have them; jsdom does not
+      window.postMessage = (bytes) => sent.push(CBOR.decode(new Uint8Array(bytes)));
+    },
+  });
+  const window = dom.window;
+  const deliver = (value) => {
+    const bytes = new window.Uint8Array(new Uint8Array(CBOR.encode(value)));
+    window.dispatchEvent(new window.MessageEvent('message', { data: bytes.buffer }));
+  };
+  const frame = () => new Promise((resolve) => window.requestAnimationFrame(() => setTimeout(resolve, 0)));
+  await new Promise((resolve) => window.addEventListener('load', resolve));
+  assert.deepEqual(errors, []);
+  const merges = () => sent.filter((m) => m && typeof m === 'object' && !Array.isArray(m)).map((m) => JSON.parse(JSON.stringify(m)));
+  return { window, document: window.document, sent, deliver, frame, merges };
+}
+
+const range = (name, value, rangeUnit, text, extra = {}) => ({
+  value, $type: 'ParamRange', name, defaultValue: 10, text, textUnits: 'ms', gesture: false, rangeUnit, ...extra,
+});
+const stepped = (name, value, low, high, text) => ({ value, $type: 'ParamStepped', low, high, name, text });
+const wholeState = () => ({
+  name: 'Test Effect',
+  desc: '',
+  engineConfig: { name: 'Engine', desc: '', latencyMs: range('latency', 10, 0.5, '10'), iterations: stepped('iterations', 3, 0, 3, '8') },
+  mode: stepped('mode', 0, 0, 1, 'off'),
+  analysisSpectrum: { energy: [] },
+});
+
+describe('start-up and messages', () => {
+  test('says "ready" first, then asks for meters: one spectrum per frame for 0.3 s', async () => {
+    const p = await openPage();
+    assert.equal(p.sent[0], 'ready');
+    for (let i = 0; i < 20 && p.sent.length < 2; ++i) await p.frame();
+    const [kind, interval, duration] = p.sent[1];
+    assert.equal(kind, 'meters');
+    assert.ok(interval > 0 && interval < 0.2, `interval ${interval} s`);
+    assert.equal(duration, 0.3);
+  });
+
+  test('draws the whole state: header, groups, dials and steppers with their texts', async () => {
+    const p = await openPage();
+    assert.equal(p.document.getElementById('header').textContent, '...');
+    assert.equal(p.document.title, 'Generic QUORL UI');
+    p.deliver(wholeState());
+    await p.frame();
+    assert.equal(p.document.getElementById('header').textContent, 'Test Effect');
+    assert.equal(p.document.querySelector('fieldset legend').textContent, 'Engine');
+    const dial = p.document.querySelector('label.param-range');
+    assert.equal(dial.querySelector('output').textContent, '10');
+    assert.equal(dial.querySelector('.units').textContent, 'ms');
+    assert.equal(dial.querySelector('.name').textContent, 'latency');
+    const steppers = Array.from(p.document.querySelectorAll('label.param-stepped'),
+      (l) => [l.querySelector('.name').textContent, l.querySelector('output').textContent]);
+    assert.deepEqual(steppers, [['iterations', '8'], ['mode', 'off']]);
+    // The spectrum without "$type" yet is an empty box with no legend.
+    const boxes = p.document.querySelectorAll('fieldset');
+    assert.equal(boxes.length, 2);
+    assert.equal(boxes[1].querySelector('legend').textContent, '');
+    assert.equal(p.document.querySelector('.plot'), null);
+  });
+
+  test('arrays carry their merge at index 1; merges of one frame apply together; a bad message is dropped', async () => {
+    const p = await openPage();
+    p.deliver(wholeState());
+    await p.frame();
+    p.deliver(['state', { engineConfig: { latencyMs: { text: '11' } } }]);
+    p.deliver({ engineConfig: { latencyMs: { textUnits: 's' } } });
+    const bad = new p.window.Uint8Array([0x1c]).buffer;
+    assert.doesNotThrow(() => p.window.dispatchEvent(new p.window.MessageEvent('message', { data: bad })));
+    p.deliver(['meters', { analysisSpectrum: { $type: 'Spectrum', hz: new Float32Array([0, 100, 20000]), energy: [new Float32Array([1, 0.5, 0.1])] } }]);
+    await p.frame();
+    const dial = p.document.querySelector('label.param-range');
+    assert.equal(dial.querySelector('output').textContent, '11');
+    assert.equal(dial.querySelector('.units').textContent, 's');
+    assert.equal(p.document.querySelectorAll('.plot canvas').length, 3, 'the spectrum now has its plot');
+    assert.equal(p.document.querySelectorAll('fieldset').length, 1, 'and no longer a box');
+    assert.equal(p.merges().length, 0, 'nothing echoes back');
+  });
+
+  test('query keys become classes on the root', async () => {
+    const p = await openPage('?compact&columns');
+    assert.deepEqual(Array.from(p.document.documentElement.classList), ['compact', 'columns']);
+  });
+});
+
+describe('dials and steppers', () => {
+  async function ready() {
+    const p = await openPage();
+    p.deliver(wholeState());
+    await p.frame();
+    const W = p.window;
+    const dial = p.document.querySelector('.dial');
+    const pointer = (type, y, init = {}) => dial.dispatchEvent(new (W.PointerEvent || W.MouseEvent)(type,
+      { bubbles: true, cancelable: true, clientX: 0, clientY: y, button: 0, pointerId: 1, ...init }));
+    const wheel = (deltaY) => dial.dispatchEvent(new W.WheelEvent('wheel', { bubbles: true, cancelable: true, deltaY }));
+    const settle = () => new Promise((resolve) => setTimeout(resolve, 40));
+    return { ...p, dial, pointer, wheel, settle };
+  }
+  const at = (merge) => merge.engineConfig.latencyMs;
+
+  test('a drag sends gesture and rangeUnit, 250 px for the whole range, upward increasing', async () => {
+    const p = await ready();
+    p.pointer('pointerdown', 100);
+    p.pointer('pointermove', 50);
+    await p.settle();
+    p.pointer('pointermove', -500);
+    await p.settle();
+    p.pointer('pointerup', -500);
+    await p.settle();
+    const sent = p.merges().map(at);
+    assert.deepEqual(sent[0], { gesture: true, rangeUnit: 0.7 });
+    assert.deepEqual(sent[1], { rangeUnit: 1 }, 'clamped at the top');
+    assert.deepEqual(sent[2], { gesture: false });
+  });
+
+  test('the stored position keeps a gesture smooth while the effect answers', async () => {
+    const p = await ready();
+    p.pointer('pointerdown', 0);
+    p.pointer('pointermove', -25); // 0.5 + 0.1
+    await p.settle();
+    p.deliver({ engineConfig: { latencyMs: { rangeUnit: 0.55, gesture: true } } }); // an older answer
+    await p.frame();
+    p.wheel(25); // a scroll during the drag continues from the stored 0.6
+    await p.settle();
+    assert.deepEqual(p.merges().map(at).map((m) => m.rangeUnit), [0.6, 0.7]);
+  });
+
+  test('scroll: a gesture of its own that ends 500 ms after the last step', async () => {
+    const p = await ready();
+    p.wheel(-50);
+    await p.settle();
+    assert.deepEqual(at(p.merges()[0]), { gesture: true, rangeUnit: 0.3 });
+    await new Promise((resolve) => setTimeout(resolve, 600));
+    assert.deepEqual(at(p.merges()[1]), { gesture: false });
+  });
+
+  test('a double press sends the default value and the end of the gesture together', async () => {
+    const p = await ready();
+    p.pointer('pointerdown', 0);
+    p.pointer('pointerup', 0);
+    await p.settle();
+    p.pointer('pointerdown', 0);
+    p.pointer('pointerup', 0);
+    await p.settle();
+    const sent = p.merges().map(at);
+    assert.deepEqual(sent.at(-1), { value: 10, gesture: false });
+  });
+
+  test('steppers move by one within low and high, and mark the end they stand at', async () => {
+    const p = await ready();
+    const [iterations, mode] = p.document.querySelectorAll('label.param-stepped');
+    const press = (button) => {
+      button.dispatchEvent(new p.window.MouseEvent('pointerdown', { bubbles: true, button: 0 }));
+      button.dispatchEvent(new p.window.MouseEvent('pointerup', { bubbles: true, button: 0 }));
+    };
+    assert.ok(iterations.querySelector('.up').classList.contains('disabled'));
+    assert.ok(!iterations.querySelector('.down').classList.contains('disabled'));
+    press(iterations.querySelector('.up'));
+    await p.settle();
+    assert.equal(p.merges().length, 0, 'at the top already');
+    press(mode.querySelector('.up'));
+    await p.settle();
+    assert.deepEqual(p.merges(), [{ mode: { value: 1 } }]);
+    assert.ok(mode.querySelector('.up').classList.contains('disabled'));
+    press(iterations.querySelector('.down'));
+    await p.settle();
+    assert.deepEqual(p.merges()[1], { engineConfig: { iterations: { value: 2 } } });
+  });
+});
