@@ -1,0 +1,186 @@
+#pragma once
+// EngineImpl<float>: the spectral engine behind the exported C interface.
+//
+// Set-up (engine_setup.cpp) turns a sample rate and a configuration into the
+// geometry: block, interval, windows, the kernel that models the analysis window
+// in the bin domain, bands with their map, recursion coefficients of the tracked
+// bands, and the emphasis shelves. The block loop (block_loop.cpp) cuts audio at
+// interval boundaries and runs one step at each: STFT, analysis (analysis.cpp),
+// onSpectrum, synthesis (synthesis.cpp).
+//
+// Threads: construction allocates (main thread); reset and process allocate
+// nothing and run on one thread at a time, with the callbacks inside process.
+#include "engine/band_grid.h"
+#include "engine/bump_allocator.h"
+#include "engine/emphasis_shelf.h"
+#include "engine/engine.h"
+#include "engine/window_convolve.h"
+#include "linear/dynamic_stft.h"
+
+#include <complex>
+#include <cstddef>
+#include <cstdint>
+
+namespace varkesh::lumbrel {
+
+template <typename Sample>
+class EngineImpl;
+
+template <>
+class EngineImpl<float> {
+public:
+	// [main-thread, allocates] Builds all geometry and arrays. The engine is not
+	// fit for process until reset has run once.
+	EngineImpl(std::size_t channelsIn, std::size_t channelsOut, float sampleRate, const LumbrelConfig &config);
+
+	void setCallbacks(void *userData, varkesh_lumbrel_spectrum_callback onSpectrum,
+		varkesh_lumbrel_silence_callback onSilence) {
+		callbacks = {userData, onSpectrum, onSilence};
+	}
+
+	// [audio-thread, no allocation] Clears the signal state; the interval's phase
+	// (samples since the last step) carries across.
+	void reset();
+
+	// [audio-thread, no allocation] See engine.h.
+	void process(const float *const *inputs, float *const *outputs, std::size_t length);
+
+	// [inside onSpectrum] Adds `bands` values to an output channel (channel below
+	// channelsIn), at the nominal band positions while the channel's inputHz
+	// pointer is the engine's row at stride paddedBins, else at its frequencies.
+	void add(std::size_t channel, const float *real, const float *imag);
+	void add(std::size_t channel, const std::complex<float> *values);
+	// [inside onSpectrum] Adds `count` values at the given frequencies.
+	void addMoved(std::size_t channel, const float *real, const float *imag, const float *hz, std::size_t count);
+	void addMoved(std::size_t channel, const std::complex<float> *values, const float *hz, std::size_t count);
+
+	// Constant geometry.
+	std::size_t bands() const { return bandCount; }
+	float subRate() const { return stepRate; }
+	std::size_t latencySamples() const { return latencyBlock - latencyReduction; }
+	float nominalHz(std::size_t band) const { return grid.bandHz[band]; }
+	float nominalBand(float hz) const { return grid.map.nominalBand(hz, bandCount); }
+
+	// Pointer tables of the band rows; see the set functions in engine.h.
+	float *inputReal(std::size_t channel) const { return inputRealTable[channel]; }
+	float *inputImag(std::size_t channel) const { return inputImagTable[channel]; }
+	float *inputHz(std::size_t channel) const { return inputHzTable[channel]; }
+	void setInputReal(std::size_t channel, float *row) { inputRealTable[channel] = row; }
+	void setInputImag(std::size_t channel, float *row) { inputImagTable[channel] = row; }
+	void setInputHz(std::size_t channel, float *row) { inputHzTable[channel] = row; }
+
+	// Further geometry, for inspection.
+	std::size_t latencyBlockSamples() const { return latencyBlock; }
+	std::size_t interval() const { return intervalSamples; }
+	std::size_t windowLength() const { return windowSamples; }
+	std::size_t fftSize() const { return fftSamples; }
+	std::size_t lowBandCount() const { return grid.lowBands; }
+	float kneeHz() const { return grid.map.kneeHz; }
+	float kneeBand() const { return grid.map.kneeBand; }
+
+private:
+	using Row = BumpVector<float>;
+
+	struct Callbacks {
+		void *userData = nullptr;
+		varkesh_lumbrel_spectrum_callback onSpectrum = nullptr;
+		varkesh_lumbrel_silence_callback onSilence = nullptr;
+	};
+
+	// Set-up parts (engine_setup.cpp).
+	void buildBandPositions();
+	void buildLowBandTables(double resolutionRatio);
+	void buildWindowKernel();
+	void buildShelves(double emphasisDb);
+
+	// Block loop parts (block_loop.cpp).
+	bool isQuiet(const float *const *inputs, std::size_t length) const;
+	void writeInput(const float *const *inputs, std::size_t offset, std::size_t count);
+	void readOutput(float *const *outputs, std::size_t offset, std::size_t count);
+	void step();
+
+	// Analysis (analysis.cpp).
+	void lumbrelAnalysis();
+	void trackBands(std::size_t channel);
+	void predictBands(std::size_t channel);
+	void resolveBands(std::size_t channel);
+	void residualBeyondPredictions(std::size_t channel);
+	void firstGains(float *bandEnergy);
+	void refineGains(const float *bandEnergy);
+	void measureFrequencies(std::size_t channel);
+	float evaluate(const float *bandEnergy);
+	float gather(const float *row, std::size_t band) const;
+	void scatter(float value, std::size_t band, float *row) const;
+	template <bool imaginary>
+	void convolve(float *in, float *out) const {
+		stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
+	}
+
+	// Synthesis (synthesis.cpp).
+	template <class Read>
+	void placeAtBands(std::size_t channel, Read read);
+	template <class Read>
+	void placeAtHz(std::size_t channel, Read read, const float *hz, std::size_t count);
+	void synthesise();
+
+	// Channel rows of per-band storage.
+	float *row(Row &storage, std::size_t channel) { return storage.data() + channel * bandCount; }
+	float *padded(Row &storage, std::size_t channel) { return storage.data() + channel * paddedBins; }
+
+	std::size_t channelsIn, channelsOut;
+	float sampleRate;
+	std::size_t latencyBlock, intervalSamples, windowSamples, latencyReduction;
+	float stepRate; // subRate: spectra per second
+	float binHz;    // resolution of the window, sampleRate / windowSamples
+	float emphasis;
+	std::size_t iterations;
+
+	varkesh::linear::DynamicSTFT<float, false, 2> stft;
+	std::size_t fftSamples = 0, fftBins = 0, paddedBins = 0;
+
+	BandGrid grid;
+	std::size_t bandCount = 0;
+	BumpVector<std::size_t> bandBin; // lower FFT bin of each band, at most fftBins - 2
+	Row bandFraction;                // position between bandBin and the next; can exceed 1 at the top
+
+	// Tracked bands: rotation per interval, memory of the smoothed STFT, and the
+	// decay of the frequency estimate.
+	Row rotateReal, rotateImag, keep, mix, decay;
+
+	WindowKernel kernel;
+	BumpVector<Shelf> inputFilter, outputFilter;
+	Row inputFlatten, outputFlatten;
+
+	// Padded spectra over max(channelsIn, channelsOut) channels: the input
+	// spectrum during analysis, then the output accumulators.
+	Row spectrumReal, spectrumImag;
+	// Padded scratch for one channel at a time.
+	Row scatterReal, scatterImag, convolvedReal, convolvedImag, residualReal, residualImag, energySpectrum;
+	Row timeRow; // fftSamples floats
+
+	// Per band and input channel.
+	Row inputRealStorage, inputImagStorage, inputHzStorage; // X and its frequency
+	Row trackedReal, trackedImag;                           // T
+	Row energy;                                             // E
+	Row predictedReal, predictedImag;                       // P
+	Row phaseSumReal, phaseSumImag;                         // A
+	Row powerSum;                                           // Q
+	Row coherenceReal, coherenceImag, incoherence;          // Z, written and never read
+	// Per band, one channel at a time.
+	Row gainReal, gainImag, gainBackupReal, gainBackupImag; // G
+	Row localReal, localImag;                               // F
+	Row updateReal, updateImag;                             // D
+
+	BumpVector<float *> inputRealTable, inputImagTable, inputHzTable;
+
+	Callbacks callbacks;
+	std::size_t silentSamples = 0;
+	bool isSilent = false;
+};
+
+} // namespace varkesh::lumbrel
+
+// The exported handle is the engine itself.
+struct varkesh_lumbrel_engine_float : varkesh::lumbrel::EngineImpl<float> {
+	using EngineImpl<float>::EngineImpl;
+};

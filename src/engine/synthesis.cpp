@@ -1,0 +1,139 @@
+// Output synthesis: values added by the effect are shared between the two FFT
+// bins around their frequency, then each step's rows are convolved with the
+// window's kernel (which confines them to the window in time instead of letting
+// them fill and wrap the FFT buffer), flattened and inverse-transformed.
+#include "engine/engine_impl.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+namespace varkesh::lumbrel {
+
+namespace {
+
+// The unsigned bin index of floor(p). Negative positions (and NaN) follow the
+// platform's conversion: on x86 they become an index beyond any row, on 64-bit
+// Arm the conversion saturates at 0.
+inline std::size_t binIndex(float flooredPosition) {
+	constexpr float limit = 1.8446744e19f; // 2^64
+#if defined(__aarch64__)
+	if (!(flooredPosition > 0)) return 0;
+	return flooredPosition < limit ? std::size_t(flooredPosition) : std::numeric_limits<std::size_t>::max();
+#else
+	if (flooredPosition >= 0 && flooredPosition < limit) return std::size_t(flooredPosition);
+	return std::numeric_limits<std::size_t>::max();
+#endif
+}
+
+struct SplitValues {
+	const float *real, *imag;
+	float re(std::size_t i) const { return real[i]; }
+	float im(std::size_t i) const { return imag[i]; }
+};
+
+struct InterleavedValues {
+	const std::complex<float> *values;
+	float re(std::size_t i) const { return values[i].real(); }
+	float im(std::size_t i) const { return values[i].imag(); }
+};
+
+} // namespace
+
+template <class Read>
+void EngineImpl<float>::placeAtBands(std::size_t channel, Read read) {
+	float *outR = padded(spectrumReal, channel) + padded::before;
+	float *outI = padded(spectrumImag, channel) + padded::before;
+	for (std::size_t b = 0; b < bandCount; ++b) {
+		std::size_t i = bandBin[b];
+		if (i >= fftBins) continue;
+		float f = bandFraction[b];
+		float re = read.re(b), im = read.im(b);
+		outR[i] += (1 - f) * re;
+		outI[i] += (1 - f) * im;
+		if (i < fftBins - 1) {
+			outR[i + 1] += f * re;
+			outI[i + 1] += f * im;
+		}
+	}
+}
+
+template <class Read>
+void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *hz, std::size_t count) {
+	if (count == 0) return;
+	float *outR = padded(spectrumReal, channel) + padded::before;
+	float *outI = padded(spectrumImag, channel) + padded::before;
+	float fftSize = float(fftSamples);
+	float rate = sampleRate;
+	for (std::size_t b = 0; b < count; ++b) {
+		float p = hz[b] * fftSize / rate;
+		float floored = std::floor(p);
+		std::size_t i = binIndex(floored);
+		if (i >= fftBins) continue;
+		float f = p - floored;
+		float re = read.re(b), im = read.im(b);
+		outR[i] += (1 - f) * re;
+		outI[i] += (1 - f) * im;
+		if (i < fftBins - 1) {
+			outR[i + 1] += f * re;
+			outI[i + 1] += f * im;
+		}
+	}
+}
+
+// The quick path compares against the engine's row at the stride of the padded
+// rows rather than that of the band rows, so while nobody swaps entries channel
+// 0 lands at the nominal positions and the other channels at their measured
+// frequencies. That difference is the engine's behaviour and is kept.
+void EngineImpl<float>::add(std::size_t channel, const float *real, const float *imag) {
+	SplitValues read{real, imag};
+	if (channel >= channelsIn) {
+		placeAtBands(channel, read); // no table entry: not allowed, kept harmless
+		return;
+	}
+	const float *hz = inputHzTable[channel];
+	if (hz == inputHzStorage.data() + channel * paddedBins) {
+		placeAtBands(channel, read);
+	} else {
+		placeAtHz(channel, read, hz, bandCount);
+	}
+}
+
+void EngineImpl<float>::add(std::size_t channel, const std::complex<float> *values) {
+	InterleavedValues read{values};
+	if (channel >= channelsIn) {
+		placeAtBands(channel, read);
+		return;
+	}
+	const float *hz = inputHzTable[channel];
+	if (hz == inputHzStorage.data() + channel * paddedBins) {
+		placeAtBands(channel, read);
+	} else {
+		placeAtHz(channel, read, hz, bandCount);
+	}
+}
+
+void EngineImpl<float>::addMoved(std::size_t channel, const float *real, const float *imag, const float *hz,
+	std::size_t count) {
+	placeAtHz(channel, SplitValues{real, imag}, hz, count);
+}
+
+void EngineImpl<float>::addMoved(std::size_t channel, const std::complex<float> *values, const float *hz,
+	std::size_t count) {
+	placeAtHz(channel, InterleavedValues{values}, hz, count);
+}
+
+void EngineImpl<float>::synthesise() {
+	const float *flatten = outputFlatten.data();
+	for (std::size_t c = 0; c < channelsOut; ++c) {
+		convolve<false>(padded(spectrumReal, c), convolvedReal.data());
+		convolve<true>(padded(spectrumImag, c), convolvedImag.data());
+		const float *re = convolvedReal.data() + padded::before, *im = convolvedImag.data() + padded::before;
+		std::complex<float> *bins = stft.spectrumRow(c);
+		for (std::size_t k = 0; k < fftBins; ++k) bins[k] = {re[k] * flatten[k], im[k] * flatten[k]};
+		// Channel 0 also adds this step's window product.
+		stft.synthesiseStep(c);
+	}
+}
+
+} // namespace varkesh::lumbrel
