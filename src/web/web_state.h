@@ -1,4 +1,5 @@
 #pragma once
+#include "storage/quorl_storage.h"
 #include "storage/storage_cbor_reader.h"
 #include "storage/storage_cbor_writer.h"
 
@@ -14,7 +15,7 @@ using WebStateWriter = varkesh::storage::StorageCborWriter<WebStateWriterKind>;
 using WebStateReader = varkesh::storage::StorageCborReader<WebStateReaderKind>;
 
 template<class Storage>
-constexpr bool isWebState = std::is_same_v<typename Storage::StorageKind, WebStateWriterKind>
-	|| std::is_same_v<typename Storage::StorageKind, WebStateReaderKind>;
+constexpr bool isWebState = std::is_same_v<typename quorl::storage::KindOf<Storage>::type, WebStateWriterKind>
+	|| std::is_same_v<typename quorl::storage::KindOf<Storage>::type, WebStateReaderKind>;
 
 } // namespace quorl::web

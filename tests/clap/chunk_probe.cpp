@@ -2,8 +2,10 @@
 // writes the length of the chunk that produced each sample to output 0 and the
 // number of effect builds so far to output 1. Built on the same Plugin<T> as
 // Lumbrel.clap, so block cutting and activation are seen through the ABI.
+#include "blocks/lumbrel_effect.h"
 #include "clap/plugin_instance.h"
 #include "clap/plugins.h"
+#include "effects/lumbrel_quorl.h"
 
 #include <clap/clap.h>
 
@@ -56,11 +58,46 @@ struct ChunkProbeQUORL : Base {
 	}
 };
 
+// The smallest spectral effect: every input spectrum added back unchanged.
+class SpectralPass : public varkesh::lumbrel::LumbrelEffect<float> {
+public:
+	using LumbrelEffect::LumbrelEffect;
+	int spectra = 0;
+	void init() {}
+	void reset() { varkesh_lumbrel_engine_float_reset(engine); }
+
+protected:
+	void onSpectrum() override {
+		++spectra;
+		for (std::size_t c = 0; c < channelsIn; ++c) {
+			varkesh_lumbrel_engine_float_addOutputSplit(engine, c, inputReal(c), inputImag(c));
+		}
+	}
+};
+
+template<class Base>
+struct SpectralPassQUORL : varkesh::lumbrel::quorl::LumbrelQUORL<Base, SpectralPass, SpectralPassQUORL<Base>> {
+	template<class Storage>
+	void state(Storage &storage) {
+		varkesh::lumbrel::quorl::groupHeader(storage, "Spectral pass");
+		storage("engineConfig", this->engineConfig);
+	}
+	template<class Fx>
+	void copyParams(Fx &) {}
+	template<class Fx>
+	void refreshSpectrum(Fx &fx) {
+		this->spectrumRow(0).assign(this->analysisSpectrum.hz.size(), float(fx.spectra));
+	}
+};
+
 quorl::clap::Plugins plugins;
 
 bool probe_init(const char *path) {
 	plugins.add<ChunkProbeQUORL>(
 		clap_plugin_descriptor{CLAP_VERSION, "lumbrel.test.chunk-probe", "Chunk probe", "", "", "", "", "1.0.0", "", nullptr},
+		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
+	plugins.add<SpectralPassQUORL>(
+		clap_plugin_descriptor{CLAP_VERSION, "lumbrel.test.spectral-pass", "Spectral pass", "", "", "", "", "1.0.0", "", nullptr},
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
 	return plugins.clap_init(path);
 }
