@@ -4,6 +4,7 @@
 #include "frame/has_state.h"
 #include "web/quorl_html.h"
 #include "web/web_ui_library_effect.h"
+#include "webview/clap_webview_gui.h"
 #include "webview/media_type.h"
 
 #include <clap/clap.h>
@@ -28,7 +29,6 @@ struct Plugin {
 	const clap_host *host;
 	const clap_host_params *hostParams = nullptr;
 	const clap_host_latency *hostLatency = nullptr; // fetched, never called: latency changes are not announced
-	const clap_host_webview *hostWebview = nullptr; // the host shows the page itself, if it has this
 	web::WebUILibraryEffect<float, Wrapper> effect;
 	std::string bundleResourcePath;
 	bool configured = false;
@@ -124,8 +124,9 @@ struct Plugin {
 
 	std::vector<Param> params;
 	std::vector<unsigned char> stateBuffer; // reused by state save and load
+	webview_gui::ClapWebviewGui webviewGui; // the editor: last, so it goes first
 
-	Plugin(Plugins *plugins, const clap_host *host) : plugins(plugins), host(host) {}
+	Plugin(Plugins *plugins, const clap_host *host) : plugins(plugins), host(host), webviewGui(&clapPlugin, host) {}
 
 	void scanParams() {
 		params.clear();
@@ -194,7 +195,10 @@ struct Plugin {
 		auto *p = self(plugin);
 		p->hostParams = static_cast<const clap_host_params *>(p->host->get_extension(p->host, CLAP_EXT_PARAMS));
 		p->hostLatency = static_cast<const clap_host_latency *>(p->host->get_extension(p->host, CLAP_EXT_LATENCY));
-		p->hostWebview = static_cast<const clap_host_webview *>(p->host->get_extension(p->host, CLAP_EXT_WEBVIEW));
+		p->webviewGui.findWebviewExtensions();
+		p->webviewGui.width = p->effect.webWidth;
+		p->webviewGui.height = p->effect.webHeight;
+		if (p->webviewGui.webview) p->webviewGui.webview->setSize(p->webviewGui.width, p->webviewGui.height);
 		return true;
 	}
 
@@ -293,6 +297,7 @@ struct Plugin {
 		if (!std::strcmp(id, CLAP_EXT_STATE)) return &stateExtension;
 		if (!std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
 		if (!std::strcmp(id, CLAP_EXT_WEBVIEW)) return &webviewExtension;
+		if (!std::strcmp(id, CLAP_EXT_GUI)) return self(plugin)->webviewGui.clapGui;
 		return nullptr;
 	}
 
@@ -303,7 +308,7 @@ struct Plugin {
 	// with nobody, they are dropped.
 	void sendWebMessages() {
 		effect.drainMessages([this](const std::vector<unsigned char> &bytes) {
-			if (hostWebview) hostWebview->send(host, bytes.data(), std::uint32_t(bytes.size()));
+			webviewGui.send(bytes.data(), std::uint32_t(bytes.size()));
 		});
 	}
 
