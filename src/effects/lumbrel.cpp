@@ -1,7 +1,9 @@
 // The bundle's front door: the exported entry and the table of plug-ins.
 #include "clap/plugin_instance.h"
 #include "clap/plugins.h"
+#include "effects/decay_scale.h"
 #include "effects/pass_through.h"
+#include "effects/swell.h"
 
 #include <clap/clap.h>
 
@@ -9,7 +11,7 @@ namespace {
 
 using namespace varkesh::lumbrel;
 
-quorl::clap::Plugins plugins;
+::quorl::clap::Plugins plugins;
 
 clap_plugin_descriptor descriptor(const char *id, const char *name) {
 	return clap_plugin_descriptor{CLAP_VERSION, id, name, "Varkesh Audio", "", "", "", "1.0.0", "", nullptr};
@@ -29,9 +31,9 @@ bool clap_init(const char *path) {
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
 	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.transients", "Lumbrel: Transients"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.swell", "Lumbrel: Swell"),
+	plugins.add<SwellQUORL>(descriptor("varkesh.lumbrel.swell", "Lumbrel: Swell"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
-	plugins.add<PassThroughQUORL>(
+	plugins.add<DecayScaleQUORL>(
 		descriptor("varkesh.lumbrel.decay-scale", "Lumbrel (Bespoke Effect Example): Decay Scale"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
 	plugins.add<PassThroughQUORL>(
@@ -47,7 +49,7 @@ bool clap_init(const char *path) {
 void clap_deinit() {}
 
 const void *clap_get_factory(const char *factoryId) {
-	if (factoryId && std::strcmp(factoryId, CLAP_PLUGIN_FACTORY_ID) == 0) return quorl::clap::Plugins::factory(plugins);
+	if (factoryId && std::strcmp(factoryId, CLAP_PLUGIN_FACTORY_ID) == 0) return ::quorl::clap::Plugins::factory(plugins);
 	return nullptr;
 }
 

@@ -14,11 +14,11 @@ struct PassThroughQUORL : Base {
 	template<class Storage>
 	void state(Storage &) {}
 
-	void configureQUORL(quorl::LibraryConfig &) {}
+	void configureQUORL(::quorl::LibraryConfig &) {}
 	void reset() {}
 	std::size_t latencySamples() const { return 0; }
 
-	void processQUORL(const quorl::LibraryConfig &config, const float *const *inputs, float *const *outputs,
+	void processQUORL(const ::quorl::LibraryConfig &config, const float *const *inputs, float *const *outputs,
 		std::size_t length, bool) {
 		for (std::size_t c = 0; c < config.outputChannels; ++c) {
 			if (c < config.inputChannels) {
