@@ -6,5 +6,7 @@ scripts/setup.sh
 scripts/build.sh
 build_dir=${LUMBREL_BUILD_DIR:-build}
 ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
+# The editor page: codec, templating library, the page in jsdom and in Chromium.
+scripts/test-web.sh
 # Every fuzz target for a bounded time (LUMBREL_FUZZ_SECONDS, default 60 s each).
 scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"

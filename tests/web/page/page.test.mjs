@@ -2,7 +2,7 @@
 // committed files match their sources, and the page's own logic (start-up,
 // message handling, dial and stepper rules) sends and shows what it should.
 // The same page against a fake effect in a real browser: browser.test.mjs.
-import { test, describe } from 'node:test';
+import { test, describe, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
@@ -31,6 +31,12 @@ test('index.html has the title and loads the two scripts by relative path', () =
   assert.doesNotMatch(html, /(src|href)="(https?:)?\/\//, 'the page loads nothing from outside');
 });
 
+// A page keeps asking for frames; each test's windows close after it.
+const openWindows = [];
+afterEach(() => {
+  for (const window of openWindows.splice(0)) window.close();
+});
+
 /**
  * The page in jsdom at `query`, with what it posts to its parent decoded into
  * `sent`, and `deliver(value)` for a message from the effect.
@@ -54,6 +60,7 @@ async function openPage(query = '') {
     },
   });
   const window = dom.window;
+  openWindows.push(window);
   const deliver = (value) => {
     const bytes = new window.Uint8Array(new Uint8Array(CBOR.encode(value)));
     window.dispatchEvent(new window.MessageEvent('message', { data: bytes.buffer }));
@@ -72,7 +79,7 @@ const stepped = (name, value, low, high, text) => ({ value, $type: 'ParamStepped
 const wholeState = () => ({
   name: 'Test Effect',
   desc: '',
-  engineConfig: { name: 'Engine', desc: '', latencyMs: range('latency', 10, 0.5, '10'), iterations: stepped('iterations', 3, 0, 3, '8') },
+  engineConfig: { name: 'Engine', desc: '', latencyMs: range('latency', 12, 0.5, '12'), iterations: stepped('iterations', 3, 0, 3, '8') },
   mode: stepped('mode', 0, 0, 1, 'off'),
   analysisSpectrum: { energy: [] },
 });
@@ -97,7 +104,7 @@ describe('start-up and messages', () => {
     assert.equal(p.document.getElementById('header').textContent, 'Test Effect');
     assert.equal(p.document.querySelector('fieldset legend').textContent, 'Engine');
     const dial = p.document.querySelector('label.param-range');
-    assert.equal(dial.querySelector('output').textContent, '10');
+    assert.equal(dial.querySelector('output').textContent, '12');
     assert.equal(dial.querySelector('.units').textContent, 'ms');
     assert.equal(dial.querySelector('.name').textContent, 'latency');
     const steppers = Array.from(p.document.querySelectorAll('label.param-stepped'),

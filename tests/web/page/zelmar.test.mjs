@@ -153,6 +153,19 @@ describe('@foreach', () => {
     assert.equal(p.document.querySelectorAll('li').length, 2);
   });
 
+  test('a merge naming every key, as a whole state does, also sets their order', () => {
+    const p = page(html);
+    const state = p.Zelmar.replace(p.document.body, { spectrum: { name: 'S' } });
+    const spectrum = p.document.querySelector('li');
+    state.merge({ a: { name: 'A' }, b: { name: 'B' }, spectrum: { name: 'S' } });
+    assert.deepEqual(texts(p.document, 'li'), ['A', 'B', 'S']);
+    assert.equal(p.document.querySelectorAll('li')[2], spectrum, 'moved, not rebuilt');
+    state.merge({ b: { name: 'B2' } });
+    assert.deepEqual(texts(p.document, 'li'), ['A', 'B2', 'S'], 'a partial merge keeps the order');
+    const pending = { spectrum: 1 };
+    assert.deepEqual(Object.keys(p.Zelmar.merge.apply(pending, { name: 'x', spectrum: 2 }, true)), ['name', 'spectrum']);
+  });
+
   test('arrays: append, index-key merge, shorten, replace', () => {
     const p = page(`<ol><template @foreach><li>{=}</li></template></ol>`);
     const listState = p.Zelmar.replace(p.document.querySelector('ol'), ['a', 'b']);
@@ -205,6 +218,10 @@ describe('@if', () => {
     assert.equal(p.document.querySelector('b'), null);
     state.merge({ label: 'changed while hidden' });
     assert.equal(p.window.builds.n, 1, 'a hidden inside does not run');
+    const count = (owner) => owner.effects.length + owner.children.reduce((n, c) => n + count(c), 0);
+    const before = count(state.owner);
+    for (let i = 0; i < 50; ++i) state.merge({ show: i % 2 === 0 });
+    assert.ok(count(state.owner) <= before + 2, 'what was taken away is let go');
   });
 
   test('on a template: its content comes and goes', () => {

@@ -14,6 +14,10 @@
   const utf8Encoder = new TextEncoder();
   const utf8Decoder = new TextDecoder('utf-8');
 
+  // Tags rather than instanceof, so that buffers from another frame or realm count too.
+  const typeTag = (v) => Object.prototype.toString.call(v);
+  const isArrayBuffer = (v) => typeTag(v) === '[object ArrayBuffer]';
+
   /** An unassigned simple value (major type 7), kept so that it can be re-encoded. */
   class Simple {
     constructor(value) { this.value = value; }
@@ -28,7 +32,7 @@
   class Writer {
     constructor(buffer) {
       this.chunks = [];
-      this.start(buffer instanceof ArrayBuffer ? buffer : new ArrayBuffer(256));
+      this.start(isArrayBuffer(buffer) ? buffer : new ArrayBuffer(256));
     }
 
     start(buffer) {
@@ -136,12 +140,12 @@
       default: w.u8(0xf7); return; // functions and symbols have no CBOR form
     }
     if (v === null) { w.u8(0xf6); return; }
-    if (v instanceof ArrayBuffer) {
+    if (isArrayBuffer(v)) {
       w.head(2, v.byteLength);
       w.raw(new Uint8Array(v));
       return;
     }
-    if (v instanceof DataView) {
+    if (typeTag(v) === '[object DataView]') {
       w.head(2, v.byteLength);
       w.raw(new Uint8Array(v.buffer, v.byteOffset, v.byteLength));
       return;
@@ -161,7 +165,7 @@
       encodeItem(w, value);
       return;
     }
-    if (v instanceof Map) {
+    if (typeTag(v) === '[object Map]') {
       w.head(5, v.size);
       for (const [key, value] of v) { encodeItem(w, key); encodeItem(w, value); }
       return;
@@ -242,7 +246,7 @@
 
   class Reader {
     constructor(bytes) {
-      if (bytes instanceof ArrayBuffer) bytes = new Uint8Array(bytes);
+      if (isArrayBuffer(bytes)) bytes = new Uint8Array(bytes);
       else if (ArrayBuffer.isView(bytes)) bytes = new Uint8Array(bytes.buffer, bytes.byteOffset, bytes.byteLength);
       else throw new TypeError('CBOR.decode takes an ArrayBuffer or a view');
       this.bytes = bytes;
@@ -393,7 +397,7 @@
         case 0: return typeof value === 'string' ? new Date(value) : value;
         case 1: return typeof value === 'number' ? new Date(value * 1000) : value;
         case 2: case 3: {
-          if (!(value instanceof ArrayBuffer)) return value;
+          if (!isArrayBuffer(value)) return value;
           let n = 0n;
           for (const b of new Uint8Array(value)) n = (n << 8n) | BigInt(b);
           return tag === 2 ? n : -1n - n;

@@ -206,12 +206,21 @@ function drawSpectrum(d, canvas) {
       ctx.strokeText(text, px, py);
       ctx.fillText(text, px, py);
     };
+    // On a small plot, labels that would run into the previous one are left out.
+    let freeX = -Infinity;
     for (const b of gridDecades(high)) {
-      label(b < 1000 ? b + 'Hz' : b / 1000 + 'kHz', x(b) + 2, height - 2);
+      const text = b < 1000 ? b + 'Hz' : b / 1000 + 'kHz';
+      const px = x(b) + 2;
+      if (px < freeX) continue;
+      label(text, px, height - 2);
+      freeX = px + ctx.measureText(text).width + 4;
     }
+    let freeY = -Infinity;
     for (let db = 0; db > -105; db -= db > -48 ? 12 : 24) {
-      const py = spectrumY(Math.pow(10, db / 10), height) + 4;
-      label(db + 'dB', 2, db === 0 ? py + 4 : py);
+      const py = spectrumY(Math.pow(10, db / 10), height) + (db === 0 ? 8 : 4);
+      if (py < freeY || py > height - 14) continue;
+      label(db + 'dB', 2, py);
+      freeY = py + 11;
     }
   }
 }

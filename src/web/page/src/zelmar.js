@@ -75,7 +75,26 @@
       target[key] = value;
       if (changed) changed(target, key, !had);
     }
+    followOrder(target, merge, changed);
     return target;
+  }
+
+  /**
+   * A merge that names every key of an object (a whole state) also sets their
+   * order, so that what arrived before it, such as a spectrum, doesn't stay
+   * first. Index-like keys are left alone: objects always put those first.
+   */
+  function followOrder(target, merge, changed) {
+    const keys = Object.keys(target);
+    if (keys.length < 2 || keys.some(isIndexKey)) return;
+    const order = Object.keys(merge).filter((k) => hasOwn(target, k));
+    if (order.length !== keys.length || order.every((k, i) => k === keys[i])) return;
+    for (const key of order) {
+      const value = target[key];
+      delete target[key];
+      target[key] = value;
+    }
+    if (changed) changed(target, ITERATE, false);
   }
 
   function applyToArray(array, merge, keepNulls, changed) {
@@ -212,6 +231,7 @@
   /** Owns the effects and clean-ups of one built piece of DOM, and of the pieces inside it. */
   class Owner {
     constructor(parent) {
+      this.parent = parent;
       this.effects = [];
       this.children = [];
       this.cleanups = [];
@@ -219,12 +239,20 @@
     }
 
     dispose() {
-      for (const child of this.children) child.dispose();
-      for (const effect of this.effects) effect.dispose();
-      for (const fn of this.cleanups) {
+      for (const child of this.children.splice(0)) {
+        child.parent = null; // no need to leave a list that is gone
+        child.dispose();
+      }
+      for (const effect of this.effects.splice(0)) effect.dispose();
+      for (const fn of this.cleanups.splice(0)) {
         try { fn(); } catch (e) { console.error(e); }
       }
-      this.children.length = this.effects.length = this.cleanups.length = 0;
+      // Pieces come and go for as long as the page lives: let go of this one.
+      if (this.parent) {
+        const i = this.parent.children.indexOf(this);
+        if (i >= 0) this.parent.children.splice(i, 1);
+        this.parent = null;
+      }
     }
   }
 
@@ -351,10 +379,16 @@
 
   // ---------------------------------------------------------------- parsing
 
-  const PATH_RE = /^\{(=|[A-Za-z_$][\w$]*(?:\.[\w$]+)*)\}/;
-  const APPLY_RE = /^\$([A-Za-z_][\w-]*)\{(=|[A-Za-z_$][\w$]*(?:\.[\w$]+)*)\}/;
+  // Sticky, so that they match at `lastIndex` and nowhere else.
+  const PATH_RE = /\{(=|[A-Za-z_$][\w$]*(?:\.[\w$]+)*)\}/y;
+  const APPLY_RE = /\$([A-Za-z_][\w-]*)\{(=|[A-Za-z_$][\w$]*(?:\.[\w$]+)*)\}/y;
 
   const toPath = (text) => (text === '=' ? [] : text.split('.'));
+
+  function matchAt(re, text, i) {
+    re.lastIndex = i;
+    return re.exec(text);
+  }
 
   /** Index of the `}` that closes the brace opened just before `start`, skipping strings. */
   function closingBrace(text, start) {
@@ -374,7 +408,7 @@
 
   /**
    * Cuts a text into parts: strings, `{path}`, `${expression}` and, where
-   * `allowApply`, `$template{path}`.
+   * `allowApply`, `$template{path}`. Anything else, stray braces included, is text.
    */
   function parseParts(text, compiler, allowApply) {
     const parts = [];
@@ -384,8 +418,8 @@
       literal = '';
     };
     for (let i = 0; i < text.length;) {
-      const rest = text.slice(i);
-      if (rest.startsWith('${')) {
+      let m;
+      if (text.startsWith('${', i)) {
         const end = closingBrace(text, i + 2);
         if (end > 0) {
           flushLiteral();
@@ -393,15 +427,12 @@
           i = end + 1;
           continue;
         }
-      }
-      let m;
-      if (allowApply && rest[0] === '$' && (m = APPLY_RE.exec(rest))) {
+      } else if (allowApply && text[i] === '$' && (m = matchAt(APPLY_RE, text, i))) {
         flushLiteral();
         parts.push({ apply: m[1], path: toPath(m[2]) });
         i += m[0].length;
         continue;
-      }
-      if (rest[0] === '{' && (m = PATH_RE.exec(rest))) {
+      } else if (text[i] === '{' && (m = matchAt(PATH_RE, text, i))) {
         flushLiteral();
         parts.push({ path: toPath(m[1]) });
         i += m[0].length;
@@ -560,8 +591,9 @@
       } else {
         plan.children = this.compileChildren(el, skipScripts);
       }
+      // Cloned whole only if nothing inside was left out (scripts, definitions, indentation).
       if (!plan.dynamic.length && !plan.condition && plan.foreach === null &&
-          plan.children.every((c) => c.kind === 'static')) {
+          plan.children.length === el.childNodes.length && plan.children.every((c) => c.kind === 'static')) {
         return { kind: 'static', node: el };
       }
       return plan;
