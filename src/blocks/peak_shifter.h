@@ -1,0 +1,130 @@
+#pragma once
+#include "blocks/lumbrel_effect.h"
+#include "blocks/peaks.h"
+#include "blocks/smoothed_gains.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+
+namespace varkesh::lumbrel {
+
+template<typename Sample>
+class PeakShifter;
+
+// Moves each spectral peak to a new frequency and keeps its phase running
+// coherently across frames. A peak is moved by adding one offset in Hz to all
+// its bands, not by scaling them, so that its shape travels intact. Its
+// complex gain is last frame's gain at the peak's top, rotated by the extra
+// phase the frequency change makes in one frame and set to the peak's new
+// magnitude; `gains.smooth` then removes the steps between peaks.
+//
+// Four levels, each a thin layer on the next; the function objects run once per
+// peak per frame, inline, and must not allocate:
+//   update(effect, peaks)                    the pitch map, gain 1
+//   update(effect, peaks, gainFn)            float gainFn(float fromHz, float toHz)
+//   updateWithMap(effect, peaks, mapFn)      void mapFn(float hz, float &newHz, float &gain)
+//   updateWithPeakMap(effect, peaks, fn)     void fn(const Peak<float> &, float &newHz, float &gain)
+// `gain` enters each function as 1.
+//
+// Set-up is gains.init(effect), from the owner's init(). An owner's reset()
+// sets the gains to 1 + 0j; a fresh, zeroed gain also restarts at phase 0.
+template<>
+class PeakShifter<float> {
+public:
+	float semitones = 0;
+	float tonalityLimit = 1e8f; // Hz from which the shift fades out; the default shifts everything
+	SmoothedGains<float> gains;
+
+	// Frequency map of a shift by `semitones`: the full ratio below `low`,
+	// nothing above `high`, and a straight line in Hz between, so that the map
+	// is continuous and monotonic. The fade never starts below 15 kHz.
+	struct PitchMap {
+		float ratio, low, high, slope;
+
+		PitchMap(float semitones, float tonalityLimit) {
+			ratio = std::exp2(semitones * 0.083333336f);
+			low = tonalityLimit / std::sqrt(ratio);
+			high = std::max(tonalityLimit * std::max(ratio, 1 / ratio) + tonalityLimit, 15000.0f);
+			slope = 1 / (high - low);
+		}
+
+		float operator()(float hz) const {
+			if (hz < low) return hz * ratio;
+			if (hz > high) return hz;
+			return (hz - low) * (high - low * ratio) * slope + low * ratio;
+		}
+	};
+
+	PitchMap pitchMap() const { return PitchMap(semitones, tonalityLimit); }
+
+	// [audio-thread, inside onSpectrum] Shift by the pitch map, gain 1.
+	void update(LumbrelEffect<float> &effect, const Peaks<float> &peaks) {
+		update(effect, peaks, [](float, float) { return 1.0f; });
+	}
+
+	// [audio-thread, inside onSpectrum] Shift by the pitch map, with the gain
+	// gainFn(fromHz, toHz) per peak.
+	template<class GainFn>
+	void update(LumbrelEffect<float> &effect, const Peaks<float> &peaks, GainFn &&gainFn) {
+		const PitchMap map = pitchMap();
+		updateWithMap(effect, peaks, [&map, &gainFn](float hz, float &newHz, float &gain) {
+			newHz = map(hz);
+			gain = gainFn(hz, newHz);
+		});
+	}
+
+	// [audio-thread, inside onSpectrum] Any map of a peak's mean frequency.
+	template<class MapFn>
+	void updateWithMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, MapFn &&mapFn) {
+		updateWithPeakMap(effect, peaks, [&mapFn](const Peak<float> &peak, float &newHz, float &gain) {
+			mapFn(peak.hz, newHz, gain);
+		});
+	}
+
+	// [audio-thread, inside onSpectrum] Any map that may look at the whole peak;
+	// writes one gain and one frequency offset to all bands of each peak, then
+	// smooths the gains. Allocates nothing.
+	template<class PeakMapFn>
+	void updateWithPeakMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakMapFn &&peakMapFn) {
+		float *gainsReal = gains.gainsReal.data();
+		float *gainsImag = gains.gainsImag.data();
+		float *outHz = gains.hz.data();
+		const float *peaksHz = peaks.hz;
+		// Phase gained per Hz of shift in one frame.
+		const float radiansPerHz = 6.2831855f / effect.subRate;
+
+		for (const Peak<float> &peak : peaks.peaks) {
+			float newHz = peak.hz, gain = 1;
+			peakMapFn(peak, newHz, gain);
+			const float shift = newHz - peak.hz;
+			const float theta = shift * radiansPerHz;
+
+			// The top lies inside the peak's own range, so it still holds last
+			// frame's smoothed gain.
+			const float a = gainsReal[peak.peakIndex], b = gainsImag[peak.peakIndex];
+			const float cosTheta = std::cos(theta), sinTheta = std::sin(theta);
+			float re = a * cosTheta - b * sinTheta;
+			float im = b * cosTheta + a * sinTheta;
+			// Only the phase survives; a gain that has died away (or was never
+			// set) starts again from phase 0.
+			const float norm = re * re + im * im;
+			if (norm >= 1e-30f) {
+				const float root = std::sqrt(norm);
+				re = re * gain / root;
+				im = im * gain / root;
+			} else {
+				re = gain;
+				im = 0;
+			}
+			for (std::size_t k = peak.start; k < peak.end; ++k) {
+				gainsReal[k] = re;
+				gainsImag[k] = im;
+				outHz[k] = peaksHz[k] + shift;
+			}
+		}
+		gains.smooth(effect, peaks.energy, false);
+	}
+};
+
+} // namespace varkesh::lumbrel

@@ -1,0 +1,67 @@
+// smoothBands: hand-worked small rows, the ends of the two passes, and the
+// shape of an impulse's response (width and centre) at several widths.
+#include "blocks/smooth_bands.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+namespace {
+
+using varkesh::lumbrel::smoothBands;
+
+TEST(SmoothBands, WidthAtOrBelowFloorChangesNothing) {
+	for (float width : {0.0f, 1e-19f, -3.0f}) {
+		std::vector<float> x{1, 5, -2, 7, 0};
+		const std::vector<float> before = x;
+		smoothBands(x.data(), x.size(), width);
+		EXPECT_EQ(x, before) << "width " << width;
+	}
+}
+
+TEST(SmoothBands, HandWorkedWidthOne) {
+	// a = b = 0.5. Backward from s = x[4] = 0: x3 = 0, x2 = 2, x1 = 1 (x0 and x4
+	// untouched). Forward from s = 1: 0.5, 0.75, 1.375, 0.6875, 0.34375.
+	std::vector<float> x{0, 0, 4, 0, 0};
+	smoothBands(x.data(), x.size(), 1);
+	const std::vector<float> expected{0.5f, 0.75f, 1.375f, 0.6875f, 0.34375f};
+	EXPECT_EQ(x, expected);
+}
+
+TEST(SmoothBands, TwoValuesGetOnlyTheForwardPass) {
+	// s starts at x[1] = 4: x0 = 2 * 0.5 + 4 * 0.5 = 3, x1 = 4 * 0.5 + 3 * 0.5 = 3.5.
+	std::vector<float> x{2, 4};
+	smoothBands(x.data(), x.size(), 1);
+	EXPECT_EQ(x, (std::vector<float>{3, 3.5f}));
+
+	std::vector<float> one{9};
+	smoothBands(one.data(), one.size(), 4); // s = x[0], so x0 = 9
+	EXPECT_FLOAT_EQ(one[0], 9);
+}
+
+// Each pass is a one-pole filter whose impulse response has variance
+// b / a^2 = w (w + 1); the two passes run in opposite directions, so the
+// combined response is symmetric about the impulse with variance 2 w (w + 1).
+TEST(SmoothBands, ImpulseSpreadsSymmetricallyByTheWidth) {
+	const std::size_t n = 2001, centre = 1000;
+	for (float width : {0.5f, 2.0f, 8.0f, 40.0f}) {
+		std::vector<float> x(n, 0.0f);
+		x[centre] = 1;
+		smoothBands(x.data(), n, width);
+		double sum = 0, first = 0, second = 0;
+		for (std::size_t i = 0; i < n; ++i) {
+			double d = double(i) - double(centre);
+			sum += x[i];
+			first += x[i] * d;
+			second += x[i] * d * d;
+		}
+		double mean = first / sum;
+		double spread = std::sqrt(second / sum - mean * mean);
+		double expected = std::sqrt(2.0 * width * (width + 1));
+		EXPECT_NEAR(mean, 0.0, 1e-3) << "width " << width;
+		EXPECT_NEAR(spread / expected, 1.0, 0.01) << "width " << width;
+	}
+}
+
+} // namespace

@@ -1,0 +1,325 @@
+// SmoothedGains on its own contracts: transparency for steady unit gains, the
+// transient measure and its phase pull, the low cut, transient boost, the
+// smoothing width and energy weighting across bands, detail boost and cut,
+// silence, and addOutput measured on the engine's output.
+#include "block_harness.h"
+
+#include "blocks/smoothed_gains.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+namespace {
+
+using namespace lumbrel_test;
+using varkesh::lumbrel::SmoothedGains;
+
+constexpr double degrees = 180 / pi;
+
+// A fresh SmoothedGains on a default engine's grid (677 bands, resolution 20),
+// in the reset state, with every effect switched off so that a test turns on
+// only what it measures.
+struct GainsFixture : ::testing::Test {
+	ProbeEffect effect{1, 1};
+	SmoothedGains<float> gains;
+	std::vector<float> energy;
+	std::size_t bands = 0;
+
+	void SetUp() override {
+		gains.init(effect);
+		bands = effect.bands;
+		energy.assign(bands, 1.0f);
+		gains.phaseSmoothing = 0;
+		gains.transientReset = 0;
+		gains.detailBoost = 0;
+		gains.transientSmoothing = 0;
+		gains.transientBoost = 0;
+		setGains(1, 0);
+	}
+	void setGains(float re, float im) {
+		std::fill(gains.gainsReal.begin(), gains.gainsReal.end(), re);
+		std::fill(gains.gainsImag.begin(), gains.gainsImag.end(), im);
+	}
+	void setPhase(std::size_t from, std::size_t to, double radians, float magnitude = 1) {
+		for (std::size_t b = from; b < to; ++b) {
+			gains.gainsReal[b] = magnitude * float(std::cos(radians));
+			gains.gainsImag[b] = magnitude * float(std::sin(radians));
+		}
+	}
+	// Runs one frame on the current energy, so that previousEnergy holds it.
+	void settle() {
+		std::vector<float> re(gains.gainsReal.begin(), gains.gainsReal.end());
+		std::vector<float> im(gains.gainsImag.begin(), gains.gainsImag.end());
+		gains.smooth(effect, energy.data(), false);
+		gains.gainsReal.assign(re.begin(), re.end());
+		gains.gainsImag.assign(im.begin(), im.end());
+	}
+	double phaseDegrees(std::size_t b) const { return std::atan2(gains.gainsImag[b], gains.gainsReal[b]) * degrees; }
+	double magnitude(std::size_t b) const { return std::hypot(gains.gainsReal[b], gains.gainsImag[b]); }
+};
+
+TEST_F(GainsFixture, SteadyUnitGainsPassUnchangedWithDefaults) {
+	SmoothedGains<float> defaults;
+	gains.phaseSmoothing = defaults.phaseSmoothing;
+	gains.transientReset = defaults.transientReset;
+	gains.detailBoost = defaults.detailBoost;
+	gains.transientSmoothing = defaults.transientSmoothing;
+	gains.transientBoost = 2; // must not act on steady energy
+	for (std::size_t b = 0; b < bands; ++b) energy[b] = 1 + 0.5f * float(std::sin(0.05 * double(b)));
+	setGains(0, 0);
+	settle();
+	setPhase(0, bands, 1.0);
+	gains.smooth(effect, energy.data(), false);
+	double worstPhase = 0, worstLevel = 0;
+	for (std::size_t b = 0; b < bands; ++b) {
+		worstPhase = std::max(worstPhase, std::abs(phaseDegrees(b) - 1.0 * degrees));
+		worstLevel = std::max(worstLevel, std::abs(dB(magnitude(b))));
+	}
+	EXPECT_LT(worstPhase, 0.01);
+	EXPECT_LT(worstLevel, 0.001);
+}
+
+TEST_F(GainsFixture, FirstFrameAfterResetPullsPhaseTowardZero) {
+	// With no history every band with energy is a full transient (T = 1): the
+	// pull adds T x transientReset x |gain| to the real part, so a gain of j
+	// turns to atan2(1, transientReset).
+	for (float reset : {1.0f, 3.0f}) {
+		gains.transientReset = reset;
+		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
+		setPhase(0, bands, pi / 2);
+		gains.smooth(effect, energy.data(), false);
+		double expected = std::atan2(1.0, double(reset)) * degrees;
+		for (std::size_t b : {std::size_t(100), std::size_t(400), bands - 1}) {
+			EXPECT_NEAR(phaseDegrees(b), expected, 0.01) << "band " << b << ", transientReset " << reset;
+			EXPECT_NEAR(magnitude(b), 1.0, 1e-5);
+		}
+		// The same energy again is no transient: the phase stays.
+		setPhase(0, bands, pi / 2);
+		gains.smooth(effect, energy.data(), false);
+		EXPECT_NEAR(phaseDegrees(300), 90.0, 0.01);
+	}
+}
+
+TEST_F(GainsFixture, TransientMeasureFollowsTheRiseOfEnergy) {
+	// From 1 to 4: T = ((4 - 1) / 4)^2 = 0.5625; falling back to 1: T = 0.
+	gains.transientReset = 1;
+	settle();
+	std::fill(energy.begin(), energy.end(), 4.0f);
+	setPhase(0, bands, pi / 2);
+	gains.smooth(effect, energy.data(), false);
+	EXPECT_NEAR(phaseDegrees(300), std::atan2(1.0, 0.5625) * degrees, 0.01);
+
+	std::fill(energy.begin(), energy.end(), 1.0f);
+	setPhase(0, bands, pi / 2);
+	gains.smooth(effect, energy.data(), false);
+	EXPECT_NEAR(phaseDegrees(300), 90.0, 0.01);
+}
+
+TEST_F(GainsFixture, LowCutIgnoresTheBottomHalfAndFadesInTheTop) {
+	gains.transientReset = 1;
+	const float cut = gains.lowCutBands;
+	ASSERT_GT(cut, 8);
+	setPhase(0, bands, pi / 2);
+	gains.smooth(effect, energy.data(), false);
+	for (std::size_t b = 1; float(b) < cut * 0.5f; ++b) {
+		EXPECT_NEAR(phaseDegrees(b), 90.0, 1e-3) << "band " << b << " is below half the cut";
+	}
+	// Above the cut a full transient turns j to 45 degrees; at 3/4 of the cut
+	// the energy is faded by (2 x 0.75 - 1)^2 but the measure is a ratio of
+	// faded energies, so it is still a full transient.
+	EXPECT_NEAR(phaseDegrees(std::size_t(cut) + 1), 45.0, 0.01);
+	EXPECT_NEAR(phaseDegrees(std::size_t(cut * 0.75f)), 45.0, 0.01);
+}
+
+TEST_F(GainsFixture, TransientBoostRaisesLevelOnOnsetsOnly) {
+	gains.transientBoost = 2;
+	setGains(0.5f, 0);
+	gains.smooth(effect, energy.data(), false); // onset: 0.5 x (1 + 1 x 2)
+	EXPECT_NEAR(magnitude(300), 1.5, 1e-5);
+	setGains(0.5f, 0);
+	gains.smooth(effect, energy.data(), false); // steady
+	EXPECT_NEAR(magnitude(300), 0.5, 1e-6);
+}
+
+TEST_F(GainsFixture, UnitGainsTrustTheMagnitudeAndBoostAgainstTheRealPart) {
+	// unitGains, nothing that sets a magnitude: the result has magnitude 1
+	// whatever was written.
+	setGains(3, 0);
+	settle();
+	gains.smooth(effect, energy.data(), true);
+	EXPECT_NEAR(magnitude(300), 1.0, 1e-6);
+
+	// With detail boost on a full transient: B = 1 + T (1 - r) kappa, kappa =
+	// transientReset x detailBoost / (transientReset + 1) = 0.4; for r = -1,
+	// B = 1.8, and the pull 1.8 turns -1 into +0.8, which gets magnitude 1.8.
+	// Measuring the raw magnitude (unitGains false) gives the same for |r| = 1.
+	for (bool unit : {true, false}) {
+		gains.transientReset = 1;
+		gains.detailBoost = 0.8f;
+		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
+		setGains(-1, 0);
+		gains.smooth(effect, energy.data(), unit);
+		EXPECT_NEAR(gains.gainsReal[300], 1.8, 1e-5) << "unitGains " << unit;
+		EXPECT_NEAR(gains.gainsImag[300], 0.0, 1e-6);
+	}
+}
+
+// The phase crosses from 0 to 90 degrees at band k; the width of the region
+// where it lies between 10% and 90% of the step measures the smoothing.
+std::size_t transitionWidth(GainsFixture &f, float phaseSmoothing, std::size_t k) {
+	f.gains.phaseSmoothing = phaseSmoothing;
+	f.setPhase(0, k, 0);
+	f.setPhase(k, f.bands, pi / 2);
+	f.settle();
+	f.gains.smooth(f.effect, f.energy.data(), false);
+	std::size_t width = 0;
+	for (std::size_t b = 0; b < f.bands; ++b) {
+		double p = f.phaseDegrees(b);
+		if (p > 9 && p < 81) ++width;
+	}
+	return width;
+}
+
+TEST_F(GainsFixture, SmoothingWidthScalesWithPhaseSmoothing) {
+	const std::size_t k = 300;
+	EXPECT_EQ(transitionWidth(*this, 0, k), 0u); // a step stays a step
+	EXPECT_NEAR(phaseDegrees(k - 1), 0.0, 1e-4);
+	EXPECT_NEAR(phaseDegrees(k), 90.0, 1e-4);
+
+	std::size_t wide = transitionWidth(*this, 200, k);   // w = 40 bands
+	std::size_t narrow = transitionWidth(*this, 100, k); // w = 20 bands
+	EXPECT_GT(narrow, 20u);
+	EXPECT_LT(narrow, 120u);
+	EXPECT_NEAR(double(wide) / double(narrow), 2.0, 0.25);
+	// Far from the step the phases are left alone, and the level is restored.
+	EXPECT_NEAR(phaseDegrees(k - 200), 0.0, 0.1);
+	EXPECT_NEAR(phaseDegrees(k + 200), 90.0, 0.1);
+	EXPECT_NEAR(magnitude(k), 1.0, 1e-5);
+}
+
+TEST_F(GainsFixture, SmoothingIsWeightedByEnergy) {
+	// A loud region at 0 degrees beside a quiet one at 90: the quiet side's
+	// border bands follow the loud one, instead of meeting it half-way.
+	const std::size_t k = 300;
+	gains.phaseSmoothing = 100;
+	for (std::size_t b = k; b < bands; ++b) energy[b] = 1e-3f;
+	setPhase(0, k, 0);
+	setPhase(k, bands, pi / 2);
+	settle();
+	gains.smooth(effect, energy.data(), false);
+	EXPECT_LT(phaseDegrees(k), 5.0);
+	EXPECT_LT(phaseDegrees(k + 5), 15.0);
+	EXPECT_GT(phaseDegrees(k - 5), -0.01);
+	EXPECT_LT(phaseDegrees(k - 5), 0.1);
+}
+
+// Two regions in opposite phase cancel at their border when smoothed; detail
+// boost gives back up to 1 / (1 - d) there and nothing where phases agree.
+void opposedPhases(GainsFixture &f, float detailBoost, double &border, double &far) {
+	const std::size_t k = 300;
+	f.gains.phaseSmoothing = 100;
+	f.gains.detailBoost = detailBoost;
+	f.setPhase(0, k, 0);
+	f.setPhase(k, f.bands, pi);
+	f.settle();
+	f.gains.smooth(f.effect, f.energy.data(), false);
+	border = 0;
+	for (std::size_t b = k - 3; b <= k + 3; ++b) {
+		double m = f.magnitude(b);
+		if (detailBoost >= 0 ? m > border : (border == 0 || m < border)) border = m;
+	}
+	far = f.magnitude(k - 200);
+}
+
+TEST_F(GainsFixture, DetailBoostRestoresLevelWherePhasesDisagree) {
+	double border, far;
+	opposedPhases(*this, 0, border, far);
+	EXPECT_NEAR(border, 1.0, 0.01); // magnitude from the target alone
+	EXPECT_NEAR(far, 1.0, 1e-5);
+
+	opposedPhases(*this, 0.8f, border, far);
+	EXPECT_GT(border, 4.0); // up to 1 / (1 - 0.8) = 5
+	EXPECT_LE(border, 5.0 + 1e-3);
+	EXPECT_NEAR(far, 1.0, 1e-4);
+
+	// -0.5 becomes d = -1: V = G / (2G - H), a cut down to 0.5.
+	opposedPhases(*this, -0.5f, border, far);
+	EXPECT_LT(border, 0.55);
+	EXPECT_GE(border, 0.5 - 1e-3);
+	EXPECT_NEAR(far, 1.0, 1e-4);
+}
+
+TEST_F(GainsFixture, SilenceGivesExactlyZeroGains) {
+	SmoothedGains<float> defaults;
+	gains.phaseSmoothing = defaults.phaseSmoothing;
+	gains.transientReset = defaults.transientReset;
+	gains.detailBoost = defaults.detailBoost;
+	gains.transientSmoothing = defaults.transientSmoothing;
+	std::fill(energy.begin(), energy.end(), 0.0f);
+	setPhase(0, bands, 0.3);
+	gains.smooth(effect, energy.data(), false);
+	for (std::size_t b = 0; b < bands; ++b) {
+		ASSERT_EQ(gains.gainsReal[b], 0.0f) << b;
+		ASSERT_EQ(gains.gainsImag[b], 0.0f) << b;
+	}
+}
+
+TEST_F(GainsFixture, SmoothAllocatesNothing) {
+	if (!allocationCountingAvailable()) GTEST_SKIP() << "no allocation counter in this build";
+	SmoothedGains<float> defaults;
+	gains.phaseSmoothing = defaults.phaseSmoothing;
+	gains.transientReset = defaults.transientReset;
+	gains.detailBoost = defaults.detailBoost;
+	gains.transientSmoothing = defaults.transientSmoothing;
+	gains.transientBoost = 1;
+	AllocationScope scope;
+	for (int i = 0; i < 10; ++i) gains.smooth(effect, energy.data(), (i & 1) != 0);
+	EXPECT_EQ(scope.count(), 0u);
+}
+
+// addOutput through the engine: unit gains at the nominal frequencies pass a
+// tone through; a complex gain scales and turns it; the `gain` argument scales.
+TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
+	const float rate = 48000;
+	const std::size_t length = 24000, from = 12000, n = 9600; // 9600 = 44 periods of 1100 Hz
+	const double hz = 1100;
+	Signal input = sine(hz, rate, length, 0.5, 0.0);
+	Signal quadrature = sine(hz, rate, length, 0.5, pi / 2);
+
+	struct Case {
+		float re, im, gain;
+	};
+	std::vector<Signal> outputs;
+	std::size_t latency = 0;
+	for (Case c : {Case{1, 0, 1}, Case{0, 0.5f, 1}, Case{0, 0.5f, 2}, Case{-1, 0, 0.25f}}) {
+		ProbeEffect effect(1, 1, rate);
+		latency = varkesh_lumbrel_engine_float_latencySamples(effect.engine);
+		SmoothedGains<float> gains;
+		gains.init(effect);
+		std::fill(gains.gainsReal.begin(), gains.gainsReal.end(), c.re);
+		std::fill(gains.gainsImag.begin(), gains.gainsImag.end(), c.im);
+		effect.frame = [&](ProbeEffect &e) { gains.addOutput(e, 0, e.inputReal(0), e.inputImag(0), c.gain); };
+		outputs.push_back(runEffect(effect, {input})[0]);
+	}
+	auto correlation = [&](const Signal &out, const Signal &reference) {
+		double sum = 0, norm = 0;
+		for (std::size_t i = from; i < from + n; ++i) {
+			sum += double(out[i]) * reference[i - latency];
+			norm += double(reference[i - latency]) * reference[i - latency];
+		}
+		return sum / norm; // the reference's share in the output, as a gain
+	};
+	EXPECT_NEAR(levelDb(outputs[0], input, latency, from, n), 0.0, 0.1);
+	EXPECT_NEAR(correlation(outputs[0], input), 1.0, 0.01);
+
+	EXPECT_NEAR(levelDb(outputs[1], input, latency, from, n), -6.02, 0.1);
+	EXPECT_NEAR(correlation(outputs[1], input), 0.0, 0.01);
+	EXPECT_NEAR(correlation(outputs[1], quadrature), 0.5, 0.01); // j advances the phase by 90 degrees
+
+	EXPECT_NEAR(levelDb(outputs[2], input, latency, from, n), 0.0, 0.1);
+	EXPECT_NEAR(correlation(outputs[3], input), -0.25, 0.005);
+}
+
+} // namespace
