@@ -1,5 +1,5 @@
-// The audio callback of every plug-in allocates nothing once it runs: blocks
-// of changing length, host events and resets included.
+// The audio callback of every plug-in allocates nothing and takes no lock once
+// it runs: blocks of changing length, host events and resets included.
 #include "host/bundle.h"
 #include "host/events.h"
 #include "host/host.h"
@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <mutex>
 #include <random>
 #include <vector>
 
@@ -16,6 +17,13 @@ using namespace lumbrel::host;
 
 TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 	if (!lumbrel_test::allocationCountingAvailable()) GTEST_SKIP() << "no allocation counting in this build";
+	{
+		std::mutex mutex;
+		lumbrel_test::LockScope locks;
+		mutex.lock();
+		mutex.unlock();
+		ASSERT_EQ(locks.count(), 1u) << "the lock counter must see locks";
+	}
 	std::string error;
 	auto bundle = Bundle::load(LUMBREL_BUNDLE_PATH, error);
 	ASSERT_TRUE(bundle) << error;
@@ -38,6 +46,10 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		ASSERT_TRUE(instance.startProcessing());
 		InputEvents events;
 		OutputEvents output;
+		// Host automation of the last parameter (never an engine setting, whose
+		// change rebuilds the effect by design), which also queues page updates.
+		clap_param_info automated{};
+		const bool automate = instance.paramCount() > 0 && instance.paramInfo(instance.paramCount() - 1, automated);
 
 		auto run = [&](int blocks) {
 			for (int b = 0; b < blocks; ++b) {
@@ -47,8 +59,9 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 					right[i] = std::sin(0.05f * float(i));
 				}
 				events.clear();
-				if (b % 3 == 0) {
-					events.paramValue(frames / 2, 0x12345678, 0.5);
+				if (automate && b % 3 == 0) {
+					const double span = automated.max_value - automated.min_value;
+					events.paramValue(frames / 2, automated.id, automated.min_value + span * double(random() % 1000) / 999.0);
 				}
 				output.clear();
 				instance.process(inputs, 2, outputs, 2, frames, events, output);
@@ -56,9 +69,11 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		};
 		run(50); // warm-up: first-use caches may grow here
 		lumbrel_test::AllocationScope scope;
+		lumbrel_test::LockScope locks;
 		run(400);
 		instance.reset();
 		run(50);
 		EXPECT_EQ(scope.count(), 0u);
+		EXPECT_EQ(locks.count(), 0u);
 	}
 }

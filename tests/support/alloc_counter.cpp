@@ -3,6 +3,10 @@
 #include <cstdlib>
 #include <new>
 
+#include <dlfcn.h>
+#include <pthread.h>
+#include <time.h>
+
 // glibc's own entry points, so the replacements below can forward to them.
 extern "C" void *__libc_malloc(std::size_t);
 extern "C" void *__libc_calloc(std::size_t, std::size_t);
@@ -12,14 +16,38 @@ extern "C" void __libc_free(void *);
 
 namespace {
 thread_local std::size_t threadAllocations = 0;
+thread_local std::size_t threadLocks = 0;
+
+template<class Fn>
+Fn next(const char *name) {
+	return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
+} // namespace
 
 namespace lumbrel_test {
 std::size_t allocationCount() { return threadAllocations; }
 bool allocationCountingAvailable() { return true; }
+std::size_t lockCount() { return threadLocks; }
 }
 
 extern "C" {
+// Mutex locks are counted and passed on to the C library's own functions.
+int pthread_mutex_lock(pthread_mutex_t *mutex) {
+	static auto real = next<int (*)(pthread_mutex_t *)>("pthread_mutex_lock");
+	++threadLocks;
+	return real(mutex);
+}
+int pthread_mutex_trylock(pthread_mutex_t *mutex) {
+	static auto real = next<int (*)(pthread_mutex_t *)>("pthread_mutex_trylock");
+	++threadLocks;
+	return real(mutex);
+}
+int pthread_mutex_timedlock(pthread_mutex_t *mutex, const struct timespec *until) {
+	static auto real = next<int (*)(pthread_mutex_t *, const struct timespec *)>("pthread_mutex_timedlock");
+	++threadLocks;
+	return real(mutex, until);
+}
+
 void *malloc(std::size_t size) {
 	++threadAllocations;
 	return __libc_malloc(size);

@@ -13,11 +13,24 @@ std::size_t allocationCount();
 // counts nothing, and tests that rely on it skip.
 bool allocationCountingAvailable();
 
+// pthread mutex locks (pthread_mutex_lock, _trylock, _timedlock) taken by this
+// thread since the process started; 0 where allocations aren't counted.
+std::size_t lockCount();
+
 // Counts the allocations made by this thread within its lifetime.
 class AllocationScope {
 public:
 	AllocationScope() : start(allocationCount()) {}
 	std::size_t count() const { return allocationCount() - start; }
+private:
+	std::size_t start;
+};
+
+// Counts the mutex locks taken by this thread within its lifetime.
+class LockScope {
+public:
+	LockScope() : start(lockCount()) {}
+	std::size_t count() const { return lockCount() - start; }
 private:
 	std::size_t start;
 };
