@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libfftw3-dev        # benchmarks compare the FFT against FFTW; never linked into the bundle
   libsndfile1-dev     # the render tool reads and writes audio files
+  sox espeak-ng       # the demo: its spoken part and the spectrograms
   clang libclang-rt-14-dev  # fuzzing (libFuzzer) and sanitizers
   binutils file
 )

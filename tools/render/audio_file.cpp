@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace lumbrel::render {
@@ -20,13 +23,65 @@ std::string lowerExtension(const std::string &path) {
 	return ext;
 }
 
+// libsndfile's message as the end of one of ours: "System error : No such
+// file or directory." becomes "no such file or directory".
+std::string soundFileError(SNDFILE *file) {
+	std::string text = sf_strerror(file);
+	const std::string system = "System error : ";
+	if (text.compare(0, system.size(), system) == 0) text.erase(0, system.size());
+	while (!text.empty() && (text.back() == '.' || text.back() == ' ' || text.back() == '\n')) text.pop_back();
+	if (!text.empty()) text[0] = char(std::tolower(static_cast<unsigned char>(text[0])));
+	return text;
+}
+
+int majorFormat(const std::string &ext) {
+	if (ext == "wav") return SF_FORMAT_WAV;
+	if (ext == "aif" || ext == "aiff") return SF_FORMAT_AIFF;
+	if (ext == "flac") return SF_FORMAT_FLAC;
+	if (ext == "ogg" || ext == "oga") return SF_FORMAT_OGG;
+	return 0;
+}
+
+int subFormat(int major, SampleEncoding encoding) {
+	if (major == SF_FORMAT_OGG) return SF_FORMAT_VORBIS;
+	switch (encoding) {
+	case SampleEncoding::Pcm16:
+		return SF_FORMAT_PCM_16;
+	case SampleEncoding::Pcm24:
+		return SF_FORMAT_PCM_24;
+	case SampleEncoding::Float32:
+		break;
+	}
+	return major == SF_FORMAT_FLAC ? SF_FORMAT_PCM_24 : SF_FORMAT_FLOAT;
+}
+
+// A hidden name in the target's folder, so that the final rename stays on
+// one file system.
+std::string temporaryBeside(const std::string &path) {
+	const auto slash = path.rfind('/');
+	const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+	const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+	return folder + "." + name + ".partial-" + std::to_string(::getpid());
+}
+
 } // namespace
 
 bool readAudio(const std::string &path, Audio &audio, std::string &error) {
+	struct stat status {};
+	if (::stat(path.c_str(), &status) != 0) {
+		std::string why = std::strerror(errno);
+		why[0] = char(std::tolower(static_cast<unsigned char>(why[0])));
+		error = "cannot read " + path + ": " + why;
+		return false;
+	}
+	if (S_ISDIR(status.st_mode)) {
+		error = "cannot read " + path + ": it is a folder";
+		return false;
+	}
 	SF_INFO info{};
 	SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
 	if (!file) {
-		error = "cannot read " + path + ": " + sf_strerror(nullptr);
+		error = "cannot read " + path + ": " + soundFileError(nullptr);
 		return false;
 	}
 	if (info.channels < 1 || info.samplerate < 1 || info.frames < 0) {
@@ -51,18 +106,11 @@ bool readAudio(const std::string &path, Audio &audio, std::string &error) {
 	return true;
 }
 
-bool writeAudio(const std::string &path, const Audio &audio, std::string &error) {
-	const std::string ext = lowerExtension(path);
-	int format = 0;
-	if (ext == "wav") {
-		format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-	} else if (ext == "aif" || ext == "aiff") {
-		format = SF_FORMAT_AIFF | SF_FORMAT_FLOAT;
-	} else if (ext == "flac") {
-		format = SF_FORMAT_FLAC | SF_FORMAT_PCM_24;
-	} else if (ext == "ogg" || ext == "oga") {
-		format = SF_FORMAT_OGG | SF_FORMAT_VORBIS;
-	} else {
+bool knownOutputFormat(const std::string &path) { return majorFormat(lowerExtension(path)) != 0; }
+
+bool writeAudio(const std::string &path, const Audio &audio, std::string &error, SampleEncoding encoding) {
+	const int major = majorFormat(lowerExtension(path));
+	if (!major) {
 		error = "cannot tell the output format from \"" + path + "\": use .wav, .flac, .aiff or .ogg";
 		return false;
 	}
@@ -73,20 +121,20 @@ bool writeAudio(const std::string &path, const Audio &audio, std::string &error)
 	SF_INFO info{};
 	info.samplerate = int(audio.sampleRate);
 	info.channels = int(audio.channels.size());
-	info.format = format;
+	info.format = major | subFormat(major, encoding);
 	if (!sf_format_check(&info)) {
 		error = "the format of " + path + " cannot hold " + std::to_string(info.channels) + " channels at "
 			+ std::to_string(info.samplerate) + " Hz";
 		return false;
 	}
 
-	const std::string temporary = path + ".partial-" + std::to_string(::getpid());
+	const std::string temporary = temporaryBeside(path);
 	SNDFILE *file = sf_open(temporary.c_str(), SFM_WRITE, &info);
 	if (!file) {
-		error = "cannot write " + path + ": " + sf_strerror(nullptr);
+		error = "cannot write " + path + ": " + soundFileError(nullptr);
 		return false;
 	}
-	// Lossy and integer formats clip at full scale rather than wrapping.
+	// Integer and lossy encodings clip at full scale rather than wrapping.
 	sf_command(file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
 
 	const std::size_t channels = audio.channels.size(), frames = audio.frames();
@@ -100,10 +148,17 @@ bool writeAudio(const std::string &path, const Audio &audio, std::string &error)
 		}
 		ok = sf_writef_float(file, interleaved.data(), sf_count_t(n)) == sf_count_t(n);
 	}
+	const std::string writeError = ok ? "" : soundFileError(file);
 	ok = sf_close(file) == 0 && ok;
-	if (!ok || std::rename(temporary.c_str(), path.c_str()) != 0) {
+	if (!ok) {
 		std::remove(temporary.c_str());
-		error = "cannot write " + path + " (disk full or no permission?)";
+		error = "cannot write " + path + ": " + (writeError.empty() ? "the disk may be full" : writeError);
+		return false;
+	}
+	if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+		const std::string why = std::strerror(errno);
+		std::remove(temporary.c_str());
+		error = "cannot write " + path + ": " + why;
 		return false;
 	}
 	return true;

@@ -13,14 +13,24 @@ struct Audio {
 	std::size_t frames() const { return channels.empty() ? 0 : channels[0].size(); }
 };
 
+// Sample encodings that writeAudio offers; formats that can't hold the one
+// asked for fall back as writeAudio says.
+enum class SampleEncoding { Float32, Pcm16, Pcm24 };
+
 // Reads any file libsndfile knows (WAV, FLAC, AIFF, OGG, ...). On failure
 // returns false with one line in `error`.
 bool readAudio(const std::string &path, Audio &audio, std::string &error);
 
-// Writes `audio` in the format the file name's extension names (.wav, .flac,
-// .aif/.aiff, .ogg), 32-bit float where the format allows it, else 24-bit
-// (FLAC) or Vorbis. The file is written beside the target and renamed over it
-// only when complete, so a failure never leaves a half file in its place.
-bool writeAudio(const std::string &path, const Audio &audio, std::string &error);
+// True if writeAudio can tell a format from the file name: .wav, .flac,
+// .aif/.aiff or .ogg/.oga, in any case.
+bool knownOutputFormat(const std::string &path);
+
+// Writes `audio` in the format the file name's extension names, in
+// `encoding`: WAV and AIFF as asked, FLAC as 24-bit for Float32 (FLAC has no
+// float), OGG always as Vorbis. Integer encodings clip at full scale. The
+// file is written beside the target and renamed over it only when complete,
+// so a failure never leaves a half file in its place or in its name.
+bool writeAudio(const std::string &path, const Audio &audio, std::string &error,
+	SampleEncoding encoding = SampleEncoding::Float32);
 
 } // namespace lumbrel::render
