@@ -47,14 +47,20 @@ struct LumbrelQUORL : Base {
 		if (derived().wantsMono()) channelsIn = channelsOut = 1;
 		if (effect && config.inputChannels >= 2 && effect->channelsIn != channelsIn) effect.reset();
 
-		const double latencyMs = engineConfig.latencyMs.value;
-		const double overlap = engineConfig.overlap.value;
+		// Hosts and saved states may hand any number to these parameters. The
+		// engine is built only within the ranges the parameters declare: a
+		// latency of -100 ms or 2^31 refinement rounds would make no engine, or
+		// one that never finishes a block.
+		const double latencyMs = within(engineConfig.latencyMs.value, 2, 15, 10);
+		const double overlap = within(engineConfig.overlap.value, 3, 6, 4);
 		const double intervalMs = overlap > 0 ? latencyMs / overlap : latencyMs * 0.25;
-		const double resolution = engineConfig.resolution.value;
-		const std::uint64_t iterations = std::uint64_t(1) << (engineConfig.iterationsLog2.value & 31);
+		const double resolution = within(engineConfig.resolution.value, 5, 40, 20);
+		const double emphasis = within(engineConfig.emphasis.value, 0, 24, 12);
+		const int iterationsLog2 = engineConfig.iterationsLog2.value < 0 ? 0 : (engineConfig.iterationsLog2.value > 3 ? 3 : engineConfig.iterationsLog2.value);
+		const std::uint64_t iterations = std::uint64_t(1) << iterationsLog2;
 		const bool direct = engineConfig.directCopy.value == 1;
 		if (effect && engineCache.latencyMs == latencyMs && engineCache.intervalMs == intervalMs
-			&& engineCache.resolution == resolution && engineCache.emphasis == engineConfig.emphasis.value
+			&& engineCache.resolution == resolution && engineCache.emphasis == emphasis
 			&& engineCache.iterations == iterations && engineCache.directCopy == direct) {
 			return *effect;
 		}
@@ -63,7 +69,7 @@ struct LumbrelQUORL : Base {
 		engineCache.intervalMs = intervalMs;
 		engineCache.resolution = resolution;
 		engineCache.resolutionReference = resolution > 20 ? resolution : (resolution > 10 ? 20 : 2 * resolution);
-		engineCache.emphasis = engineConfig.emphasis.value;
+		engineCache.emphasis = emphasis;
 		engineCache.iterations = iterations;
 		engineCache.directCopy = direct;
 
@@ -134,6 +140,12 @@ protected:
 	}
 
 private:
+	// `value` limited to [low, high]; NaN gives `fallback`.
+	static double within(double value, double low, double high, double fallback) {
+		if (!(value == value)) return fallback;
+		return value < low ? low : (value > high ? high : value);
+	}
+
 	Derived &derived() { return static_cast<Derived &>(*this); }
 	const Derived &derived() const { return static_cast<const Derived &>(*this); }
 };
