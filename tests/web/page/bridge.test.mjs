@@ -368,14 +368,11 @@ for (const { id, name } of plugins) {
       await until(position, near(param.default), 'the default again');
     });
 
-    // After a drag the page keeps "gesture": true: the reply to its last
-    // "rangeUnit" carries the plug-in's gesture, still true then, and arrives
-    // after the page's "gesture": false, to which the plug-in sends no reply.
-    // The page's next gesture then changes nothing and sends no "gesture", so
-    // the host hears no begin or end for it.
-    if (id === allPlugins[0].id) test('a second gesture on a dial reaches the host as begin and end too', {
-      todo: 'the page keeps a stale "gesture": true after a drag',
-    }, async (t) => {
+    // After a drag the page may hold a stale "gesture": true: the reply to its
+    // last "rangeUnit" carries the plug-in's gesture, still true then, and
+    // arrives after the page's "gesture": false, to which the plug-in sends no
+    // reply. A press must begin a gesture all the same.
+    if (id === allPlugins[0].id) test('a second gesture on a dial reaches the host as begin and end too', async (t) => {
       const index = params.findIndex((p) => !p.stepped);
       if (index < 0) return t.skip('no ranged parameter');
       const param = params[index];
@@ -383,6 +380,8 @@ for (const { id, name } of plugins) {
       const dial = control(index).locator('.dial');
       const box = await dial.boundingBox();
       const drag = async () => {
+        await sleep(600); // a scroll gesture of an earlier test ends after 500 ms
+        await bridge.paramEvents(); // what earlier gestures left
         await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2);
         await page.mouse.down();
         await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2 + 20, { steps: 4 });
@@ -392,8 +391,9 @@ for (const { id, name } of plugins) {
       try {
         await drag();
         await sleep(300);
-        const second = await drag();
-        assert.deepEqual([second[0].type, second.at(-1).type], ['begin', 'end']);
+        const second = (await drag()).map((e) => e.type);
+        assert.equal(second[0], 'begin', second.join());
+        assert.ok(second.indexOf('end') > 0, second.join());
       } finally {
         await bridge.automate(param.id, param.default);
       }

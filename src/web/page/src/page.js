@@ -47,19 +47,33 @@ function dialMove(d, dx, dy) {
   setDialPosition(d, clampUnit(dialPosition(d) - dy / 250));
 }
 
+/**
+ * Starts a gesture, and says so even when the state already holds
+ * `gesture: true`: the effect's reply to the last position of a drag can
+ * arrive after the release, so a stale `true` must not swallow the next press.
+ */
+function beginGesture(d) {
+  if (d.gesture) d.gesture = false;
+  d.gesture = true;
+}
+
 /** Wheel: a gesture that ends 500 ms after the last step. */
 function dialScroll(d, dx, dy, element) {
   const start = dialPosition(d);
   clearTimeout(element[scrollTimeout]);
-  d.gesture = true;
-  element[scrollTimeout] = setTimeout(() => { d.gesture = false; }, 500);
+  if (!element[scrollTimeout]) beginGesture(d);
+  element[scrollTimeout] = setTimeout(() => {
+    element[scrollTimeout] = null;
+    d.gesture = false;
+  }, 500);
   setDialPosition(d, clampUnit(start + dy / 250));
 }
 
 /** Press starts a gesture; a double press returns to the default. */
 function dialPress(d, count, event, element) {
   clearTimeout(element[scrollTimeout]);
-  d.gesture = true;
+  element[scrollTimeout] = null;
+  beginGesture(d);
   d[gestureUnit] = d.rangeUnit;
   if (count === 2) {
     d.value = d.defaultValue;
