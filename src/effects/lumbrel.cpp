@@ -1,6 +1,8 @@
 // The bundle's front door: the exported entry and the table of plug-ins.
 #include "clap/plugin_instance.h"
 #include "clap/plugins.h"
+#include "effects/chorus.h"
+#include "effects/chorus_detune.h"
 #include "effects/decay_scale.h"
 #include "effects/pass_through.h"
 #include "effects/swell.h"
@@ -25,9 +27,9 @@ bool clap_init(const char *path) {
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
 	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_RESTORATION});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.chorus", "Lumbrel: Chorus (Spectral)"),
+	plugins.add<ChorusQUORL>(descriptor("varkesh.lumbrel.chorus", "Lumbrel: Chorus (Spectral)"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.chorus-detune", "Lumbrel: Chorus (Pitch-Shifter)"),
+	plugins.add<ChorusDetuneQUORL>(descriptor("varkesh.lumbrel.chorus-detune", "Lumbrel: Chorus (Pitch-Shifter)"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
 	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.transients", "Lumbrel: Transients"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER});

@@ -1,0 +1,378 @@
+#pragma once
+// Spectral chorus: every spectral peak of every output channel gets its own
+// slowly wandering complex gain, so that each partial drifts in pitch and level
+// by itself, with a wander bandwidth that follows an auditory scale. Channels
+// wander independently; "width" blends each one with the mean of all.
+#include "blocks/lumbrel_effect.h"
+#include "blocks/peaks.h"
+#include "blocks/smoothed_gains.h"
+#include "effects/lumbrel_quorl.h"
+#include "engine/bump_allocator.h"
+#include "linear/platform_vector.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+
+namespace varkesh::lumbrel {
+
+// [main-thread, makes system calls] 32 random bits from the system's random
+// device. If the device can't be opened or read, the bits come from the
+// address `salt`, the clock and a process-wide count instead: not secret, but
+// still different for every call, so that two instances never share a seed.
+inline std::uint32_t randomDeviceSeed(const void *salt, const char *device = "/dev/urandom") {
+	std::uint32_t bits = 0;
+	if (std::FILE *file = std::fopen(device, "rb")) {
+		std::setvbuf(file, nullptr, _IONBF, 0); // four bytes, not a buffer's worth
+		const bool read = std::fread(&bits, sizeof bits, 1, file) == 1;
+		std::fclose(file);
+		if (read) return bits;
+	}
+	static std::atomic<std::uint32_t> calls{0};
+	std::uint64_t x = std::uint64_t(reinterpret_cast<std::uintptr_t>(salt));
+	x ^= std::uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) * 0x9E3779B97F4A7C15ull;
+	x += std::uint64_t(calls.fetch_add(1, std::memory_order_relaxed)) << 32;
+	// A 64-bit finaliser (MurmurHash3's), so that every input bit reaches the result.
+	x ^= x >> 33;
+	x *= 0xFF51AFD7ED558CCDull;
+	x ^= x >> 33;
+	x *= 0xC4CEB9FE1A85EC53ull;
+	x ^= x >> 33;
+	return std::uint32_t(x);
+}
+
+template<class Sample>
+class Chorus : public LumbrelEffect<float> {
+public:
+	using LumbrelEffect::LumbrelEffect;
+
+	// One output channel's wander: its gains and output frequencies, plus the
+	// two complex stages (z1, z2) of each band's noise filter.
+	struct NoiseStages {
+		float re1, im1, re2, im2;
+	};
+	struct Channel : SmoothedGains<float> {
+		BumpVector<NoiseStages> noise;
+
+		// [audio-thread] Unit gains, no energy history, and fresh noise in
+		// both stages of every band (drawn in band order, z1 first).
+		void reset(Chorus &chorus) {
+			std::fill(gainsReal.begin(), gainsReal.end(), 1.0f);
+			std::fill(gainsImag.begin(), gainsImag.end(), 0.0f);
+			std::fill(previousEnergy.begin(), previousEnergy.end(), 0.0f);
+			for (NoiseStages &z : noise) {
+				chorus.gaussian(z.re1, z.im1);
+				chorus.gaussian(z.re2, z.im2);
+			}
+		}
+
+		// [audio-thread, inside onSpectrum] Steps the noise filter at each
+		// peak's top, turns its phase step into a frequency offset and its
+		// level into the gain of every band of the peak, then smooths.
+		void onSpectrum(Chorus &chorus, const Peaks<float> &peaks) {
+			const float *pole = chorus.noisePole.data();
+			const float *inputGain = chorus.noiseGain.data();
+			float *gr = gainsReal.data(), *gi = gainsImag.data(), *outHz = hz.data();
+			NoiseStages *stages = noise.data();
+			// The phase step of one frame, read as a frequency (1/2pi per radian).
+			const float hzPerRadian = 0.15915494f * chorus.subRate;
+
+			for (const Peak<float> &peak : peaks.peaks) {
+				const std::size_t k = peak.peakIndex;
+				const float a = pole[k], c = inputGain[k];
+				NoiseStages z = stages[k];
+				const float oldRe = z.re2, oldIm = z.im2;
+				float nRe, nIm;
+				chorus.gaussian(nRe, nIm);
+				// Two cascaded one-pole filters on complex noise.
+				z.re1 = z.re1 * a + nRe * c;
+				z.im1 = z.im1 * a + nIm * c;
+				z.re2 = z.re2 * a + z.re1 * c;
+				z.im2 = z.im2 * a + z.im1 * c;
+				stages[k] = z;
+
+				// p = z2 conj(old z2): its phase is this frame's step of the
+				// wander, its size grows with the level.
+				const float pRe = z.re2 * oldRe + z.im2 * oldIm;
+				const float pIm = z.im2 * oldRe - z.re2 * oldIm;
+				const float offset = pIm * hzPerRadian;
+				const float level = z.re2 * z.re2 + z.im2 * z.im2;
+
+				for (std::size_t b = peak.start; b < peak.end; ++b) {
+					float re = gr[b] * pRe - gi[b] * pIm;
+					float im = gr[b] * pIm + gi[b] * pRe;
+					const float norm = re * re + im * im;
+					if (double(norm) > 1e-30) {
+						// The new direction, at the level of z2.
+						const float scale = std::sqrt(level / norm);
+						re *= scale;
+						im *= scale;
+					} else {
+						re = z.re2;
+						im = z.im2;
+					}
+					gr[b] = re;
+					gi[b] = im;
+					outHz[b] = chorus.nominalHz(b) + offset;
+					// Every band of the peak follows its top from now on.
+					stages[b] = z;
+				}
+			}
+			smooth(chorus, peaks.energy, false);
+		}
+	};
+
+	float width = 0.8f; // 0: every channel takes the mean; 1: independent; above 1 pushes apart
+	float mix = 1; // wet amount; above 1 the dry part turns negative
+	Peaks<float> peaks;
+	BumpVector<Channel> channels; // one per output channel
+	float antiWarbleSquared = 0.25f; // how far the level is pulled toward 1
+	BumpVector<float> noisePole, noiseGain; // the noise filter per band
+	// Minimal-standard generator state, 1 to 2^31 - 2. The owner seeds it with
+	// seed(); until then every object draws the same sequence.
+	std::uint32_t randomState = 1;
+	bool seeded = false; // seed() has run
+	BumpVector<float> sumReal, sumImag; // all channels' gains, summed and scaled
+	BumpVector<float> tempReal, tempImag; // output work space
+
+	// [set-up, allocates] Linear needs no scratch here: every row is our own.
+	void init() {
+		peaks.init(*this);
+		peaks.smoothing = 0;
+		channels.resize(channelsOut);
+		for (Channel &channel : channels) {
+			channel.init(*this);
+			channel.noise.assign(bands, NoiseStages{0, 0, 0, 0});
+		}
+		noisePole.assign(bands, 0.0f);
+		noiseGain.assign(bands, 0.0f);
+		setNoiseFilter(436.05988f); // "detune" 2, "anti-warble" 0.5
+		antiWarbleSquared = 0.25f;
+		for (auto *row : {&sumReal, &sumImag, &tempReal, &tempImag}) row->assign(bands, 0.0f);
+	}
+
+	// [audio-thread] The engine and every channel's history; peaks keep theirs.
+	void reset() {
+		varkesh_lumbrel_engine_float_reset(engine);
+		for (Channel &channel : channels) channel.reset(*this);
+	}
+
+	// [any thread] Starts the generator from `bits` (any value).
+	void seed(std::uint32_t bits) {
+		randomState = bits % 2147483647u;
+		if (randomState == 0) randomState = 1;
+		seeded = true;
+	}
+
+	// [audio-thread] The next state of the minimal-standard generator
+	// (x' = 48271 x mod 2^31 - 1), by Schrage's method so that 32 bits suffice.
+	std::uint32_t nextRandom() {
+		const std::int64_t x = randomState;
+		std::int64_t next = 48271 * (x % 44488) - 3399 * (x / 44488);
+		if (next < 0) next += 2147483647;
+		randomState = std::uint32_t(next);
+		return randomState;
+	}
+
+	// [audio-thread] A complex Gaussian sample, each part of standard
+	// deviation 0.5, by the polar method.
+	void gaussian(float &re, float &im) {
+		float u, v, s;
+		do {
+			const std::uint32_t x1 = nextRandom();
+			const std::uint32_t x2 = nextRandom();
+			u = float(x1 - 1) * 0x1p-30f - 1;
+			v = float(x2 - 1) * 0x1p-30f - 1;
+			s = u * u + v * v;
+		} while (s > 1 || s == 0);
+		const float f = std::sqrt(-2 * std::log(s) / s) * 0.5f;
+		re = u * f;
+		im = v * f;
+	}
+
+	// [audio-thread] Pole and input gain of each band's noise filter for the
+	// depth `k`. The corner, in cycles per frame, widens with frequency on an
+	// auditory scale and never falls below 0.001, so the wander never stops.
+	void setNoiseFilter(float k) {
+		float *pole = noisePole.data(), *gain = noiseGain.data();
+		for (std::size_t b = 0; b < bands; ++b) {
+			const float h = nominalHz(b);
+			// About 15.2 at 0 Hz, falling toward 0 at high frequencies.
+			const float q = (h * -8.479652f - 160.10822f) / (h * 0.5528328f + 1176.7571f) + 15.338548f;
+			const float x = std::max(k / (q * q * subRate), 0.001f);
+			const float a = std::exp(x * -8.885766f); // -2 pi sqrt(2)
+			pole[b] = a;
+			gain[b] = (1 - a) * std::pow(x * 1.4142135f, -0.25f);
+		}
+	}
+
+protected:
+	void onSpectrum() override {
+		const std::size_t n = bands;
+		peaks.update(*this, true);
+
+		float *sr = sumReal.data(), *si = sumImag.data();
+		std::fill(sr, sr + n, 0.0f);
+		std::fill(si, si + n, 0.0f);
+		// Draws run through channels and then peaks, in this order.
+		for (Channel &channel : channels) {
+			channel.onSpectrum(*this, peaks);
+			const float *gr = channel.gainsReal.data(), *gi = channel.gainsImag.data();
+			for (std::size_t b = 0; b < n; ++b) {
+				sr[b] += gr[b];
+				si[b] += gi[b];
+			}
+		}
+		const float sumScale = 1 / std::sqrt(float(channelsOut));
+		for (std::size_t b = 0; b < n; ++b) {
+			sr[b] *= sumScale;
+			si[b] *= sumScale;
+		}
+
+		const float wet = (2 - mix) * mix;
+		const float dry = 1 - 0.5f * mix * mix * (3 - mix);
+		const float own = width, common = 1 - width, warble = antiWarbleSquared;
+		float *__restrict outR = tempReal.data();
+		float *__restrict outI = tempImag.data();
+		for (std::size_t o = 0; o < channelsOut; ++o) {
+			const std::size_t i = o % channelsIn;
+			const float *__restrict inR = inputReal(i);
+			const float *__restrict inI = inputImag(i);
+			Channel &channel = channels[o];
+			const float *__restrict gr = channel.gainsReal.data();
+			const float *__restrict gi = channel.gainsImag.data();
+			// The channel's smoothing rows are free until its next frame.
+			float *__restrict tr = channel.outReal.data();
+			float *__restrict ti = channel.outImag.data();
+			float *__restrict level = channel.magnitudes.data();
+			for (std::size_t b = 0; b < n; ++b) {
+				tr[b] = gr[b] * own + sr[b] * common;
+				ti[b] = gi[b] * own + si[b] * common;
+				// The level moves toward 1 as the anti-warble rises.
+				level[b] = 1 + warble * (tr[b] * tr[b] + ti[b] * ti[b] - 1);
+			}
+			linear::platform::sqrt(level, level, n);
+			for (std::size_t b = 0; b < n; ++b) {
+				const float re = tr[b] / level[b] * wet, im = ti[b] / level[b] * wet;
+				outR[b] = inR[b] * re - inI[b] * im;
+				outI[b] = inR[b] * im + inI[b] * re;
+			}
+			varkesh_lumbrel_engine_float_addOutputSplitMoved(engine, o, outR, outI, channels[o].hz.data(), n);
+			for (std::size_t b = 0; b < n; ++b) {
+				outR[b] = inR[b] * dry;
+				outI[b] = inI[b] * dry;
+			}
+			varkesh_lumbrel_engine_float_addOutputSplit(engine, o, outR, outI);
+		}
+	}
+};
+
+namespace quorl {
+
+template<class ParamRange, class ParamStepped>
+struct ChorusConfig {
+	ParamRange detune{1.5};
+	ParamRange antiWarble{0.65};
+	ParamRange width{0.8};
+	ParamRange mix{1};
+
+	template<class Storage>
+	void state(Storage &storage) {
+		groupHeader(storage, "Chorus");
+		// Fewer decimals as the number grows.
+		storage.range("detune", detune)
+			.info("detune")
+			.range(0, 2.5, 50)
+			.unit("%", 2, ::quorl::RangeParamInfo::identityMap, ::quorl::RangeParamInfo::identityMap,
+				std::numeric_limits<double>::lowest(), 4)
+			.unit("%", 1, ::quorl::RangeParamInfo::identityMap, ::quorl::RangeParamInfo::identityMap, 4, 10)
+			.unit("%", 0, ::quorl::RangeParamInfo::identityMap, ::quorl::RangeParamInfo::identityMap, 10,
+				std::numeric_limits<double>::max());
+		storage.range("antiWarble", antiWarble).info("anti-warble").range(0.05, 0.5, 0.95).unit("", 2);
+		storage.range("width", width).info("width").range(0, 0.8, 1.5).unit("", 2);
+		storage.range("mix", mix).info("mix").range(0, 0.75, 1.5).unit("", 2);
+	}
+};
+
+} // namespace quorl
+
+template<class Base>
+struct ChorusQUORL : quorl::LumbrelQUORL<Base, Chorus<float>, ChorusQUORL<Base>> {
+	using Wrapper = quorl::LumbrelQUORL<Base, Chorus<float>, ChorusQUORL<Base>>;
+	using EffectWithPublic = typename Wrapper::EffectWithPublic;
+
+	quorl::PeaksConfig<typename Base::ParamRange, typename Base::ParamStepped> peaksConfig;
+	quorl::SmoothedGainsConfig<typename Base::ParamRange, typename Base::ParamStepped> gainsConfig;
+	quorl::ChorusConfig<typename Base::ParamRange, typename Base::ParamStepped> chorusConfig;
+
+	// The random device is read here, once, on the main thread: an effect
+	// rebuilt on the audio thread takes its seed from `nextSeed` instead.
+	ChorusQUORL() : nextSeed(randomDeviceSeed(this)) {}
+
+	template<class Storage>
+	void state(Storage &storage) {
+		quorl::groupHeader(storage, "Lumbrel3: Chorus (Spectral)");
+		storage("engineConfig", this->engineConfig);
+		storage("peaksConfig", peaksConfig);
+		storage("gainsConfig", gainsConfig);
+		storage("chorusConfig", chorusConfig);
+	}
+
+	// A fresh effect is seeded before its first reset (configure) or its first
+	// block (a rebuild in the block path), so that its first noise already
+	// differs from any other instance's.
+	void resetEffect(EffectWithPublic &fx) {
+		if (!fx.seeded) seedEffect(fx);
+		fx.reset();
+	}
+
+	// [audio-thread] Host values arrive unclamped; each is held to its
+	// control's range, outside which the arithmetic can divide by zero.
+	void copyParams(EffectWithPublic &fx) {
+		if (!fx.seeded) seedEffect(fx);
+		fx.peaks.smoothing = bounded(peaksConfig.smoothing.value, 0, 10);
+		for (auto &channel : fx.channels) {
+			channel.phaseSmoothing = bounded(gainsConfig.phaseSmoothing.value, 0, 10);
+			channel.detailBoost = bounded(gainsConfig.detailBoost.value, -0.95, 0.95);
+			channel.transientReset = bounded(gainsConfig.transientReset.value, 0, 4);
+			channel.transientBoost = bounded(gainsConfig.transientBoost.value, 0, 4);
+			channel.transientSmoothing = bounded(gainsConfig.transientSmoothing.value, 0, 4);
+		}
+		const float w = bounded(chorusConfig.antiWarble.value, 0.05, 0.95);
+		const float w2 = w * w;
+		fx.antiWarbleSquared = w2;
+		fx.setNoiseFilter(bounded(chorusConfig.detune.value, 0, 50) * 178.89636f * (1 + (w2 / 2) * (2 - w2)));
+		fx.width = bounded(chorusConfig.width.value, 0, 1.5);
+		fx.mix = bounded(chorusConfig.mix.value, 0, 1.5);
+	}
+
+	// The peak energy curve only.
+	void refreshSpectrum(EffectWithPublic &fx) {
+		this->spectrumRow(0).assign(fx.peaks.energy, fx.peaks.energy + fx.bands);
+	}
+
+private:
+	std::uint32_t nextSeed;
+
+	// Each effect object gets its own seed; the next one is stirred on, so a
+	// rebuild doesn't replay the sequence it replaces.
+	void seedEffect(EffectWithPublic &fx) {
+		fx.seed(nextSeed);
+		std::uint32_t x = nextSeed + 0x9E3779B9u;
+		x = (x ^ (x >> 16)) * 0x85EBCA6Bu;
+		x = (x ^ (x >> 13)) * 0xC2B2AE35u;
+		nextSeed = x ^ (x >> 16);
+	}
+
+	// `value` held to [low, high]; NaN goes to `low`.
+	static float bounded(double value, double low, double high) {
+		return float(value >= low ? (value <= high ? value : high) : low);
+	}
+};
+
+} // namespace varkesh::lumbrel
