@@ -4,7 +4,9 @@
 #include "effects/chorus.h"
 #include "effects/chorus_detune.h"
 #include "effects/decay_scale.h"
+#include "effects/octaver.h"
 #include "effects/pass_through.h"
+#include "effects/pitch_shifter.h"
 #include "effects/swell.h"
 
 #include <clap/clap.h>
@@ -21,9 +23,9 @@ clap_plugin_descriptor descriptor(const char *id, const char *name) {
 
 // Until an effect lands, its descriptor stands on PassThroughQUORL.
 bool clap_init(const char *path) {
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter"),
+	plugins.add<PitchShifterQUORL>(descriptor("varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.octaver", "Lumbrel: Octaver"),
+	plugins.add<OctaverQUORL>(descriptor("varkesh.lumbrel.octaver", "Lumbrel: Octaver"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
 	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_RESTORATION});

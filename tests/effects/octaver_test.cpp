@@ -1,0 +1,234 @@
+// The octaver through the plug-in: its parameter list, each voice and the dry
+// signal at its gain, and the sweep moving the voices, measured on a sine.
+#include "host/bundle.h"
+#include "support/param_ids.h"
+#include "support/plugin_runner.h"
+#include "support/signals.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+using namespace lumbrel_test;
+
+namespace {
+
+constexpr const char *pluginId = "varkesh.lumbrel.octaver";
+constexpr double rate = 48000;
+constexpr double inputHz = 440, amplitude = 0.5;
+constexpr std::size_t window = 16384;
+
+std::unique_ptr<lumbrel::host::Bundle> bundle() {
+	std::string error;
+	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
+	EXPECT_TRUE(loaded) << error;
+	return loaded;
+}
+
+// Sets a ranged parameter to the value that `text` shows.
+void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
+	double position = -1;
+	EXPECT_TRUE(runner.instance->paramFromText(paramId(path), text, position)) << text;
+	runner.set(paramId(path), position);
+}
+
+// Position of the CBOR text `key` (definite length, below 24 bytes) in `bytes`.
+std::ptrdiff_t keyAt(const std::vector<std::uint8_t> &bytes, const std::string &key) {
+	std::vector<std::uint8_t> item{std::uint8_t(0x60 + key.size())};
+	item.insert(item.end(), key.begin(), key.end());
+	const auto found = std::search(bytes.begin(), bytes.end(), item.begin(), item.end());
+	return found == bytes.end() ? -1 : found - bytes.begin();
+}
+
+const char *const voiceKeys[4] = {"gainD2", "gainD1", "gainU1", "gainU2"};
+const int voiceSemitones[4] = {-24, -12, 12, 24};
+
+} // namespace
+
+TEST(Octaver, ParameterListFollowsTheDeclaration) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	auto &instance = *runner.instance;
+
+	struct Expected {
+		std::initializer_list<const char *> path;
+		const char *name;
+		const char *defaultText;
+	};
+	const Expected expected[] = {
+		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
+		{{"engineConfig", "overlap"}, "overlap", "4"},
+		{{"engineConfig", "resolution"}, "resolution", "20"},
+		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
+		{{"engineConfig", "directCopy"}, "direct", "on"},
+		{{"octaves", "gainD2"}, "-2", "0"},
+		{{"octaves", "gainD1"}, "-1", "0.5"},
+		{{"octaves", "gainU1"}, "+1", "0.5"},
+		{{"octaves", "gainU2"}, "+2", "0"},
+		{{"mix"}, "mix", "0.5"},
+		{{"sweep"}, "sweep", "1"},
+	};
+	ASSERT_EQ(instance.paramCount(), std::size(expected));
+	for (std::uint32_t i = 0; i < instance.paramCount(); ++i) {
+		clap_param_info info{};
+		ASSERT_TRUE(instance.paramInfo(i, info));
+		const Expected &e = expected[i];
+		SCOPED_TRACE(e.name);
+		EXPECT_EQ(info.id, paramId(e.path));
+		EXPECT_STREQ(info.name, e.name);
+		const bool stepped = i == 3 || i == 4;
+		EXPECT_EQ(info.flags, stepped ? std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED)
+									  : std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE));
+		if (!stepped) {
+			EXPECT_EQ(info.min_value, 0.0);
+			EXPECT_EQ(info.max_value, 1.0);
+		}
+		EXPECT_EQ(instance.paramText(info.id, info.default_value), e.defaultText);
+		// The text of any position reads back to a value with the same text.
+		for (int step = 0; step <= 40 && !stepped; ++step) {
+			const std::string text = instance.paramText(info.id, step / 40.0);
+			double back = -1;
+			ASSERT_TRUE(instance.paramFromText(info.id, text, back));
+			EXPECT_EQ(instance.paramText(info.id, back), text);
+		}
+	}
+	// The voice gains are curved: the middle of their travel is 0.3.
+	EXPECT_EQ(instance.paramText(paramId({"octaves", "gainU1"}), 0.5), "0.3");
+}
+
+TEST(Octaver, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	setText(runner, {"sweep"}, "0.4");
+	std::vector<std::uint8_t> saved;
+	ASSERT_TRUE(runner.instance->saveState(saved));
+	ASSERT_GT(saved.size(), 30u);
+	EXPECT_EQ(saved[0], 0xBF);
+	EXPECT_EQ(keyAt(saved, "name"), 1);
+	EXPECT_EQ(keyAt(saved, "Lumbrel: Octaver"), 6);
+	std::ptrdiff_t previous = 0;
+	for (const char *key : {"engineConfig", "octaves", "Octaves", "gainD2", "gainD1", "gainU1", "gainU2", "mix", "sweep"}) {
+		const std::ptrdiff_t at = keyAt(saved, key);
+		EXPECT_GT(at, previous) << key;
+		previous = at;
+	}
+
+	PluginRunner fresh(*b, pluginId);
+	ASSERT_TRUE(fresh.ok);
+	ASSERT_TRUE(fresh.instance->loadState(saved));
+	double position = 0;
+	ASSERT_TRUE(fresh.instance->paramValue(paramId({"sweep"}), position));
+	EXPECT_EQ(fresh.instance->paramText(paramId({"sweep"}), position), "0.4");
+}
+
+TEST(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
+	const std::size_t from = std::size_t(0.8 * rate);
+	const char *gains[4] = {"0.2", "0.4", "0.6", "0.8"};
+
+	// mix 0.5 gives wet and dry 0.75 each; mix 1 gives wet 1 and no dry.
+	for (const char *mix : {"0.5", "1"}) {
+		const double wet = std::string(mix) == "1" ? 1 : 0.75, dry = std::string(mix) == "1" ? 0 : 0.75;
+		PluginRunner runner(*b, pluginId);
+		ASSERT_TRUE(runner.ok);
+		for (int v = 0; v < 4; ++v) setText(runner, {"octaves", voiceKeys[v]}, gains[v]);
+		setText(runner, {"mix"}, mix);
+		const auto out = runner.run({in, in});
+		std::printf("mix %s:", mix);
+		for (int v = 0; v < 4; ++v) {
+			const double hz = inputHz * std::exp2(voiceSemitones[v] / 12.0);
+			const double expected = wet * std::stod(gains[v]) * amplitude;
+			const double error = dB(magnitudeAt(out[0], from, window, hz, rate) / expected);
+			std::printf(" %+d st %+.2f dB", voiceSemitones[v], error);
+			EXPECT_NEAR(error, 0, 1.0) << voiceSemitones[v] << " semitones at mix " << mix;
+		}
+		const double dryLevel = magnitudeAt(out[0], from, window, inputHz, rate) / amplitude;
+		if (dry > 0) {
+			std::printf(", dry %+.2f dB re 0.75\n", dB(dryLevel / dry));
+			EXPECT_NEAR(dB(dryLevel / dry), 0, 0.5);
+		} else {
+			std::printf(", dry %.1f dB re input\n", dB(dryLevel));
+			EXPECT_LT(dB(dryLevel), -40);
+		}
+		EXPECT_EQ(out[0], out[1]);
+	}
+}
+
+TEST(Octaver, DryPathIsTheUndelayedInput) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto in = harmonicTone(220, 10, rate, std::size_t(rate), 0.05);
+	// Without wet (mix 0, or sweep 0 however much mix) the output is the input as
+	// it comes, once the 10 ms glide of the mix gains has settled.
+	for (const char *setting : {"mix", "sweep"}) {
+		PluginRunner runner(*b, pluginId);
+		ASSERT_TRUE(runner.ok);
+		setText(runner, {setting}, "0");
+		const auto out = runner.run({in, in});
+		const double residual = residualDb(out[0], in, 0, std::size_t(0.3 * rate), in.size());
+		std::printf("%s 0: residual against the undelayed input %.1f dB\n", setting, residual);
+		EXPECT_LT(residual, -80) << setting;
+	}
+}
+
+TEST(Octaver, SweepMovesTheVoicesTogether) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
+	const std::size_t from = std::size_t(0.8 * rate);
+	double worst = 0;
+	for (const char *sweep : {"0.25", "0.5", "0.75"}) {
+		PluginRunner runner(*b, pluginId);
+		ASSERT_TRUE(runner.ok);
+		for (const char *key : voiceKeys) setText(runner, {"octaves", key}, "0.5");
+		setText(runner, {"mix"}, "1");
+		setText(runner, {"sweep"}, sweep);
+		const auto out = runner.run({in, in});
+		std::printf("sweep %s:", sweep);
+		for (int v = 0; v < 4; ++v) {
+			const double semitones = std::stod(sweep) * voiceSemitones[v];
+			const double hz = inputHz * std::exp2(semitones / 12.0);
+			// Voices stay at least 3 semitones apart: search well inside that.
+			const double found = peakFrequency(out[0], from, window, hz, hz * 0.05, rate);
+			const double error = cents(found, hz);
+			const double level = dB(magnitudeAt(out[0], from, window, hz, rate) / (0.5 * amplitude));
+			std::printf(" %+.1f st: %+.2f cents %+.1f dB;", semitones, error, level);
+			EXPECT_LT(std::fabs(error), 5) << semitones << " semitones";
+			EXPECT_NEAR(level, 0, 1.5) << semitones << " semitones";
+			worst = std::max(worst, std::fabs(error));
+		}
+		std::printf("\n");
+	}
+	std::printf("sweep: worst voice %.2f cents\n", worst);
+}
+
+TEST(Octaver, ValuesOutsideTheRangeStayFinite) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto in = harmonicTone(220, 10, rate, std::size_t(0.3 * rate), 0.05);
+	const std::initializer_list<const char *> paths[] = {
+		{"octaves", "gainD2"}, {"octaves", "gainD1"}, {"octaves", "gainU1"}, {"octaves", "gainU2"}, {"mix"}, {"sweep"}};
+	for (const auto &path : paths) {
+		for (double position : {-1.0, -0.5, 1.5, 3.0}) {
+			SCOPED_TRACE(std::string(*(path.end() - 1)) + " at " + std::to_string(position));
+			PluginRunner runner(*b, pluginId);
+			ASSERT_TRUE(runner.ok);
+			runner.set(paramId(path), position);
+			const auto out = runner.run({in, in});
+			for (const auto &channel : out) {
+				EXPECT_TRUE(std::all_of(channel.begin(), channel.end(), [](float v) { return std::isfinite(v); }));
+				EXPECT_LT(rms(channel), 1.0);
+			}
+		}
+	}
+}
