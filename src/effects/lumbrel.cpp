@@ -4,9 +4,11 @@
 #include "effects/chorus.h"
 #include "effects/chorus_detune.h"
 #include "effects/decay_scale.h"
+#include "effects/frequency_snap.h"
 #include "effects/octaver.h"
 #include "effects/pass_through.h"
 #include "effects/pitch_shifter.h"
+#include "effects/shepard_drop.h"
 #include "effects/swell.h"
 
 #include <clap/clap.h>
@@ -40,10 +42,10 @@ bool clap_init(const char *path) {
 	plugins.add<DecayScaleQUORL>(
 		descriptor("varkesh.lumbrel.decay-scale", "Lumbrel (Bespoke Effect Example): Decay Scale"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
-	plugins.add<PassThroughQUORL>(
+	plugins.add<FrequencySnapQUORL>(
 		descriptor("varkesh.lumbrel.frequency-snap", "Lumbrel (Bespoke Effect Example): Frequency Snap"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
-	plugins.add<PassThroughQUORL>(
+	plugins.add<ShepardDropQUORL>(
 		descriptor("varkesh.lumbrel.shepard-drop", "Lumbrel (Bespoke Effect Example): Shepard Drop"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});
 	return plugins.clap_init(path);

@@ -1,0 +1,477 @@
+// Frequency snap through the plug-in: its parameter list, saved state and note
+// port, and what it does to detuned partials with a chord shape or with notes
+// held by CLAP note events and raw MIDI, measured on the audio that comes out:
+// partial frequencies in cents from the chord's notes, levels, and the sample
+// at which a note takes effect.
+#include "host/bundle.h"
+#include "storage/cbor_diagnostic.h"
+#include "support/alloc_counter.h"
+#include "support/param_ids.h"
+#include "support/plugin_runner.h"
+#include "support/signals.h"
+
+#include <gtest/gtest.h>
+
+#include <clap/clap.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace lumbrel_test;
+using lumbrel::host::InputEvents;
+
+namespace {
+
+constexpr const char *pluginId = "varkesh.lumbrel.frequency-snap";
+constexpr double rate = 48000;
+
+std::unique_ptr<lumbrel::host::Bundle> bundle() {
+	std::string error;
+	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
+	EXPECT_TRUE(loaded) << error;
+	return loaded;
+}
+
+double noteHz(double note) { return 440 * std::exp2((note - 69) / 12); }
+
+// The host position (ranged) or integer (stepped) that the plug-in reads from `text`.
+double valueOf(PluginRunner &runner, clap_id id, const std::string &text) {
+	double value = -1;
+	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
+	return value;
+}
+
+void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
+	const clap_id id = paramId(path);
+	runner.set(id, valueOf(runner, id, text));
+}
+
+// A sum of sines at `hz`, each at `amplitude`.
+std::vector<float> sines(const std::vector<double> &hz, std::size_t frames, double amplitude = 0.1) {
+	std::vector<float> out(frames, 0.0f);
+	for (std::size_t k = 0; k < hz.size(); ++k) {
+		for (std::size_t i = 0; i < frames; ++i) {
+			out[i] += float(amplitude * std::sin(2 * pi * hz[k] * double(i) / rate + double(k)));
+		}
+	}
+	return out;
+}
+
+// A note event at an absolute sample of the signal.
+struct Note {
+	std::size_t at;
+	enum Kind { On, Off, MidiOn, MidiOff } kind;
+	int key;
+	double velocity = 1; // CLAP 0..1; MIDI 0..127
+};
+
+// Runs `in` (both channels) through the plug-in in blocks of `block` frames,
+// with extra block boundaries at `cuts`, handing each note to the block that
+// holds its sample. Returns output channel 0.
+std::vector<float> play(PluginRunner &runner, const std::vector<float> &in, const std::vector<Note> &notes,
+	std::uint32_t block = 1024, std::vector<std::size_t> cuts = {}) {
+	std::vector<float> out(in.size());
+	std::vector<float> inL(block), inR(block), outL(block), outR(block);
+	float *inputs[2] = {inL.data(), inR.data()};
+	float *outputs[2] = {outL.data(), outR.data()};
+	std::sort(cuts.begin(), cuts.end());
+	for (std::size_t start = 0; start < in.size();) {
+		std::size_t end = std::min(start + block, in.size());
+		for (std::size_t cut : cuts) {
+			if (cut > start && cut < end) end = cut;
+		}
+		const auto frames = std::uint32_t(end - start);
+		std::copy_n(in.begin() + std::ptrdiff_t(start), frames, inL.begin());
+		std::copy_n(in.begin() + std::ptrdiff_t(start), frames, inR.begin());
+		runner.events.clear();
+		for (const Note &note : notes) {
+			if (note.at < start || note.at >= end) continue;
+			const auto time = std::uint32_t(note.at - start);
+			switch (note.kind) {
+			case Note::On: runner.events.note(time, CLAP_EVENT_NOTE_ON, std::int16_t(note.key), note.velocity); break;
+			case Note::Off: runner.events.note(time, CLAP_EVENT_NOTE_OFF, std::int16_t(note.key), 0.0); break;
+			case Note::MidiOn: runner.events.midi(time, 0x90, std::uint8_t(note.key), std::uint8_t(note.velocity)); break;
+			case Note::MidiOff: runner.events.midi(time, 0x80, std::uint8_t(note.key), 0); break;
+			}
+		}
+		runner.out.clear();
+		runner.instance->process(inputs, 2, outputs, 2, frames, runner.events, runner.out);
+		std::copy_n(outL.begin(), frames, out.begin() + std::ptrdiff_t(start));
+		start = end;
+	}
+	runner.events.clear();
+	return out;
+}
+
+constexpr std::size_t window = 16384; // 0.34 s, 2.9 Hz bins
+
+// The strongest frequency within 60 cents of `nearHz`, from `from` on.
+double partialNear(const std::vector<float> &x, std::size_t from, double nearHz) {
+	return peakFrequency(x, from, window, nearHz, nearHz * 0.035, rate);
+}
+
+// Cents from `hz` to the nearest of `notes`.
+double centsFromNearest(double hz, const std::vector<int> &notes) {
+	double best = 1e9;
+	for (int note : notes) {
+		const double c = cents(hz, noteHz(note));
+		if (std::fabs(c) < std::fabs(best)) best = c;
+	}
+	return best;
+}
+
+// First sample before `end` from which the output's 5 ms RMS rises above
+// `fraction` of its level in the 0.5 s before `end`.
+std::size_t onsetSample(const std::vector<float> &x, std::size_t end, double fraction) {
+	const std::size_t w = 240;
+	const double level = rms(x, end - 24000, end);
+	for (std::size_t i = 0; i + w < end; i += 16) {
+		if (rms(x, i, i + w) > fraction * level) return i;
+	}
+	return end;
+}
+
+} // namespace
+
+TEST(FrequencySnap, ParameterListAndSavedState) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	struct Expected {
+		std::initializer_list<const char *> path;
+		const char *name;
+		const char *defaultText;
+	};
+	const Expected expected[] = {
+		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
+		{{"engineConfig", "overlap"}, "overlap", "4"},
+		{{"engineConfig", "resolution"}, "resolution", "20"},
+		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
+		{{"engineConfig", "directCopy"}, "direct", "on"},
+		{{"channelMode"}, "channels", "full"},
+		{{"peaksConfig", "smoothing"}, "smoothing", "1%"},
+		{{"gainsConfig", "phaseSmoothing"}, "phase", "1%"},
+		{{"gainsConfig", "detailBoost"}, "detail", "0.8"},
+		{{"gainsConfig", "transientReset"}, "tr. reset", "2"},
+		{{"gainsConfig", "transientBoost"}, "tr. boost", "0"},
+		{{"chordConfig", "baseNote"}, "base note", "A"},
+		{{"chordConfig", "mode"}, "mode", "octave"},
+		{{"chordConfig", "snapSemitones"}, "range", "8s.t."},
+		{{"chordConfig", "maxHz"}, "max", "8000Hz"},
+		{{"chordConfig", "hz3"}, "harm-3", "600Hz"},
+		{{"chordConfig", "hz5"}, "harm-5", "2000Hz"},
+	};
+	const std::uint32_t count = runner.instance->paramCount();
+	ASSERT_EQ(count, std::size(expected));
+	for (std::uint32_t i = 0; i < count; ++i) {
+		SCOPED_TRACE(expected[i].name);
+		clap_param_info info{};
+		ASSERT_TRUE(runner.instance->paramInfo(i, info));
+		EXPECT_EQ(info.id, paramId(expected[i].path));
+		EXPECT_STREQ(info.name, expected[i].name);
+		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
+	}
+	const clap_id baseNote = paramId({"chordConfig", "baseNote"}), mode = paramId({"chordConfig", "mode"});
+	EXPECT_EQ(runner.instance->paramText(baseNote, 0), "C");
+	EXPECT_EQ(runner.instance->paramText(baseNote, 11), "B");
+	EXPECT_EQ(runner.instance->paramText(mode, 0), "none");
+	EXPECT_EQ(runner.instance->paramText(mode, 5), "pentatonic");
+
+	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
+	std::vector<std::uint8_t> saved;
+	ASSERT_TRUE(runner.instance->saveState(saved));
+	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
+		"{_ \"name\": \"Lumbrel3 (Bespoke Effect Example): Frequency Snap\", \"desc\": \"\", \"version\": 0, "
+		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
+		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
+		"\"directCopy\": {_ \"value\": 1}}, "
+		"\"channelMode\": {_ \"value\": 1}, "
+		"\"peaksConfig\": {_ \"name\": \"Spectral peaks\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 1.0}}, "
+		"\"gainsConfig\": {_ \"name\": \"Output gains\", \"desc\": \"\", \"version\": 0, "
+		"\"phaseSmoothing\": {_ \"value\": 1.0}, \"detailBoost\": {_ \"value\": 0.8}, \"transientReset\": {_ \"value\": 2.0}, "
+		"\"transientBoost\": {_ \"value\": 0.0}}, "
+		"\"chordConfig\": {_ \"name\": \"Chord\", \"desc\": \"\", \"version\": 0, \"baseNote\": {_ \"value\": 9}, "
+		"\"mode\": {_ \"value\": 1}, \"snapSemitones\": {_ \"value\": 8.0}, \"maxHz\": {_ \"value\": 8000.0}, "
+		"\"hz3\": {_ \"value\": 600.0}, \"hz5\": {_ \"value\": 2000.0}}}");
+}
+
+// One note input, "notes", for this plug-in alone; the other nine have none.
+TEST(FrequencySnap, ReportsOneNoteInputPort) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	for (std::uint32_t p = 0; p < b->count(); ++p) {
+		const std::string id = b->descriptor(p)->id;
+		SCOPED_TRACE(id);
+		lumbrel::host::Host host;
+		lumbrel::host::Instance instance(*b, id.c_str(), host);
+		ASSERT_TRUE(instance.init());
+		const auto *ports = instance.extension<clap_plugin_note_ports>(CLAP_EXT_NOTE_PORTS);
+		ASSERT_NE(ports, nullptr);
+		EXPECT_EQ(ports->count(instance.clapPlugin(), false), 0u);
+		clap_note_port_info info{};
+		EXPECT_FALSE(ports->get(instance.clapPlugin(), 0, false, &info));
+		EXPECT_FALSE(ports->get(instance.clapPlugin(), 1, true, &info));
+		if (id != pluginId) {
+			EXPECT_EQ(ports->count(instance.clapPlugin(), true), 0u);
+			EXPECT_FALSE(ports->get(instance.clapPlugin(), 0, true, &info));
+			continue;
+		}
+		EXPECT_EQ(ports->count(instance.clapPlugin(), true), 1u);
+		ASSERT_TRUE(ports->get(instance.clapPlugin(), 0, true, &info));
+		EXPECT_EQ(info.id, 0xC0DEBA55u);
+		EXPECT_EQ(info.supported_dialects, CLAP_NOTE_DIALECT_CLAP | CLAP_NOTE_DIALECT_MIDI | CLAP_NOTE_DIALECT_MIDI_MPE);
+		EXPECT_EQ(info.preferred_dialect, std::uint32_t(CLAP_NOTE_DIALECT_CLAP));
+		EXPECT_STREQ(info.name, "notes");
+	}
+}
+
+// The default chord shape (octaves of A) and a major chord on C, with no note
+// held: a sine a third of a semitone off moves onto the chord's nearest note.
+TEST(FrequencySnap, ChordShapesPullASineOntoTheirNotes) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	struct Case {
+		const char *base, *mode;
+		double inputHz;
+		int expectedNote;
+	};
+	const Case cases[] = {
+		{"A", "octave", noteHz(69.3), 69},
+		{"A", "octave", noteHz(80.7), 81},
+		{"C", "major", noteHz(67.35), 67},
+		{"C", "major", noteHz(63.7), 64},
+		{"D", "minor", noteHz(65.3), 65},
+	};
+	for (const Case &c : cases) {
+		PluginRunner runner(*b, pluginId);
+		ASSERT_TRUE(runner.ok);
+		setText(runner, {"chordConfig", "baseNote"}, c.base);
+		setText(runner, {"chordConfig", "mode"}, c.mode);
+		const auto in = sine(c.inputHz, rate, std::size_t(2 * rate), 0.2);
+		const auto out = play(runner, in, {});
+		const std::size_t from = out.size() - window;
+		const double hz = partialNear(out, from, noteHz(c.expectedNote));
+		const double levelDb = dB(magnitudeAt(out, from, window, hz, rate) / 0.2);
+		std::printf("%s %s: %.2f Hz (%+.1f cents) -> %.2f Hz (%+.2f cents), level %+.2f dB\n", c.base, c.mode, c.inputHz,
+			cents(c.inputHz, noteHz(c.expectedNote)), hz, cents(hz, noteHz(c.expectedNote)), levelDb);
+		EXPECT_NEAR(cents(hz, noteHz(c.expectedNote)), 0, 3);
+		EXPECT_NEAR(levelDb, 0, 2);
+	}
+}
+
+// Mode "none": only held notes count. A tone 25 cents sharp, with partials on
+// A4, A5 and E6 of an A major chord held by CLAP note-ons, comes out on the
+// chord's notes at its own level.
+TEST(FrequencySnap, HeldClapNotesPullDetunedPartialsOntoTheChord) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	setText(runner, {"chordConfig", "mode"}, "none");
+	const std::vector<int> chord = {69, 73, 76};
+	const double f0 = noteHz(69.25);
+	const auto in = sines({f0, 2 * f0, 3 * f0}, std::size_t(2.5 * rate));
+	std::vector<Note> notes;
+	for (int key : chord) notes.push_back({100, Note::On, key, 1.0});
+	const auto out = play(runner, in, notes);
+
+	const std::size_t from = out.size() - window;
+	const int targets[] = {69, 81, 88}; // A4, A5, E6
+	for (int k = 1; k <= 3; ++k) {
+		const double target = noteHz(targets[k - 1]);
+		const double hz = partialNear(out, from, target);
+		const double levelDb = dB(magnitudeAt(out, from, window, hz, rate) / magnitudeAt(in, from, window, k * f0, rate));
+		std::printf("partial %d: %.2f Hz (%+.1f cents from the chord) -> %.2f Hz (%+.2f cents), level %+.2f dB\n", k,
+			k * f0, centsFromNearest(k * f0, {69, 73, 76, 81, 85, 88}), hz, cents(hz, target), levelDb);
+		EXPECT_NEAR(cents(hz, target), 0, 3);
+		EXPECT_NEAR(levelDb, 0, 2);
+	}
+}
+
+// Raw MIDI: a C major chord at velocity 100 pulls three sines, each some 30
+// cents off C4, E4 and G4, onto them; after the note-offs nothing is left to
+// snap to and (mode "none") the peaks fall silent.
+TEST(FrequencySnap, MidiNotesHoldAndReleaseTheChord) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	setText(runner, {"chordConfig", "mode"}, "none");
+	const std::vector<int> chord = {60, 64, 67};
+	const std::vector<double> inputHz = {noteHz(60.3), noteHz(63.7), noteHz(67.3)};
+	const std::size_t release = std::size_t(2 * rate);
+	const auto in = sines(inputHz, release + std::size_t(rate));
+	std::vector<Note> notes;
+	for (int key : chord) {
+		notes.push_back({0, Note::MidiOn, key, 100});
+		notes.push_back({release, Note::MidiOff, key, 0});
+	}
+	const auto out = play(runner, in, notes);
+
+	const std::size_t from = release - window;
+	for (std::size_t k = 0; k < chord.size(); ++k) {
+		const double hz = partialNear(out, from, noteHz(chord[k]));
+		std::printf("midi chord: %.2f Hz (%+.1f cents) -> %.2f Hz (%+.2f cents)\n", inputHz[k],
+			cents(inputHz[k], noteHz(chord[k])), hz, cents(hz, noteHz(chord[k])));
+		EXPECT_NEAR(cents(hz, noteHz(chord[k])), 0, 3);
+	}
+	const double held = rms(out, from, release);
+	const double released = rms(out, out.size() - 12000, out.size());
+	std::printf("midi chord: held %.1f dB, 0.75 s after release %.1f dB (input %.1f dB)\n", dB(held), dB(released),
+		dB(rms(in)));
+	EXPECT_NEAR(dB(held / rms(in)), 0, 2);
+	EXPECT_LT(dB(released / held), -60);
+}
+
+// A note that starts and ends inside a block acts from its own sample: the
+// same notes placed on block boundaries give the same output, and the same
+// note-on given 700 samples early starts the sound 700 samples early.
+TEST(FrequencySnap, NotesActAtTheirOwnSample) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto in = sine(noteHz(69.3), rate, std::size_t(1.5 * rate), 0.2);
+	const std::size_t on = 4 * 1024 + 700, off = 40 * 1024 + 333;
+	auto run = [&](std::size_t noteOn, std::vector<std::size_t> cuts) {
+		PluginRunner runner(*b, pluginId);
+		EXPECT_TRUE(runner.ok);
+		setText(runner, {"chordConfig", "mode"}, "none");
+		return play(runner, in, {{noteOn, Note::On, 69, 1.0}, {off, Note::Off, 69}}, 1024, cuts);
+	};
+	const auto inside = run(on, {});
+	const auto onBoundaries = run(on, {on, off});
+	const auto early = run(4 * 1024, {});
+
+	double difference = 0, level = 0;
+	for (std::size_t i = 0; i < inside.size(); ++i) {
+		difference = std::max(difference, double(std::fabs(inside[i] - onBoundaries[i])));
+		level = std::max(level, double(std::fabs(inside[i])));
+	}
+	const std::size_t onsetInside = onsetSample(inside, off, 0.5), onsetEarly = onsetSample(early, off, 0.5);
+	std::printf("note inside a block vs on a boundary: largest difference %.3g (peak %.3g); onsets %zu and %zu "
+		"(early note), %+d samples\n", difference, level, onsetInside, onsetEarly, int(onsetInside) - int(onsetEarly));
+	EXPECT_LT(difference, 1e-6 * level);
+	EXPECT_NEAR(double(onsetInside) - double(onsetEarly), 700, 130) << "the engine sees notes at its frame times";
+
+	// The note-off silences it again from its own sample on, too.
+	const double after = rms(inside, off + 12000, off + 24000), during = rms(inside, off - 12000, off);
+	EXPECT_LT(dB(after / during), -60);
+}
+
+// Up to 64 notes in a block, as CLAP note events and MIDI, arrive without an
+// allocation; notes beyond that are dropped, not stored.
+TEST(FrequencySnap, NotesArriveWithoutAllocating) {
+	if (!allocationCountingAvailable()) GTEST_SKIP() << "no allocation counting in this build";
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId, rate, 1024);
+	ASSERT_TRUE(runner.ok);
+	// Event lists made up front, so that only the plug-in runs in the scope.
+	std::vector<std::unique_ptr<InputEvents>> blocks;
+	for (int round = 0; round < 4; ++round) {
+		auto on = std::make_unique<InputEvents>(), off = std::make_unique<InputEvents>();
+		for (int n = 0; n < 32; ++n) {
+			on->note(std::uint32_t(n * 16), CLAP_EVENT_NOTE_ON, std::int16_t(40 + n), 0.8, n);
+			on->midi(std::uint32_t(n * 16 + 8), 0x91, std::uint8_t(40 + n), 90);
+			off->note(std::uint32_t(n * 16), CLAP_EVENT_NOTE_OFF, std::int16_t(40 + n), 0.0, n);
+			off->midi(std::uint32_t(n * 16 + 8), 0x81, std::uint8_t(40 + n), 0);
+		}
+		blocks.push_back(std::move(on));
+		blocks.push_back(std::make_unique<InputEvents>());
+		blocks.push_back(std::move(off));
+	}
+	auto crowd = std::make_unique<InputEvents>(); // 100 note-ons, more than are kept
+	for (int n = 0; n < 100; ++n) crowd->note(std::uint32_t(n * 10), CLAP_EVENT_NOTE_ON, std::int16_t(n), 1.0);
+	blocks.push_back(std::move(crowd));
+
+	const auto in = harmonicTone(220, 8, rate, 1024);
+	std::vector<float> inL(in), inR(in), outL(1024), outR(1024);
+	float *inputs[2] = {inL.data(), inR.data()};
+	float *outputs[2] = {outL.data(), outR.data()};
+	InputEvents none;
+	for (int i = 0; i < 20; ++i) runner.instance->process(inputs, 2, outputs, 2, 1024, none, runner.out);
+	runner.out.clear();
+	AllocationScope scope;
+	for (int pass = 0; pass < 3; ++pass) {
+		for (const auto &events : blocks) runner.instance->process(inputs, 2, outputs, 2, 1024, *events, runner.out);
+	}
+	EXPECT_EQ(scope.count(), 0u);
+	for (float x : outL) EXPECT_TRUE(std::isfinite(x));
+}
+
+// Random automation of every own parameter, with positions far outside 0..1,
+// and random notes stay finite and allocate nothing; switching the channel
+// mode (which rebuilds) stays finite too.
+TEST(FrequencySnap, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId, rate, 1024);
+	ASSERT_TRUE(runner.ok);
+	// The chord's own parameters first: they move partials but never raise them.
+	const clap_id ids[] = {paramId({"chordConfig", "baseNote"}), paramId({"chordConfig", "mode"}),
+		paramId({"chordConfig", "snapSemitones"}), paramId({"chordConfig", "maxHz"}), paramId({"chordConfig", "hz3"}),
+		paramId({"chordConfig", "hz5"}), paramId({"peaksConfig", "smoothing"}), paramId({"gainsConfig", "phaseSmoothing"}),
+		paramId({"gainsConfig", "detailBoost"}), paramId({"gainsConfig", "transientReset"}),
+		paramId({"gainsConfig", "transientBoost"})};
+	std::size_t automated = 6;
+	const clap_id channelMode = paramId({"channelMode"});
+	std::mt19937 random(5);
+	std::uniform_real_distribution<double> position(-2.0, 3.0);
+	std::normal_distribution<float> noise(0.0f, 0.2f);
+	const auto tone = harmonicTone(233, 12, rate, std::size_t(rate), 0.05);
+	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
+	float *inputs[2] = {left.data(), right.data()};
+	float *outputs[2] = {outLeft.data(), outRight.data()};
+	std::size_t cursor = 0, bad = 0;
+	double peak = 0;
+	auto run = [&](int blocks, bool modes) {
+		for (int block = 0; block < blocks; ++block) {
+			const std::uint32_t frames = 1 + random() % 1024;
+			for (std::uint32_t i = 0; i < frames; ++i, ++cursor) {
+				left[i] = tone[cursor % tone.size()];
+				right[i] = noise(random);
+			}
+			runner.events.clear();
+			for (int e = 0; e < 3; ++e) {
+				runner.events.paramValue(random() % frames, ids[random() % automated], position(random));
+			}
+			runner.events.note(random() % frames, CLAP_EVENT_NOTE_ON, std::int16_t(random() % 128), 1.0);
+			runner.events.midi(random() % frames, 0x90, std::uint8_t(random() % 128), std::uint8_t(random() % 128));
+			runner.events.midi(random() % frames, 0x80, std::uint8_t(random() % 128), 0);
+			runner.events.note(random() % frames, CLAP_EVENT_NOTE_OFF, std::int16_t(random() % 128), 0.0);
+			if (modes && random() % 16 == 0) runner.events.paramValue(random() % frames, channelMode, double(random() % 2));
+			runner.out.clear();
+			runner.instance->process(inputs, 2, outputs, 2, frames, runner.events, runner.out);
+			for (std::uint32_t i = 0; i < frames; ++i) {
+				for (float x : {outLeft[i], outRight[i]}) {
+					if (std::isfinite(x)) {
+						peak = std::max(peak, double(std::fabs(x)));
+					} else {
+						++bad;
+					}
+				}
+			}
+		}
+	};
+	run(500, false);
+	const double chordPeak = peak;
+	automated = std::size(ids);
+	run(50, false);
+	AllocationScope scope;
+	run(1000, false);
+	const std::size_t allocations = scope.count();
+	run(300, true);
+	std::printf("random automation: %zu non-finite samples; peak %.2f with the chord's parameters, %.2f with all\n", bad,
+		chordPeak, peak);
+	EXPECT_EQ(bad, 0u);
+	EXPECT_LT(chordPeak, 4.0);
+	EXPECT_LT(peak, 15.8) << "+24 dBFS: the level restore lifts by at most 1 / (1 - 0.95)";
+	if (allocationCountingAvailable()) {
+		EXPECT_EQ(allocations, 0u);
+	}
+}
