@@ -335,20 +335,14 @@ struct ChorusQUORL : quorl::LumbrelQUORL<Base, Chorus<float>, ChorusQUORL<Base>>
 	// control's range, outside which the arithmetic can divide by zero.
 	void copyParams(EffectWithPublic &fx) {
 		if (!fx.seeded) seedEffect(fx);
-		fx.peaks.smoothing = bounded(peaksConfig.smoothing.value, 0, 10);
-		for (auto &channel : fx.channels) {
-			channel.phaseSmoothing = bounded(gainsConfig.phaseSmoothing.value, 0, 10);
-			channel.detailBoost = bounded(gainsConfig.detailBoost.value, -0.95, 0.95);
-			channel.transientReset = bounded(gainsConfig.transientReset.value, 0, 4);
-			channel.transientBoost = bounded(gainsConfig.transientBoost.value, 0, 4);
-			channel.transientSmoothing = bounded(gainsConfig.transientSmoothing.value, 0, 4);
-		}
-		const float w = bounded(chorusConfig.antiWarble.value, 0.05, 0.95);
+		fx.peaks.smoothing = float(quorl::withinRange(peaksConfig.smoothing.value, 0, 10));
+		for (auto &channel : fx.channels) gainsConfig.copyTo(channel);
+		const float w = float(quorl::withinRange(chorusConfig.antiWarble.value, 0.05, 0.95));
 		const float w2 = w * w;
 		fx.antiWarbleSquared = w2;
-		fx.setNoiseFilter(bounded(chorusConfig.detune.value, 0, 50) * 178.89636f * (1 + (w2 / 2) * (2 - w2)));
-		fx.width = bounded(chorusConfig.width.value, 0, 1.5);
-		fx.mix = bounded(chorusConfig.mix.value, 0, 1.5);
+		fx.setNoiseFilter(float(quorl::withinRange(chorusConfig.detune.value, 0, 50)) * 178.89636f * (1 + (w2 / 2) * (2 - w2)));
+		fx.width = float(quorl::withinRange(chorusConfig.width.value, 0, 1.5));
+		fx.mix = float(quorl::withinRange(chorusConfig.mix.value, 0, 1.5));
 	}
 
 	// The peak energy curve only.
@@ -370,9 +364,6 @@ private:
 	}
 
 	// `value` held to [low, high]; NaN goes to `low`.
-	static float bounded(double value, double low, double high) {
-		return float(value >= low ? (value <= high ? value : high) : low);
-	}
 };
 
 } // namespace varkesh::lumbrel

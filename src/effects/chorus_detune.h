@@ -143,9 +143,9 @@ struct ChorusDetuneQUORL : quorl::LumbrelQUORL<Base, ChorusDetune<float, 3>, Cho
 	// control's range, since a runaway rate or depth would turn the
 	// oscillator's phase or a voice's frequency into infinity.
 	void copyParams(EffectWithPublic &fx) {
-		fx.mix = bounded(chorusConfig.mix.value, 0, 1.5);
-		fx.detune = bounded(chorusConfig.detune.value, 1, 50);
-		fx.spin = bounded(chorusConfig.spin.value, 0.1, 10);
+		fx.mix = float(quorl::withinRange(chorusConfig.mix.value, 0, 1.5));
+		fx.detune = float(quorl::withinRange(chorusConfig.detune.value, 1, 50));
+		fx.spin = float(quorl::withinRange(chorusConfig.spin.value, 0.1, 10));
 		fx.width = float(chorusConfig.width.value);
 		fx.crisp = chorusConfig.crisp.value == 1;
 	}
@@ -157,9 +157,6 @@ struct ChorusDetuneQUORL : quorl::LumbrelQUORL<Base, ChorusDetune<float, 3>, Cho
 
 private:
 	// `value` held to [low, high]; NaN goes to `low`.
-	static float bounded(double value, double low, double high) {
-		return float(value >= low ? (value <= high ? value : high) : low);
-	}
 };
 
 } // namespace varkesh::lumbrel

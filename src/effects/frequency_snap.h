@@ -335,13 +335,8 @@ struct FrequencySnapQUORL : quorl::LumbrelQUORL<Base, FrequencySnap<float>, Freq
 	void copyParams(Effect &fx) {
 		using quorl::withinRange;
 		fx.peaks.smoothing = withinRange(peaksConfig.smoothing.value, 0, 10);
-		for (SmoothedGains<float> *gains : {&fx.upGains, &fx.downGains}) {
-			gains->phaseSmoothing = withinRange(gainsConfig.phaseSmoothing.value, 0, 10);
-			gains->detailBoost = withinRange(gainsConfig.detailBoost.value, -0.95, 0.95);
-			gains->transientReset = withinRange(gainsConfig.transientReset.value, 0, 4);
-			gains->transientBoost = withinRange(gainsConfig.transientBoost.value, 0, 4);
-			gains->transientSmoothing = withinRange(gainsConfig.transientSmoothing.value, 0, 4);
-		}
+		gainsConfig.copyTo(fx.upGains);
+		gainsConfig.copyTo(fx.downGains);
 		fx.snapSemitones = withinRange(chordConfig.snapSemitones.value, 1, 24);
 		fx.maxHz = withinRange(chordConfig.maxHz.value, 4000, 16000);
 	}

@@ -2,6 +2,7 @@
 #include "blocks/lumbrel_effect.h"
 #include "blocks/spectrum.h"
 #include "effects/parameter_groups.h"
+#include "effects/within_range.h"
 #include "engine/engine.h"
 #include "frame/library_config.h"
 
@@ -48,14 +49,14 @@ struct LumbrelQUORL : Base {
 		if (effect && config.inputChannels >= 2 && effect->channelsIn != channelsIn) effect.reset();
 
 		// Hosts and saved states may hand any number to these parameters. The
-		// engine is built only within the ranges the parameters declare: a
-		// latency of -100 ms or 2^31 refinement rounds would make no engine, or
-		// one that never finishes a block.
-		const double latencyMs = within(engineConfig.latencyMs.value, 2, 15, 10);
-		const double overlap = within(engineConfig.overlap.value, 3, 6, 4);
+		// engine is built only within the ranges the parameters declare (NaN
+		// at the low end): a latency of -100 ms or 2^31 refinement rounds would
+		// make no engine, or one that never finishes a block.
+		const double latencyMs = withinRange(engineConfig.latencyMs.value, 2, 15);
+		const double overlap = withinRange(engineConfig.overlap.value, 3, 6);
 		const double intervalMs = overlap > 0 ? latencyMs / overlap : latencyMs * 0.25;
-		const double resolution = within(engineConfig.resolution.value, 5, 40, 20);
-		const double emphasis = within(engineConfig.emphasis.value, 0, 24, 12);
+		const double resolution = withinRange(engineConfig.resolution.value, 5, 40);
+		const double emphasis = withinRange(engineConfig.emphasis.value, 0, 24);
 		const int iterationsLog2 = engineConfig.iterationsLog2.value < 0 ? 0 : (engineConfig.iterationsLog2.value > 3 ? 3 : engineConfig.iterationsLog2.value);
 		const std::uint64_t iterations = std::uint64_t(1) << iterationsLog2;
 		const bool direct = engineConfig.directCopy.value == 1;
@@ -140,12 +141,6 @@ protected:
 	}
 
 private:
-	// `value` limited to [low, high]; NaN gives `fallback`.
-	static double within(double value, double low, double high, double fallback) {
-		if (!(value == value)) return fallback;
-		return value < low ? low : (value > high ? high : value);
-	}
-
 	Derived &derived() { return static_cast<Derived &>(*this); }
 	const Derived &derived() const { return static_cast<const Derived &>(*this); }
 };

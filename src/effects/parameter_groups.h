@@ -1,6 +1,7 @@
 #pragma once
 // The parameter groups the effects share. Each group is declared once in its
 // state(): the host's list, the page and the saved state all come from it.
+#include "effects/within_range.h"
 #include "storage/quorl_storage.h"
 
 namespace varkesh::lumbrel::quorl {
@@ -87,14 +88,16 @@ struct SmoothedGainsConfig {
 		}
 	}
 
-	// Copies the values into a SmoothedGains block.
+	// Copies the values into a SmoothedGains block (or anything with its
+	// fields), inside the declared ranges: beyond them the smoothing divides
+	// by zero or the boost runs away.
 	template<class Gains>
 	void copyTo(Gains &gains) const {
-		gains.phaseSmoothing = float(phaseSmoothing.value);
-		gains.detailBoost = float(detailBoost.value);
-		gains.transientReset = float(transientReset.value);
-		gains.transientBoost = float(transientBoost.value);
-		gains.transientSmoothing = float(transientSmoothing.value);
+		gains.phaseSmoothing = float(withinRange(phaseSmoothing.value, 0, 10));
+		gains.detailBoost = float(withinRange(detailBoost.value, -0.95, 0.95));
+		gains.transientReset = float(withinRange(transientReset.value, 0, 4));
+		gains.transientBoost = float(withinRange(transientBoost.value, 0, 4));
+		gains.transientSmoothing = float(withinRange(transientSmoothing.value, 0, 4));
 	}
 };
 

@@ -116,11 +116,7 @@ struct PitchShifterQUORL : quorl::LumbrelQUORL<Base, PitchShifter<float>, PitchS
 		using quorl::withinRange;
 		fx.peaks.smoothing = withinRange(peaksConfig.smoothing.value, 0, 10);
 		auto &gains = fx.shifter.gains;
-		gains.phaseSmoothing = withinRange(gainsConfig.phaseSmoothing.value, 0, 10);
-		gains.detailBoost = withinRange(gainsConfig.detailBoost.value, -0.95, 0.95);
-		gains.transientReset = withinRange(gainsConfig.transientReset.value, 0, 4);
-		gains.transientBoost = withinRange(gainsConfig.transientBoost.value, 0, 4);
-		gains.transientSmoothing = withinRange(gainsConfig.transientSmoothing.value, 0, 4);
+		gainsConfig.copyTo(gains);
 		const int semitones = std::clamp(peakShifterConfig.semitones.value, -24, 24);
 		fx.shifter.semitones = float(semitones);
 		fx.shifter.tonalityLimit = withinRange(peakShifterConfig.tonalityLimit.value, 4000, 24000);

@@ -6,9 +6,9 @@ namespace varkesh::lumbrel::quorl {
 // (a position's map even has poles), and parameters store them as they come.
 // The wrappers hand them to the DSP inside the declared range, so that the
 // arithmetic the range protects stays finite. NaN becomes `low`. Clamping
-// before the conversion also keeps huge doubles out of the float conversion.
-inline float withinRange(double value, double low, double high) {
-	return float(value >= low ? (value <= high ? value : high) : low);
+// before the conversion to a float field also keeps huge doubles out of it.
+inline double withinRange(double value, double low, double high) {
+	return value >= low ? (value <= high ? value : high) : low;
 }
 
 } // namespace varkesh::lumbrel::quorl
