@@ -3,6 +3,7 @@
 #include "clap/plugins.h"
 #include "effects/chorus.h"
 #include "effects/chorus_detune.h"
+#include "effects/cleanup.h"
 #include "effects/decay_scale.h"
 #include "effects/frequency_snap.h"
 #include "effects/octaver.h"
@@ -10,6 +11,7 @@
 #include "effects/pitch_shifter.h"
 #include "effects/shepard_drop.h"
 #include "effects/swell.h"
+#include "effects/transients.h"
 
 #include <clap/clap.h>
 
@@ -29,13 +31,13 @@ bool clap_init(const char *path) {
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
 	plugins.add<OctaverQUORL>(descriptor("varkesh.lumbrel.octaver", "Lumbrel: Octaver"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup"),
+	plugins.add<CleanupDraft2QUORL>(descriptor("varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_RESTORATION});
 	plugins.add<ChorusQUORL>(descriptor("varkesh.lumbrel.chorus", "Lumbrel: Chorus (Spectral)"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
 	plugins.add<ChorusDetuneQUORL>(descriptor("varkesh.lumbrel.chorus-detune", "Lumbrel: Chorus (Pitch-Shifter)"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_CHORUS});
-	plugins.add<PassThroughQUORL>(descriptor("varkesh.lumbrel.transients", "Lumbrel: Transients"),
+	plugins.add<TransientsQUORL>(descriptor("varkesh.lumbrel.transients", "Lumbrel: Transients"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER});
 	plugins.add<SwellQUORL>(descriptor("varkesh.lumbrel.swell", "Lumbrel: Swell"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT});

@@ -1,0 +1,407 @@
+// Cleanup through the plug-in: its parameter list and saved state, and how far
+// it lowers a steady noise floor under a voice-like tone in each of its modes,
+// measured on the audio that comes out.
+#include "host/bundle.h"
+#include "storage/cbor_diagnostic.h"
+#include "storage/cbor_writer.h"
+#include "support/alloc_counter.h"
+#include "support/param_ids.h"
+#include "support/plugin_runner.h"
+#include "support/signals.h"
+
+#include <gtest/gtest.h>
+
+#include <clap/ext/draft/webview.h>
+
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace lumbrel_test;
+
+namespace {
+
+constexpr const char *pluginId = "varkesh.lumbrel.cleanup";
+constexpr double rate = 48000;
+const clap_id modeId = paramId({"nrMode"});
+const clap_id cleanupId = paramId({"nrCleanup"});
+const clap_id mixId = paramId({"nrMix"});
+enum Mode { learnPrint = 0, holdPrint = 1, adaptive = 2 };
+
+std::unique_ptr<lumbrel::host::Bundle> bundle() {
+	std::string error;
+	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
+	EXPECT_TRUE(loaded) << error;
+	return loaded;
+}
+
+// Steady noise of the given RMS: white, or pink (-3 dB per octave, from a
+// sum of three one-pole lowpasses of white noise).
+std::vector<float> noise(std::size_t frames, double level, bool pink, unsigned seed) {
+	std::mt19937 random(seed);
+	std::normal_distribution<double> white(0.0, 1.0);
+	std::vector<double> x(frames);
+	double b0 = 0, b1 = 0, b2 = 0;
+	for (auto &v : x) {
+		const double w = white(random);
+		if (pink) {
+			b0 = 0.99765 * b0 + w * 0.0990460;
+			b1 = 0.96300 * b1 + w * 0.2965164;
+			b2 = 0.57000 * b2 + w * 1.0526913;
+			v = b0 + b1 + b2 + w * 0.1848;
+		} else {
+			v = w;
+		}
+	}
+	double sum = 0;
+	for (double v : x) sum += v * v;
+	const double scale = level / std::sqrt(sum / double(frames));
+	std::vector<float> out(frames);
+	for (std::size_t i = 0; i < frames; ++i) out[i] = float(x[i] * scale);
+	return out;
+}
+
+// Voice-like syllables: a harmonic tone on 220 Hz, 300 ms on and 300 ms off,
+// with 10 ms fades. The first syllable starts at `start` seconds.
+constexpr double f0 = 220, syllable = 0.3, gap = 0.3;
+constexpr int partials = 8;
+std::vector<float> syllables(std::size_t frames, double start) {
+	const auto tone = harmonicTone(f0, partials, rate, frames, 0.05);
+	std::vector<float> out(frames, 0.0f);
+	for (std::size_t i = 0; i < frames; ++i) {
+		const double t = double(i) / rate - start;
+		if (t < 0) continue;
+		const double phase = std::fmod(t, syllable + gap);
+		if (phase >= syllable) continue;
+		const double fade = std::min({1.0, phase / 0.01, (syllable - phase) / 0.01});
+		out[i] = float(tone[i] * fade);
+	}
+	return out;
+}
+
+std::vector<float> sum(const std::vector<float> &a, const std::vector<float> &b) {
+	std::vector<float> out(a.size());
+	for (std::size_t i = 0; i < a.size(); ++i) out[i] = a[i] + b[i];
+	return out;
+}
+
+struct Measured {
+	double toneDb; // the partials' level in the output over their level in the tone alone
+	double floorDb; // output level over input level in the gaps between syllables
+};
+
+// Measures the syllables that start at or after `from` seconds: the partials
+// over the middle 256 ms of each syllable, the floor from 100 to 280 ms into
+// each gap, when the syllable's own tail has died away. Both in the output delayed by the plug-in's latency.
+Measured measure(const std::vector<float> &out, const std::vector<float> &in, const std::vector<float> &tone,
+	double start, double from, std::size_t latency) {
+	double outTone = 0, inTone = 0, outFloor = 0, inFloor = 0;
+	const std::size_t window = 12288;
+	for (double t = start; t + syllable + gap <= double(in.size()) / rate - 0.05; t += syllable + gap) {
+		if (t < from) continue;
+		const auto middle = std::size_t((t + 0.5 * syllable) * rate) - window / 2;
+		for (int k = 1; k <= partials; ++k) {
+			const double hz = k * f0;
+			outTone += std::pow(magnitudeAt(out, middle + latency, window, hz, rate), 2);
+			inTone += std::pow(magnitudeAt(tone, middle, window, hz, rate), 2);
+		}
+		const auto g0 = std::size_t((t + syllable + 0.1) * rate), g1 = std::size_t((t + syllable + 0.28) * rate);
+		outFloor += std::pow(rms(out, g0 + latency, g1 + latency), 2);
+		inFloor += std::pow(rms(in, g0, g1), 2);
+	}
+	return {10 * std::log10(outTone / inTone), 10 * std::log10(outFloor / inFloor)};
+}
+
+// Sets a ranged parameter by its text, a stepped one by its value.
+void setText(PluginRunner &runner, clap_id id, const std::string &text) {
+	double value = 0;
+	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
+	runner.set(id, value);
+}
+
+// Asks for spectra every 10 ms for the next second, as the page does.
+void requestMeters(lumbrel::host::Instance &instance) {
+	std::vector<unsigned char> bytes;
+	varkesh::cbor::CborWriter writer(bytes);
+	writer.writeHead(4, 3);
+	writer.addText("meters");
+	writer.addFloat(0.01);
+	writer.addFloat(1);
+	const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
+	ASSERT_TRUE(webview);
+	webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
+}
+
+// Hands the queued page messages to the host; returns how many were spectra.
+std::size_t drainMeters(lumbrel::host::Instance &instance) {
+	instance.onMainThread();
+	std::size_t meters = 0;
+	for (const auto &message : instance.host().sentMessages) {
+		meters += message.size() > 8 && message[0] == 0x82 && message[1] == 0x66 && message[2] == 'm' && message[3] == 'e';
+	}
+	instance.host().sentMessages.clear();
+	return meters;
+}
+
+} // namespace
+
+TEST(Cleanup, ParametersAndSavedState) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	struct Expected {
+		std::initializer_list<const char *> path;
+		const char *name, *defaultText;
+	};
+	const Expected expected[] = {
+		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
+		{{"engineConfig", "overlap"}, "overlap", "4"},
+		{{"engineConfig", "resolution"}, "resolution", "20"},
+		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
+		{{"engineConfig", "directCopy"}, "direct", "on"},
+		{{"nrMode"}, "mode", "static"},
+		{{"nrCleanup"}, "cleanup", "1"},
+		{{"nrMix"}, "mix", "0.8"},
+	};
+	ASSERT_EQ(runner.instance->paramCount(), std::size(expected));
+	clap_param_info info{};
+	for (std::uint32_t i = 0; i < std::size(expected); ++i) {
+		SCOPED_TRACE(expected[i].name);
+		ASSERT_TRUE(runner.instance->paramInfo(i, info));
+		EXPECT_EQ(info.id, paramId(expected[i].path));
+		EXPECT_STREQ(info.name, expected[i].name);
+		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
+	}
+	ASSERT_TRUE(runner.instance->paramInfo(5, info));
+	EXPECT_EQ(info.min_value, 0);
+	EXPECT_EQ(info.max_value, 2);
+	EXPECT_EQ(runner.instance->paramText(modeId, 0), "noise");
+	EXPECT_EQ(runner.instance->paramText(modeId, 2), "adaptive");
+	EXPECT_EQ(runner.instance->paramText(cleanupId, 0.5), "1");
+	EXPECT_EQ(runner.instance->paramText(cleanupId, 1.0), "3");
+
+	// The print is not part of the saved state, and the saved name is the
+	// descriptor's.
+	std::vector<std::uint8_t> saved;
+	ASSERT_TRUE(runner.instance->saveState(saved));
+	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
+		"{_ \"name\": \"Lumbrel (WIP): Cleanup\", \"desc\": \"\", \"version\": 0, "
+		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
+		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
+		"\"directCopy\": {_ \"value\": 1}}, "
+		"\"nrMode\": {_ \"value\": 1}, \"nrCleanup\": {_ \"value\": 1.0}, \"nrMix\": {_ \"value\": 0.8}}");
+}
+
+// Untrained, the print is empty and the sound passes; "mix" 0 passes it
+// whatever the print.
+TEST(Cleanup, UntrainedOrDryItPassesTheSound) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto frames = std::size_t(3 * rate);
+	const auto tone = syllables(frames, 0.25);
+	const auto in = sum(tone, noise(frames, 0.01, false, 1));
+
+	PluginRunner untrained(*b, pluginId);
+	ASSERT_TRUE(untrained.ok);
+	const auto out = untrained.run({in, in});
+	const std::size_t latency = untrained.instance->latency();
+	const auto m = measure(out[0], in, tone, 0.25, 0.5, latency);
+	const double residual = residualDb(out[0], in, latency, std::size_t(0.2 * rate), frames - latency);
+	std::printf("untrained: tone %+.2f dB, floor %+.2f dB, residual %.1f dB\n", m.toneDb, m.floorDb, residual);
+	EXPECT_NEAR(m.toneDb, 0, 0.5);
+	EXPECT_NEAR(m.floorDb, 0, 0.5);
+	EXPECT_LT(residual, -20);
+
+	for (int mode : {learnPrint, adaptive}) {
+		PluginRunner dry(*b, pluginId);
+		ASSERT_TRUE(dry.ok);
+		dry.set(modeId, mode);
+		setText(dry, mixId, "0");
+		const auto dryOut = dry.run({in, in});
+		const double dryResidual = residualDb(dryOut[0], in, latency, std::size_t(0.2 * rate), frames - latency);
+		std::printf("mode %d, mix 0: residual %.1f dB\n", mode, dryResidual);
+		EXPECT_LT(dryResidual, -20) << mode;
+		EXPECT_NEAR(dB(rms(dryOut[0], latency + 4800) / rms(in, 4800, frames - latency)), 0, 0.3) << mode;
+	}
+}
+
+// A print learned in "noise" mode and held in "static" mode lowers white and
+// pink noise under the syllables, which keep their level, and leaves clean
+// syllables alone; the noise is already lowered while the print is learned.
+TEST(Cleanup, NoisePrintLowersTheFloorAndKeepsTheTone) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	for (bool pink : {false, true}) {
+		for (const char *mix : {"0.8", "1"}) {
+			SCOPED_TRACE(std::string(pink ? "pink" : "white") + " mix " + mix);
+			PluginRunner runner(*b, pluginId);
+			ASSERT_TRUE(runner.ok);
+			setText(runner, mixId, mix);
+			const std::size_t latency = runner.instance->latency();
+
+			// Two seconds of noise alone, learning.
+			const auto learnFrames = std::size_t(2 * rate);
+			const auto learnIn = noise(learnFrames, 0.01, pink, 2);
+			runner.set(modeId, learnPrint);
+			const auto learnOut = runner.run({learnIn, learnIn});
+			const double whileLearning =
+				dB(rms(learnOut[0], std::size_t(1.0 * rate)) / rms(learnIn, std::size_t(1.0 * rate) - latency, learnFrames - latency));
+
+			// Then syllables in the same noise, the print held.
+			runner.set(modeId, holdPrint);
+			const auto frames = std::size_t(4 * rate);
+			const auto tone = syllables(frames, 0.25);
+			const auto in = sum(tone, noise(frames, 0.01, pink, 3));
+			const auto out = runner.run({in, in});
+			const auto m = measure(out[0], in, tone, 0.25, 0.5, latency);
+			// Below -150 dB the floor is silence (a gain of exactly 0).
+			std::printf("%s noise, mix %s: floor %+.1f dB while learning; held print: floor %+.1f dB, tone %+.2f dB\n",
+				pink ? "pink" : "white", mix, std::max(whileLearning, -150.0), std::max(m.floorDb, -150.0), m.toneDb);
+			EXPECT_LT(whileLearning, -15);
+			EXPECT_LT(m.floorDb, -15);
+			EXPECT_NEAR(m.toneDb, 0, 1);
+
+			// Clean syllables through the same print come out close to unchanged.
+			const auto clean = runner.run({tone, tone});
+			const auto c = measure(clean[0], tone, tone, 0.25, 0.5, latency);
+			std::printf("  clean syllables through the print: tone %+.2f dB\n", c.toneDb);
+			EXPECT_NEAR(c.toneDb, 0, 1);
+		}
+	}
+}
+
+TEST(Cleanup, AdaptiveModeFollowsTheNoiseAndKeepsTheTone) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	for (bool pink : {false, true}) {
+		SCOPED_TRACE(pink ? "pink" : "white");
+		PluginRunner runner(*b, pluginId);
+		ASSERT_TRUE(runner.ok);
+		runner.set(modeId, adaptive);
+		const auto frames = std::size_t(8 * rate);
+		const auto tone = syllables(frames, 0.25);
+		const auto in = sum(tone, noise(frames, 0.01, pink, 4));
+		const auto out = runner.run({in, in});
+		const std::size_t latency = runner.instance->latency();
+		const auto early = measure(out[0], in, tone, 0.25, 0.25, latency);
+		const auto m = measure(out[0], in, tone, 0.25, 4, latency);
+		std::printf("%s noise, adaptive: from the start floor %+.1f dB tone %+.2f dB; after 4 s floor %+.1f dB, tone %+.2f dB\n",
+			pink ? "pink" : "white", early.floorDb, early.toneDb, m.floorDb, m.toneDb);
+		EXPECT_LT(m.floorDb, -15);
+		EXPECT_NEAR(m.toneDb, 0, 1);
+	}
+}
+
+// Entering "noise" mode starts a new print, and a rebuild of the engine
+// forgets the print; "static" holds whatever print there is.
+TEST(Cleanup, NoiseModeStartsANewPrintAndARebuildForgetsIt) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId);
+	ASSERT_TRUE(runner.ok);
+	setText(runner, mixId, "1");
+	const std::size_t latency = runner.instance->latency();
+	const auto frames = std::size_t(2.4 * rate);
+	const auto tone = syllables(frames, 0.25);
+	const auto in = sum(tone, noise(frames, 0.01, false, 5));
+	const auto noiseOnly = noise(std::size_t(rate), 0.01, false, 6);
+	auto toneDb = [&]() {
+		const auto out = runner.run({in, in});
+		return measure(out[0], in, tone, 0.25, 0.25, latency).toneDb;
+	};
+
+	// Learned by the running maximum, the syllables silence themselves.
+	runner.set(modeId, learnPrint);
+	runner.run({in, in});
+	runner.set(modeId, holdPrint);
+	const double learnedTone = toneDb();
+	// Back in "noise" mode over noise alone, the print starts anew.
+	runner.set(modeId, learnPrint);
+	runner.run({noiseOnly, noiseOnly});
+	runner.set(modeId, holdPrint);
+	const double relearned = toneDb();
+	// Learn the syllables again, then change an engine setting.
+	runner.set(modeId, learnPrint);
+	runner.run({in, in});
+	runner.set(modeId, holdPrint);
+	setText(runner, paramId({"engineConfig", "overlap"}), "3");
+	const double rebuilt = toneDb();
+	std::printf("tone with a print of itself %+.1f dB, after a new noise print %+.2f dB, after a rebuild %+.2f dB\n",
+		std::max(learnedTone, -150.0), relearned, rebuilt);
+	EXPECT_LT(learnedTone, -10);
+	EXPECT_NEAR(relearned, 0, 1);
+	EXPECT_NEAR(rebuilt, 0, 1);
+}
+
+// Random automation of the own parameters, with positions far outside 0..1
+// (and the "cleanup" curve's pole at 2) and modes outside 0..2, stays finite
+// and allocates nothing; so does a reset. Engine changes, which rebuild and
+// may allocate, and spectra for the page, whose messages are the main
+// thread's, run before the counted part.
+TEST(Cleanup, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	PluginRunner runner(*b, pluginId, rate, 1024);
+	ASSERT_TRUE(runner.ok);
+	std::mt19937 random(9);
+	std::uniform_real_distribution<double> position(-2.0, 3.0), inRange(0.0, 1.0);
+	const auto frames = std::size_t(2 * rate);
+	const auto in = sum(syllables(frames, 0.1), noise(frames, 0.02, true, 7));
+	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
+	float *inputs[2] = {left.data(), right.data()};
+	float *outputs[2] = {outLeft.data(), outRight.data()};
+	std::size_t cursor = 0, bad = 0, meters = 0;
+	double peak = 0;
+	auto run = [&](int blocks, bool engineChanges) {
+		for (int block = 0; block < blocks; ++block) {
+			const std::uint32_t length = 1 + random() % 1024;
+			for (std::uint32_t i = 0; i < length; ++i, ++cursor) {
+				left[i] = in[cursor % in.size()];
+				right[i] = in[(cursor + 12345) % in.size()];
+			}
+			runner.events.clear();
+			for (int e = 0; e < 3; ++e) {
+				const std::uint32_t time = random() % length;
+				switch (random() % 3) {
+				case 0: runner.events.paramValue(time, modeId, double(int(random() % 8) - 3)); break;
+				case 1: runner.events.paramValue(time, cleanupId, random() % 8 == 0 ? 2.0 : position(random)); break;
+				default: runner.events.paramValue(time, mixId, position(random)); break;
+				}
+			}
+			if (engineChanges && block % 10 == 0) {
+				const char *keys[] = {"latencyMs", "overlap", "resolution"};
+				runner.events.paramValue(0, paramId({"engineConfig", keys[random() % 3]}), inRange(random));
+			}
+			runner.out.clear();
+			runner.instance->process(inputs, 2, outputs, 2, length, runner.events, runner.out);
+			for (std::uint32_t i = 0; i < length; ++i) {
+				for (float x : {outLeft[i], outRight[i]}) {
+					if (std::isfinite(x)) {
+						peak = std::max(peak, double(std::fabs(x)));
+					} else {
+						++bad;
+					}
+				}
+			}
+			if (engineChanges && block % 8 == 0) meters += drainMeters(*runner.instance);
+		}
+	};
+	requestMeters(*runner.instance);
+	run(300, true);
+	meters += drainMeters(*runner.instance);
+	EXPECT_GT(meters, 0u);
+	AllocationScope scope;
+	run(1000, false);
+	runner.instance->reset();
+	run(100, false);
+	const std::size_t allocations = scope.count();
+	std::printf("random automation: %zu non-finite samples, peak %.2f, %zu spectra sent\n", bad, peak, meters);
+	EXPECT_EQ(bad, 0u);
+	EXPECT_LT(peak, 2.0) << "the clean-up never amplifies";
+	if (allocationCountingAvailable()) {
+		EXPECT_EQ(allocations, 0u);
+	}
+}
