@@ -133,13 +133,15 @@ struct DecayScaleQUORL : quorl::LumbrelQUORL<Base, DecayScale<float>, DecayScale
 		storage("decay", decay);
 	}
 
+	// Values reach the effect inside their declared ranges: an RT20 of 0 or a
+	// huge range or rate makes the gains overflow.
 	template<class Effect>
 	void copyParams(Effect &fx) {
-		fx.smoothing = float(decay.smoothing.value);
-		fx.tonalLimit = float(decay.tonalLimit.value);
-		fx.rt20 = float(decay.rt20.value);
-		fx.rangeDb = float(decay.rangeDb.value);
-		fx.factor = float(decay.factor.value);
+		fx.smoothing = float(quorl::withinRange(decay.smoothing.value, 1, 5));
+		fx.tonalLimit = float(quorl::withinRange(decay.tonalLimit.value, 1, 4));
+		fx.rt20 = float(quorl::withinRange(decay.rt20.value, 1, 30));
+		fx.rangeDb = float(quorl::withinRange(decay.rangeDb.value, 10, 60));
+		fx.factor = float(quorl::withinRange(decay.factor.value, 0, 4));
 	}
 
 	// Energy, its tonal part, and the decaying memory of it.

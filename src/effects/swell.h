@@ -151,12 +151,14 @@ struct SwellQUORL : quorl::LumbrelQUORL<Base, Swell<float, 3>, SwellQUORL<Base>>
 		storage("swell", swell);
 	}
 
+	// Values reach the effect inside their declared ranges: a time of 0 or
+	// less, or a huge sweep, takes the filters' rates out of (0, 1].
 	template<class Effect>
 	void copyParams(Effect &fx) {
-		fx.time = float(swell.time.value);
-		fx.sweep = float(swell.sweep.value);
-		fx.autoGain = float(swell.autoGain.value);
-		fx.focus = float(swell.focus.value);
+		fx.time = float(quorl::withinRange(swell.time.value, 0.05, 2));
+		fx.sweep = float(quorl::withinRange(swell.sweep.value, -2, 2));
+		fx.autoGain = float(quorl::withinRange(swell.autoGain.value, 0, 48));
+		fx.focus = float(quorl::withinRange(swell.focus.value, 0, 2));
 	}
 
 	// Input energy of channel 0, and its rising, capped and tail curves.
@@ -164,7 +166,8 @@ struct SwellQUORL : quorl::LumbrelQUORL<Base, Swell<float, 3>, SwellQUORL<Base>>
 	void refreshSpectrum(Effect &fx) {
 		auto &input = this->spectrumRow(0);
 		const float *re = fx.inputReal(0), *im = fx.inputImag(0);
-		for (std::size_t b = 0; b < input.size(); ++b) input[b] = re[b] * re[b] + im[b] * im[b];
+		// A rebuilt engine has no input rows until its first analysis.
+		for (std::size_t b = 0; b < input.size(); ++b) input[b] = re && im ? re[b] * re[b] + im[b] * im[b] : 0.0f;
 		const auto &layer = fx.layers[0][2];
 		this->spectrumRow(1).assign(layer.rising.begin(), layer.rising.end());
 		this->spectrumRow(2).assign(layer.capped.begin(), layer.capped.end());
