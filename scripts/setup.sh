@@ -11,6 +11,11 @@ packages=(
   sox espeak-ng       # the demo: its spoken part and the spectrograms
   clang libclang-rt-14-dev  # fuzzing (libFuzzer) and sanitizers
   binutils file
+  librubberband-dev libsoundtouch-dev  # the pitch shifter benchmark compares against them; never linked into the bundle
+  # The native editor (LumbrelWebview.so, loaded by the bundle only when an
+  # editor opens), and its test: an X server, clicks and screenshots, a font.
+  libwebkit2gtk-4.1-dev libgtk-3-dev libx11-dev
+  xvfb xauth xdotool imagemagick fonts-dejavu-core
 )
 
 missing=()
