@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole C++ test suite again under AddressSanitizer and
-# UndefinedBehaviorSanitizer (build-asan/). Exits non-zero on any failure or
-# sanitizer report. The stress test runs a shorter pass here
+# UndefinedBehaviorSanitizer (build-asan/), then the threaded web tests under
+# ThreadSanitizer (build-tsan/). Exits non-zero on any failure or sanitizer
+# report. The stress test runs a shorter pass here
 # (LUMBREL_STRESS_SECONDS, default 10 s of audio per plug-in and rate).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,9 +20,9 @@ ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
 tsan_dir=${LUMBREL_TSAN_BUILD_DIR:-build-tsan}
 cmake -S . -B "$tsan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMBREL_SANITIZE=thread \
   -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF
-cmake --build "$tsan_dir" -j "$(nproc)" --target message_ring_threads_test web_bridge_test
-export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/scripts/tsan.supp}
-for test in message_ring_threads_test web_bridge_test; do
+cmake --build "$tsan_dir" -j "$(nproc)" --target web_message_ring_threads_test web_bridge_test
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+for test in web_message_ring_threads_test web_bridge_test; do
   echo "ThreadSanitizer: $test"
   "$tsan_dir/tests/web/$test"
 done

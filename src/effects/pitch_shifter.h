@@ -117,7 +117,7 @@ struct PitchShifterQUORL : quorl::LumbrelQUORL<Base, PitchShifter<float>, PitchS
 		fx.peaks.smoothing = withinRange(peaksConfig.smoothing.value, 0, 10);
 		auto &gains = fx.shifter.gains;
 		gainsConfig.copyTo(gains);
-		const int semitones = std::clamp(peakShifterConfig.semitones.value, -24, 24);
+		const int semitones = std::clamp(int(peakShifterConfig.semitones.value), -24, 24);
 		fx.shifter.semitones = float(semitones);
 		fx.shifter.tonalityLimit = withinRange(peakShifterConfig.tonalityLimit.value, 4000, 24000);
 		// No transient boost without a shift: at 0 semitones transients pass as they are.

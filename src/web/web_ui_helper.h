@@ -48,17 +48,17 @@ struct WebUIHelper {
 			void state(Storage &storage) {
 				if constexpr (quorl::storage::isSavedState<Storage>) {
 					if constexpr (Storage::isWriter) {
-						storage("value", this->value);
+						this->visitValue(storage);
 					} else {
 						const double before = this->value;
-						storage("value", this->value);
+						this->visitValue(storage);
 						if (this->value != before) {
 							storage.changed = true;
 							sendUpdateMessage();
 						}
 					}
 				} else if constexpr (Storage::isWriter) {
-					storage("value", this->value);
+					this->visitValue(storage);
 					storage.extra("$type", "ParamRange");
 					if (info) {
 						storage.extra("name", info->name);
@@ -125,17 +125,17 @@ struct WebUIHelper {
 			void state(Storage &storage) {
 				if constexpr (quorl::storage::isSavedState<Storage>) {
 					if constexpr (Storage::isWriter) {
-						storage("value", this->value);
+						this->visitValue(storage);
 					} else {
 						const int before = this->value;
-						storage("value", this->value);
+						this->visitValue(storage);
 						if (this->value != before) {
 							storage.changed = true;
 							sendUpdateMessage();
 						}
 					}
 				} else if constexpr (Storage::isWriter) {
-					storage("value", this->value);
+					this->visitValue(storage);
 					storage.extra("$type", "ParamStepped");
 					if (info) {
 						int low = info->low, high = info->high;

@@ -71,7 +71,9 @@ public:
 	std::int32_t meterCounter = 0; // audio thread only
 
 	std::vector<MessageSlot> queue;
-	std::size_t readIndex = 0; // main thread; read unsynchronised by the audio thread only as a hint
+	// Written by the main thread alone; the audio thread reads it, relaxed, only
+	// to decide whether to wake the main thread.
+	std::atomic<std::size_t> readIndex{0};
 	std::atomic<bool> resendState{false};
 	std::atomic<bool> stateSaved{true}; // set by a host save, cleared by any page message; nothing reads it
 	std::atomic<std::size_t> writeIndex{0};
@@ -196,14 +198,16 @@ public:
 	// A pending whole state replaces everything queued.
 	template<class Send>
 	void drainMessages(Send &&send) {
-		MessageSlot *slot = &queue[readIndex];
+		std::size_t read = readIndex.load(std::memory_order_relaxed);
+		MessageSlot *slot = &queue[read];
 		while (slot->ready.load()) {
-			readIndex = (readIndex + 1) % ringSize;
+			read = (read + 1) % ringSize;
+			readIndex.store(read, std::memory_order_relaxed);
 			if (resendState.load()) {
 				for (auto &other : queue) {
 					if (&other != slot) other.ready = false;
 				}
-				writeIndex = readIndex;
+				writeIndex = read;
 				resendState = false;
 				slot->bytes.clear();
 				WebStateWriter writer(slot->bytes, nullptr, true);
@@ -211,12 +215,12 @@ public:
 			}
 			send(slot->bytes);
 			slot->ready = false;
-			slot = &queue[readIndex];
+			slot = &queue[read];
 		}
 	}
 
 	// [audio-thread] True if a message waits for the drain.
-	bool messageWaiting() const { return queue[readIndex].ready.load(); }
+	bool messageWaiting() const { return queue[readIndex.load(std::memory_order_relaxed)].ready.load(); }
 
 private:
 	// Claims the next slot, or returns null: while a whole state is pending

@@ -1,0 +1,427 @@
+// Saved state, ports and latency of the ten plug-ins of the real bundle,
+// driven through clap.state, clap.audio-ports and clap.latency as a host does.
+#include "engine/engine.h"
+#include "host/bundle.h"
+#include "host/events.h"
+#include "host/host.h"
+#include "host/instance.h"
+#include "storage/cbor_diagnostic.h"
+#include "support/param_ids.h"
+
+#include <gtest/gtest.h>
+
+#include <clap/clap.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace lumbrel::host;
+using lumbrel_test::diagnostic;
+using lumbrel_test::hexBytes;
+using lumbrel_test::paramId;
+using varkesh::cbor::CborType;
+using varkesh::cbor::CborWalker;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct EffectRow {
+	const char *id;
+	const char *stateName;
+	std::vector<std::string> keys; // behind "name", "desc", "version"
+};
+
+const std::vector<EffectRow> effects = {
+	{"varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter",
+		{"engineConfig", "channelMode", "peaksConfig", "gainsConfig", "peakShifterConfig", "timbreConfig",
+			"timbreCorrection"}},
+	{"varkesh.lumbrel.octaver", "Lumbrel: Octaver", {"engineConfig", "octaves", "mix", "sweep"}},
+	{"varkesh.lumbrel.cleanup", "Lumbrel (WIP): Cleanup", {"engineConfig", "nrMode", "nrCleanup", "nrMix"}},
+	{"varkesh.lumbrel.chorus", "Lumbrel3: Chorus (Spectral)", {"engineConfig", "peaksConfig", "gainsConfig", "chorusConfig"}},
+	{"varkesh.lumbrel.chorus-detune", "Lumbrel: Chorus (Pitch-Shifter)", {"engineConfig", "chorusConfig"}},
+	{"varkesh.lumbrel.transients", "Lumbrel3: Transients", {"engineConfig", "envelopeConfig", "gains"}},
+	{"varkesh.lumbrel.swell", "Lumbrel: Swell", {"engineConfig", "swell"}},
+	{"varkesh.lumbrel.decay-scale", "Lumbrel (Bespoke Effect Example): Decay Scale", {"engineConfig", "decay"}},
+	{"varkesh.lumbrel.frequency-snap", "Lumbrel3 (Bespoke Effect Example): Frequency Snap",
+		{"engineConfig", "channelMode", "peaksConfig", "gainsConfig", "chordConfig"}},
+	{"varkesh.lumbrel.shepard-drop", "Lumbrel (Bespoke Effect Example): Shepard Drop",
+		{"engineConfig", "shepard", "semitones"}},
+};
+
+// Groups shared by several effects: display name and keys behind the three
+// common ones. No effect shows "emphasis" or "transientSmoothing", so neither
+// is ever saved.
+struct GroupRow {
+	const char *key, *name;
+	std::vector<std::string> keys;
+};
+const std::vector<GroupRow> sharedGroups = {
+	{"engineConfig", "Engine", {"latencyMs", "overlap", "resolution", "iterationsLog2", "directCopy"}},
+	{"peaksConfig", "Spectral peaks", {"smoothing"}},
+	{"gainsConfig", "Output gains", {"phaseSmoothing", "detailBoost", "transientReset", "transientBoost"}},
+	{"peakShifterConfig", "Transpose", {"semitones", "tonalityLimit"}},
+	{"timbreConfig", "Timbre", {"smoothing"}},
+	{"envelopeConfig", "Envelope", {"smoothing", "periodMs"}},
+};
+
+Bytes operator+(Bytes a, const Bytes &b) {
+	a.insert(a.end(), b.begin(), b.end());
+	return a;
+}
+
+CborWalker walkerOn(const Bytes &bytes) { return {bytes.data(), bytes.data() + bytes.size()}; }
+
+std::vector<std::pair<std::string, CborWalker>> pairsOf(const CborWalker &map) {
+	std::vector<std::pair<std::string, CborWalker>> pairs;
+	map.forEachPair([&](const CborWalker &key, const CborWalker &value) { pairs.emplace_back(std::string(key.stringView()), value); });
+	return pairs;
+}
+
+std::vector<std::string> keysOf(const CborWalker &map) {
+	std::vector<std::string> keys;
+	for (const auto &pair : pairsOf(map)) keys.push_back(pair.first);
+	return keys;
+}
+
+CborWalker member(const CborWalker &map, const std::string &key) {
+	for (const auto &pair : pairsOf(map)) {
+		if (pair.first == key) return pair.second;
+	}
+	return {};
+}
+
+// The number saved under `path` (keys down to the parameter), NaN if absent.
+double savedValue(const Bytes &bytes, std::initializer_list<const char *> path) {
+	CborWalker item = walkerOn(bytes);
+	for (const char *key : path) item = member(item, key);
+	item = member(item, "value");
+	switch (item.type) {
+	case CborType::Unsigned:
+	case CborType::Negative:
+	case CborType::Float64:
+		return item.asDouble();
+	default:
+		return std::nan("");
+	}
+}
+
+// Checks the encoding rules of one saved object and collects its key tree:
+// indefinite maps throughout, groups led by "name", "desc" "" and "version" 0,
+// parameters holding "value" alone as a float64 or an integer.
+void checkObject(const CborWalker &object, const std::string &where, std::string &tree) {
+	ASSERT_EQ(object.type, CborType::IndefiniteMap) << where;
+	const auto pairs = pairsOf(object);
+	ASSERT_FALSE(pairs.empty()) << where;
+	if (pairs[0].first == "value") {
+		ASSERT_EQ(pairs.size(), 1u) << where << ": a parameter holds its value alone";
+		const CborType type = pairs[0].second.type;
+		EXPECT_TRUE(type == CborType::Float64 || type == CborType::Unsigned || type == CborType::Negative) << where;
+		return;
+	}
+	ASSERT_GE(pairs.size(), 4u) << where;
+	EXPECT_EQ(pairs[0].first, "name") << where;
+	EXPECT_EQ(pairs[0].second.type, CborType::Utf8) << where;
+	EXPECT_EQ(pairs[1].first, "desc") << where;
+	EXPECT_TRUE(pairs[1].second.type == CborType::Utf8 && pairs[1].second.value == 0) << where;
+	EXPECT_EQ(pairs[2].first, "version") << where;
+	EXPECT_TRUE(pairs[2].second.type == CborType::Unsigned && pairs[2].second.value == 0) << where;
+	tree += "{";
+	for (std::size_t i = 3; i < pairs.size(); ++i) {
+		tree += pairs[i].first;
+		checkObject(pairs[i].second, where + "." + pairs[i].first, tree);
+		tree += ",";
+	}
+	tree += "}";
+}
+
+// The key tree of a whole blob, after checking that it is one item exactly.
+std::string keyTree(const Bytes &bytes) {
+	const CborWalker root = walkerOn(bytes);
+	EXPECT_TRUE(root.next().atBufferEnd()) << "nothing may follow the root map";
+	std::string tree;
+	checkObject(root, "root", tree);
+	return tree;
+}
+
+// The latency of an engine built at `sampleRate` for `latencyMs`.
+std::uint32_t engineLatency(double latencyMs, float sampleRate) {
+	varkesh_lumbrel_config config = varkesh_lumbrel_config_default();
+	config.latencyMs = latencyMs;
+	varkesh_lumbrel_engine_float *engine = varkesh_lumbrel_engine_float_new(2, 2, sampleRate, &config);
+	const auto samples = std::uint32_t(varkesh_lumbrel_engine_float_latencySamples(engine));
+	varkesh_lumbrel_engine_float_delete(engine);
+	return samples;
+}
+
+class SavedState : public ::testing::Test {
+protected:
+	static void SetUpTestSuite() {
+		std::string error;
+		bundle = Bundle::load(LUMBREL_BUNDLE_PATH, error).release();
+		ASSERT_NE(bundle, nullptr) << error;
+	}
+	static void TearDownTestSuite() {
+		delete bundle;
+		bundle = nullptr;
+	}
+
+	std::unique_ptr<Instance> make(const char *id) {
+		auto instance = std::make_unique<Instance>(*bundle, id, host);
+		EXPECT_TRUE(instance->valid()) << id;
+		EXPECT_TRUE(instance->init()) << id;
+		return instance;
+	}
+	static Bytes save(const Instance &instance) {
+		Bytes bytes;
+		EXPECT_TRUE(instance.saveState(bytes));
+		return bytes;
+	}
+
+	// Moves every parameter away from its default through host events: ranged
+	// ones to 0.3 of their travel, stepped ones to their lowest step.
+	static void editAll(Instance &instance) {
+		InputEvents events;
+		OutputEvents out;
+		for (std::uint32_t i = 0; i < instance.paramCount(); ++i) {
+			clap_param_info info{};
+			ASSERT_TRUE(instance.paramInfo(i, info));
+			const bool stepped = (info.flags & CLAP_PARAM_IS_STEPPED) != 0;
+			events.paramValue(0, info.id, stepped ? info.min_value : 0.3);
+		}
+		process(instance, events, out, 64);
+	}
+
+	// One block of a 1 kHz tone; true if everything that came out is finite.
+	static bool process(Instance &instance, InputEvents &events, OutputEvents &out, std::uint32_t frames) {
+		std::vector<float> in(frames), left(frames), right(frames);
+		for (std::uint32_t i = 0; i < frames; ++i) in[i] = 0.5f * float(std::sin(2 * M_PI * 1000 * i / 48000.0));
+		float *inputs[2] = {in.data(), in.data()};
+		float *outputs[2] = {left.data(), right.data()};
+		instance.process(inputs, 2, outputs, 2, frames, events, out);
+		for (std::uint32_t i = 0; i < frames; ++i) {
+			if (!std::isfinite(left[i]) || !std::isfinite(right[i])) return false;
+		}
+		return true;
+	}
+	static bool runsClean(Instance &instance) {
+		InputEvents events;
+		OutputEvents out;
+		for (int b = 0; b < 8; ++b) {
+			if (!process(instance, events, out, 256)) return false;
+		}
+		return true;
+	}
+
+	static Bundle *bundle;
+	Host host;
+};
+Bundle *SavedState::bundle = nullptr;
+
+std::string text(const std::string &s) {
+	return std::string(1, char(0x60 + s.size())) + s; // texts below 24 bytes
+}
+
+} // namespace
+
+TEST_F(SavedState, PitchShifterStartsWithTheDocumentedBytes) {
+	const auto instance = make("varkesh.lumbrel.pitch-shifter-layer1");
+	const Bytes saved = save(*instance);
+
+	std::string start = "\xBF" + text("name") + "\x76" "Lumbrel: Pitch Shifter" + text("desc") + text("") + text("version")
+		+ std::string(1, '\0') + "\x6C" "engineConfig" + "\xBF" + text("name") + text("Engine") + text("desc") + text("")
+		+ text("version") + std::string(1, '\0') + text("latencyMs") + "\xBF" + text("value") + "\xFB";
+	// 10 ms, the default latency, as a big-endian float64, then the parameter's break.
+	start += std::string("\x40\x24\x00\x00\x00\x00\x00\x00", 8) + "\xFF" + text("overlap") + "\xBF" + text("value") + "\xFB";
+	ASSERT_GT(saved.size(), start.size());
+	EXPECT_EQ(lumbrel_test::diagnostic(std::vector<unsigned char>(saved.begin(), saved.begin() + std::ptrdiff_t(start.size()))),
+		lumbrel_test::diagnostic(std::vector<unsigned char>(start.begin(), start.end())));
+	EXPECT_EQ(Bytes(saved.begin(), saved.begin() + std::ptrdiff_t(start.size())), Bytes(start.begin(), start.end()));
+
+	// The last parameter's break, its group's if it stands in one, and the root's.
+	ASSERT_GE(saved.size(), 3u);
+	EXPECT_EQ(saved[saved.size() - 1], 0xFF);
+	EXPECT_EQ(saved[saved.size() - 2], 0xFF);
+	keyTree(saved);
+	// Nothing of the page stands in a saved state.
+	const std::string all(saved.begin(), saved.end());
+	for (const char *pageKey : {"$type", "text", "gesture", "rangeUnit", "analysisSpectrum"}) {
+		EXPECT_EQ(all.find(text(pageKey)), std::string::npos) << pageKey;
+	}
+}
+
+TEST_F(SavedState, EveryEffectSavesItsDocumentedKeys) {
+	for (const auto &row : effects) {
+		SCOPED_TRACE(row.id);
+		const auto instance = make(row.id);
+		const Bytes saved = save(*instance);
+		const std::string tree = keyTree(saved);
+		ASSERT_FALSE(tree.empty());
+		const CborWalker root = walkerOn(saved);
+		EXPECT_EQ(member(root, "name").stringView(), row.stateName);
+		auto keys = keysOf(root);
+		ASSERT_GE(keys.size(), 3u);
+		EXPECT_EQ(std::vector<std::string>(keys.begin() + 3, keys.end()), row.keys);
+		for (const auto &group : sharedGroups) {
+			const CborWalker object = member(root, group.key);
+			if (object.type == CborType::Error) continue;
+			EXPECT_EQ(member(object, "name").stringView(), group.name) << group.key;
+			keys = keysOf(object);
+			EXPECT_EQ(std::vector<std::string>(keys.begin() + 3, keys.end()), group.keys) << group.key;
+		}
+		// Saving twice gives the same bytes.
+		EXPECT_EQ(save(*instance), saved);
+	}
+}
+
+TEST_F(SavedState, EditedStatesComeBackByteForByteInFreshInstances) {
+	for (const auto &row : effects) {
+		SCOPED_TRACE(row.id);
+		const auto edited = make(row.id);
+		const Bytes defaults = save(*edited);
+		ASSERT_TRUE(edited->activate(48000, 1, 256));
+		ASSERT_TRUE(edited->startProcessing());
+		editAll(*edited);
+		const Bytes saved = save(*edited);
+		EXPECT_NE(saved, defaults) << "the edits reach the saved state";
+		EXPECT_EQ(keyTree(saved), keyTree(defaults));
+
+		// Into an instance that was never activated, and into a running one.
+		const auto fresh = make(row.id);
+		EXPECT_TRUE(fresh->loadState(saved));
+		EXPECT_EQ(save(*fresh), saved);
+		const auto running = make(row.id);
+		ASSERT_TRUE(running->activate(48000, 1, 256));
+		ASSERT_TRUE(running->startProcessing());
+		EXPECT_TRUE(running->loadState(saved));
+		EXPECT_TRUE(runsClean(*running));
+		EXPECT_EQ(save(*running), saved);
+	}
+}
+
+TEST_F(SavedState, BadBlobsLoadWithoutHarm) {
+	const char *id = "varkesh.lumbrel.pitch-shifter-layer1";
+	const auto instance = make(id);
+	ASSERT_TRUE(instance->activate(48000, 1, 256));
+	ASSERT_TRUE(instance->startProcessing());
+	const Bytes defaults = save(*instance);
+	const std::string tree = keyTree(defaults);
+	const double defaultLatency = savedValue(defaults, {"engineConfig", "latencyMs"});
+	const double defaultChannelMode = savedValue(defaults, {"channelMode"});
+	ASSERT_EQ(defaultLatency, 10.0);
+	ASSERT_FALSE(std::isnan(defaultChannelMode));
+	const double otherChannelMode = defaultChannelMode == 0 ? 1 : 0;
+
+	auto load = [&](const Bytes &blob, const char *what) {
+		EXPECT_TRUE(instance->loadState(blob)) << what;
+		const Bytes after = save(*instance);
+		EXPECT_EQ(keyTree(after), tree) << what;
+		EXPECT_TRUE(runsClean(*instance)) << what;
+		return after;
+	};
+
+	// Unknown keys at the root, in a group and in a parameter object are
+	// passed over; the known ones around them are read.
+	Bytes after = load(hexBytes("bf 63 78797a 01 6c 656e67696e65436f6e666967 bf 63 78797a 9f 01 02 ff"
+								"69 6c6174656e63794d73 bf 63 78797a f5 65 76616c7565 fb 4034000000000000 ff ff ff"),
+		"unknown keys");
+	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 20.0);
+
+	// A definite-length root and groups, with an integer where a float stands.
+	after = load(hexBytes("a2 6c 656e67696e65436f6e666967 a1 69 6c6174656e63794d73 a1 65 76616c7565 0f"
+						  "6b 6368616e6e656c4d6f6465 a1 65 76616c7565")
+			+ Bytes{std::uint8_t(otherChannelMode)},
+		"definite lengths, integer value");
+	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0);
+	EXPECT_EQ(savedValue(after, {"channelMode"}), otherChannelMode);
+	double position = -1;
+	ASSERT_TRUE(instance->paramValue(paramId({"channelMode"}), position));
+	EXPECT_EQ(position, otherChannelMode) << "the host sees the loaded value";
+
+	// {"engineConfig": 1, "channelMode": {"value": default}}: the integer is
+	// skipped and the key behind it read.
+	after = load(hexBytes("bf 6c 656e67696e65436f6e666967 01 6b 6368616e6e656c4d6f6465 bf 65 76616c7565")
+			+ Bytes{std::uint8_t(defaultChannelMode), 0xFF, 0xFF},
+		"engineConfig: 1");
+	EXPECT_EQ(savedValue(after, {"channelMode"}), defaultChannelMode);
+	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0) << "nothing is reset";
+
+	load(hexBytes("a1 6c 656e67696e65436f6e666967 01"), "engineConfig: 1 alone");
+	after = load({}, "empty");
+	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0);
+	load(hexBytes("bf 67 76657273696f6e 18 63 ff"), "version 99");
+	load(hexBytes("ff ff ff"), "breaks");
+
+	// Cut in the middle, a blob keeps what came before the cut: the latency
+	// near its start loads, the channel mode behind the cut doesn't.
+	Bytes edited = defaults;
+	const Bytes latencyKey = hexBytes("69 6c6174656e63794d73 bf 65 76616c7565 fb");
+	const auto at = std::search(edited.begin(), edited.end(), latencyKey.begin(), latencyKey.end());
+	ASSERT_NE(at, edited.end());
+	const Bytes thirty = hexBytes("403e000000000000"); // 30.0
+	std::copy(thirty.begin(), thirty.end(), at + std::ptrdiff_t(latencyKey.size()));
+	const Bytes channelKey = hexBytes("6b 6368616e6e656c4d6f6465");
+	const auto cut = std::search(edited.begin(), edited.end(), channelKey.begin(), channelKey.end());
+	ASSERT_NE(cut, edited.end());
+	load(hexBytes("a1 6b 6368616e6e656c4d6f6465 a1 65 76616c7565") + Bytes{std::uint8_t(otherChannelMode)}, "channel mode");
+	after = load(Bytes(edited.begin(), cut + 3), "truncated");
+	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 30.0);
+	EXPECT_EQ(savedValue(after, {"channelMode"}), otherChannelMode);
+
+	// Random bytes, some of them behind a map head.
+	std::mt19937 random(1234);
+	for (int i = 0; i < 200; ++i) {
+		Bytes blob(random() % 200);
+		for (auto &b : blob) b = std::uint8_t(random());
+		if (i % 2 && !blob.empty()) blob[0] = 0xBF;
+		EXPECT_TRUE(instance->loadState(blob)) << i;
+	}
+	keyTree(save(*instance));
+	EXPECT_TRUE(runsClean(*instance));
+}
+
+TEST_F(SavedState, PortsAndLatencyOfEveryEffect) {
+	for (const auto &row : effects) {
+		SCOPED_TRACE(row.id);
+		const auto instance = make(row.id);
+		EXPECT_EQ(instance->latency(), 0u) << "no engine before configuration";
+		const auto *ports = instance->extension<clap_plugin_audio_ports>(CLAP_EXT_AUDIO_PORTS);
+		ASSERT_NE(ports, nullptr);
+		const auto check = [&](const char *when) {
+			SCOPED_TRACE(when);
+			for (bool input : {true, false}) {
+				ASSERT_EQ(ports->count(instance->clapPlugin(), input), 1u);
+				clap_audio_port_info info{};
+				ASSERT_TRUE(ports->get(instance->clapPlugin(), 0, input, &info));
+				EXPECT_EQ(info.id, input ? 0x1000000u : 0x2000000u);
+				EXPECT_EQ(info.channel_count, 2u);
+				EXPECT_TRUE(info.flags & CLAP_AUDIO_PORT_IS_MAIN);
+				EXPECT_FALSE(ports->get(instance->clapPlugin(), 1, input, &info));
+			}
+		};
+		check("before activation");
+		ASSERT_TRUE(instance->activate(48000, 1, 256));
+		check("active");
+
+		const double latencyMs = savedValue(save(*instance), {"engineConfig", "latencyMs"});
+		const std::uint32_t expected = engineLatency(latencyMs, 48000);
+		EXPECT_GT(expected, 0u);
+		EXPECT_EQ(instance->latency(), expected) << latencyMs << " ms";
+
+		// A new latency setting (12 ms, within the range of 2 to 15 ms) rebuilds
+		// the engine at the next block, and the figure follows.
+		ASSERT_TRUE(instance->startProcessing());
+		InputEvents events;
+		OutputEvents out;
+		const Bytes longer = hexBytes("a1 6c 656e67696e65436f6e666967 a1 69 6c6174656e63794d73 a1 65 76616c7565 fb 4028000000000000");
+		ASSERT_TRUE(instance->loadState(longer));
+		process(*instance, events, out, 64);
+		EXPECT_EQ(instance->latency(), engineLatency(12.0, 48000));
+		EXPECT_NE(engineLatency(12.0, 48000), expected);
+	}
+}
