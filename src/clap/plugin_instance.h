@@ -207,7 +207,7 @@ struct Plugin {
 		auto *p = self(plugin);
 		p->hostParams = static_cast<const clap_host_params *>(p->host->get_extension(p->host, CLAP_EXT_PARAMS));
 		p->hostLatency = static_cast<const clap_host_latency *>(p->host->get_extension(p->host, CLAP_EXT_LATENCY));
-		p->webviewGui.findWebviewExtensions();
+		p->webviewGui.findExtensions();
 		p->webviewGui.width = p->effect.webWidth;
 		p->webviewGui.height = p->effect.webHeight;
 		if (p->webviewGui.webview) p->webviewGui.webview->setSize(p->webviewGui.width, p->webviewGui.height);
@@ -314,6 +314,9 @@ struct Plugin {
 		if (!std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
 		if (!std::strcmp(id, CLAP_EXT_WEBVIEW)) return &webviewExtension;
 		if (!std::strcmp(id, CLAP_EXT_GUI)) return self(plugin)->webviewGui.clapGui;
+		// The editor's web view pumps its events from these (X11).
+		if (!std::strcmp(id, CLAP_EXT_TIMER_SUPPORT)) return &webview_gui::ClapWebviewGui::timerSupportTable;
+		if (!std::strcmp(id, CLAP_EXT_POSIX_FD_SUPPORT)) return &webview_gui::ClapWebviewGui::posixFdSupportTable;
 		return nullptr;
 	}
 

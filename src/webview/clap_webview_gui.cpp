@@ -1,5 +1,6 @@
 #include "webview/clap_webview_gui.h"
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -13,6 +14,8 @@ const clap_plugin_gui ClapWebviewGui::guiTable{gui_is_api_supported, gui_get_pre
 	gui_set_scale, gui_get_size, gui_can_resize, gui_get_resize_hints, gui_adjust_size, gui_set_size, gui_set_parent,
 	gui_set_transient, gui_suggest_title, gui_show, gui_hide};
 const clap_host_webview ClapWebviewGui::hostWebviewTable{host_webview_send};
+const clap_plugin_timer_support ClapWebviewGui::timerSupportTable{timer_on_timer};
+const clap_plugin_posix_fd_support ClapWebviewGui::posixFdSupportTable{posix_fd_on_fd};
 
 namespace {
 
@@ -58,9 +61,17 @@ ClapWebviewGui::ClapWebviewGui(const clap_plugin *plugin, const clap_host *host)
 	if (host) pointerMap[reinterpret_cast<std::size_t>(host)] = this;
 }
 
-void ClapWebviewGui::findWebviewExtensions() {
+ClapWebviewGui::~ClapWebviewGui() {
+	webview.reset();
+	stopPumping();
+}
+
+void ClapWebviewGui::findExtensions() {
 	pluginWebview = static_cast<const clap_plugin_webview *>(plugin->get_extension(plugin, CLAP_EXT_WEBVIEW));
 	hostWebview = static_cast<const clap_host_webview *>(host->get_extension(host, CLAP_EXT_WEBVIEW));
+	hostTimerSupport = static_cast<const clap_host_timer_support *>(host->get_extension(host, CLAP_EXT_TIMER_SUPPORT));
+	hostPosixFdSupport
+		= static_cast<const clap_host_posix_fd_support *>(host->get_extension(host, CLAP_EXT_POSIX_FD_SUPPORT));
 }
 
 ClapWebviewGui *ClapWebviewGui::lookup(const void *key) {
@@ -88,6 +99,8 @@ bool ClapWebviewGui::create(const char *api, bool isFloating) {
 	if (!hasScheme(uri) && address[0] != '/') address = "/" + address;
 
 	const WebviewGui::Platform platform = platformOf(api);
+	const bool pumped = WebviewGui::needsPump(platform);
+	if (pumped && !hostTimerSupport) return false; // nothing would ever run the page
 	WebviewGui *made = nullptr;
 	if (address.compare(0, 5, "file:") == 0) {
 		std::size_t start = 5;
@@ -109,7 +122,12 @@ bool ClapWebviewGui::create(const char *api, bool isFloating) {
 		});
 	}
 	if (!made) return false;
+	if (pumped && !startPumping()) {
+		delete made;
+		return false;
+	}
 	webview.reset(made);
+	webview->setSize(width, height); // the size the host was told, until it sets one
 	webview->receive = [this](const unsigned char *bytes, std::size_t length) {
 		if (pluginWebview) pluginWebview->receive(plugin, bytes, std::uint32_t(length));
 	};
@@ -130,9 +148,13 @@ bool ClapWebviewGui::host_webview_send(const clap_host *host, const void *bytes,
 	return gui && gui->send(bytes, length);
 }
 
-bool ClapWebviewGui::gui_is_api_supported(const clap_plugin *, const char *api, bool isFloating) {
+bool ClapWebviewGui::gui_is_api_supported(const clap_plugin *plugin, const char *api, bool isFloating) {
 	if (isFloating || isWebviewApi(api)) return isWebviewApi(api);
-	return WebviewGui::supports(platformOf(api));
+	const WebviewGui::Platform platform = platformOf(api);
+	if (!WebviewGui::supports(platform)) return false;
+	if (!WebviewGui::needsPump(platform)) return true;
+	ClapWebviewGui *gui = lookup(plugin);
+	return gui && gui->hostTimerSupport;
 }
 
 bool ClapWebviewGui::gui_get_preferred_api(const clap_plugin *, const char **api, bool *isFloating) {
@@ -147,7 +169,13 @@ bool ClapWebviewGui::gui_create(const clap_plugin *plugin, const char *api, bool
 }
 
 void ClapWebviewGui::gui_destroy(const clap_plugin *plugin) {
-	if (ClapWebviewGui *gui = lookup(plugin)) gui->webview.reset();
+	ClapWebviewGui *gui = lookup(plugin);
+	if (!gui) return;
+	gui->webview.reset();
+	if (gui->timerId != CLAP_INVALID_ID) {
+		gui->pumpEvents(); // lets the view's teardown run before the pump stops
+		gui->stopPumping();
+	}
 }
 
 bool ClapWebviewGui::gui_set_scale(const clap_plugin *plugin, double) {
@@ -191,6 +219,72 @@ bool ClapWebviewGui::gui_set_parent(const clap_plugin *plugin, const clap_window
 		gui->webview->attach(window->ptr);
 	}
 	return true;
+}
+
+void ClapWebviewGui::pumpEvents() {
+	if (!WebviewGui::pump(pumpFds) || !hostPosixFdSupport) return;
+	// One entry per descriptor, its interests merged: GLib may list one twice.
+	std::sort(pumpFds.begin(), pumpFds.end(), [](const auto &a, const auto &b) { return a.fd < b.fd; });
+	std::size_t kept = 0;
+	for (const auto &entry : pumpFds) {
+		if (entry.flags == 0) continue;
+		if (kept > 0 && pumpFds[kept - 1].fd == entry.fd) {
+			pumpFds[kept - 1].flags |= entry.flags;
+		} else {
+			pumpFds[kept++] = entry;
+		}
+	}
+	pumpFds.resize(kept);
+
+	// Both lists are sorted by descriptor: walk them side by side.
+	std::size_t w = 0;
+	std::vector<WebviewGui::EventFd> watched;
+	watched.reserve(pumpFds.size());
+	for (const auto &wanted : pumpFds) {
+		while (w < watchedFds.size() && watchedFds[w].fd < wanted.fd) {
+			hostPosixFdSupport->unregister_fd(host, watchedFds[w++].fd);
+		}
+		if (w < watchedFds.size() && watchedFds[w].fd == wanted.fd) {
+			const bool same = watchedFds[w].flags == wanted.flags;
+			if (same || hostPosixFdSupport->modify_fd(host, wanted.fd, wanted.flags)) {
+				watched.push_back(wanted);
+			} else {
+				hostPosixFdSupport->unregister_fd(host, wanted.fd);
+			}
+			++w;
+		} else if (hostPosixFdSupport->register_fd(host, wanted.fd, wanted.flags)) {
+			watched.push_back(wanted);
+		}
+	}
+	for (; w < watchedFds.size(); ++w) hostPosixFdSupport->unregister_fd(host, watchedFds[w].fd);
+	watchedFds.swap(watched);
+}
+
+bool ClapWebviewGui::startPumping() {
+	if (timerId != CLAP_INVALID_ID) return true;
+	clap_id id = CLAP_INVALID_ID;
+	if (!hostTimerSupport || !hostTimerSupport->register_timer(host, pumpPeriodMs, &id)) return false;
+	timerId = id;
+	return true;
+}
+
+void ClapWebviewGui::stopPumping() {
+	if (timerId != CLAP_INVALID_ID && hostTimerSupport) hostTimerSupport->unregister_timer(host, timerId);
+	timerId = CLAP_INVALID_ID;
+	if (hostPosixFdSupport) {
+		for (const auto &entry : watchedFds) hostPosixFdSupport->unregister_fd(host, entry.fd);
+	}
+	watchedFds.clear();
+}
+
+void ClapWebviewGui::timer_on_timer(const clap_plugin *plugin, clap_id timerId) {
+	ClapWebviewGui *gui = lookup(plugin);
+	if (gui && timerId != CLAP_INVALID_ID && timerId == gui->timerId) gui->pumpEvents();
+}
+
+void ClapWebviewGui::posix_fd_on_fd(const clap_plugin *plugin, int, clap_posix_fd_flags_t) {
+	ClapWebviewGui *gui = lookup(plugin);
+	if (gui && gui->timerId != CLAP_INVALID_ID) gui->pumpEvents();
 }
 
 bool ClapWebviewGui::gui_set_transient(const clap_plugin *, const clap_window *) { return false; }

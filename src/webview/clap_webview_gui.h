@@ -9,6 +9,7 @@
 #include <memory>
 #include <shared_mutex>
 #include <unordered_map>
+#include <vector>
 
 namespace webview_gui {
 
@@ -16,6 +17,10 @@ namespace webview_gui {
 // that offers the "webview" API shows the page itself through clap.webview/3,
 // and this class only says yes; for a native window API it makes a web view
 // of its own, puts it in the host's window and carries the messages.
+//
+// On X11 the web view's events run only when pumped, so "x11" is offered only
+// to a host with "clap.timer-support", and the editor's timer lives from
+// gui_create to gui_destroy.
 //
 // The gui_* functions are static and get only a clap_plugin (or clap_host)
 // pointer: they find their instance in `pointerMap`. Main thread, as CLAP says.
@@ -31,12 +36,23 @@ public:
 	const clap_plugin_webview *pluginWebview = nullptr; // the plug-in's own table, from plugin_init
 	const clap_host_webview *hostWebview = nullptr; // the host's, if it shows pages itself
 
+	// A web view whose events must be pumped (X11) runs them from a host
+	// timer, registered while it exists, and also from the host's watch on
+	// the descriptors its loop waits on, where the host offers that.
+	const clap_host_timer_support *hostTimerSupport = nullptr;
+	const clap_host_posix_fd_support *hostPosixFdSupport = nullptr;
+	clap_id timerId = CLAP_INVALID_ID;
+	std::vector<WebviewGui::EventFd> pumpFds, watchedFds;
+	static constexpr std::uint32_t pumpPeriodMs = 16;
+
 	ClapWebviewGui(const clap_plugin *plugin, const clap_host *host);
+	~ClapWebviewGui(); // [main-thread] ends the web view, then gives back the timer and descriptors
 	ClapWebviewGui(const ClapWebviewGui &) = delete;
 	ClapWebviewGui &operator=(const ClapWebviewGui &) = delete;
 
-	// Looks up clap.webview/3 on the plug-in and on the host (from plugin_init).
-	void findWebviewExtensions();
+	// Looks up clap.webview/3 on the plug-in, and on the host clap.webview/3,
+	// the timer and the descriptor watch (from plugin_init).
+	void findExtensions();
 
 	// What gui_create does.
 	bool create(const char *api, bool isFloating);
@@ -46,6 +62,20 @@ public:
 	bool send(const void *bytes, std::uint32_t length);
 
 	static bool host_webview_send(const clap_host *host, const void *bytes, std::uint32_t length);
+
+	// [main-thread] Runs the web view's events and brings the host's watch up
+	// to date with the descriptors they wait on.
+	void pumpEvents();
+	// [main-thread] Registers the pump timer if it isn't; false if the host refuses.
+	bool startPumping();
+	// [main-thread] Unregisters the timer and every watched descriptor.
+	void stopPumping();
+
+	// clap.timer-support and clap.posix-fd-support: both pump, for an
+	// instance whose web view needs it; other timers and descriptors are
+	// none of ours.
+	static void timer_on_timer(const clap_plugin *plugin, clap_id timerId);
+	static void posix_fd_on_fd(const clap_plugin *plugin, int fd, clap_posix_fd_flags_t flags);
 
 	static bool gui_is_api_supported(const clap_plugin *plugin, const char *api, bool isFloating);
 	static bool gui_get_preferred_api(const clap_plugin *plugin, const char **api, bool *isFloating);
@@ -69,6 +99,8 @@ public:
 
 	static const clap_plugin_gui guiTable;
 	static const clap_host_webview hostWebviewTable;
+	static const clap_plugin_timer_support timerSupportTable;
+	static const clap_plugin_posix_fd_support posixFdSupportTable;
 	static std::unordered_map<std::size_t, ClapWebviewGui *> pointerMap;
 	static std::shared_mutex pointerMapMutex;
 };

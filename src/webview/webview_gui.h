@@ -34,11 +34,31 @@ public:
 	// Opens a local file under `fileRoot`; an empty root opens `startPath` as a URL.
 	static WebviewGui *create(Platform platform, const std::string &startPath, const std::string &fileRoot);
 
+	// A descriptor the platform's event loop waits on, with what it waits for:
+	// the bits of `flags` are 1 readable, 2 writable, 4 error (CLAP's posix fd bits).
+	struct EventFd {
+		int fd;
+		unsigned flags;
+	};
+
+	// True where the web view's events don't run by themselves in the host's
+	// main loop and must be pumped from a host timer (X11: GLib's loop).
+	static bool needsPump(Platform platform);
+	// Runs what is due in the platform's event loop, a bounded amount of work
+	// so that a busy page can't hold the host's thread, and then puts in `fds`
+	// the descriptors the loop waits on, for a host that can watch them.
+	// False, with `fds` empty, if it did nothing: before the first web view,
+	// on a platform without a loop of its own, or when called from inside the
+	// work it runs.
+	static bool pump(std::vector<EventFd> &fds);
+
 	// Puts the view into the host's window (an NSView*, or an X11 window id).
 	void attach(void *parent);
 	// Delivers one message to the page, as a MessageEvent holding an ArrayBuffer.
 	void send(const unsigned char *bytes, std::size_t length);
 	void setSize(double width, double height);
+	// Shows or hides the view inside the parent; on macOS the parent governs
+	// visibility and this does nothing.
 	void setVisible(bool visible);
 
 	~WebviewGui();

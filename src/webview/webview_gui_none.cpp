@@ -7,6 +7,11 @@ namespace webview_gui {
 struct WebviewGui::Impl {};
 
 bool WebviewGui::supports(Platform) { return false; }
+bool WebviewGui::needsPump(Platform) { return false; }
+bool WebviewGui::pump(std::vector<EventFd> &fds) {
+	fds.clear();
+	return false;
+}
 WebviewGui *WebviewGui::create(Platform, const std::string &) { return nullptr; }
 WebviewGui *WebviewGui::create(Platform, const std::string &, ResourceFn) { return nullptr; }
 WebviewGui *WebviewGui::create(Platform, const std::string &, const std::string &) { return nullptr; }

@@ -8,6 +8,7 @@ const clap_host_params Host::paramsExtension{params_rescan, params_clear, params
 const clap_host_latency Host::latencyExtension{latency_changed};
 const clap_host_webview Host::webviewExtension{webview_send};
 const clap_host_timer_support Host::timerExtension{timer_register, timer_unregister};
+const clap_host_posix_fd_support Host::fdExtension{fd_register, fd_modify, fd_unregister};
 
 Host::Host() {
 	host = clap_host{CLAP_VERSION, this, "Lumbrel host", "Varkesh Audio", "", "1.0.0",
@@ -21,6 +22,7 @@ const void *Host::get_extension(const clap_host *host, const char *id) {
 	if (self.offerLatency && !std::strcmp(id, CLAP_EXT_LATENCY)) return &latencyExtension;
 	if (self.offerWebview && !std::strcmp(id, CLAP_EXT_WEBVIEW)) return &webviewExtension;
 	if (self.offerTimers && !std::strcmp(id, CLAP_EXT_TIMER_SUPPORT)) return &timerExtension;
+	if (self.offerFds && !std::strcmp(id, CLAP_EXT_POSIX_FD_SUPPORT)) return &fdExtension;
 	return nullptr;
 }
 
@@ -53,5 +55,19 @@ bool Host::timer_register(const clap_host *host, std::uint32_t periodMs, clap_id
 }
 
 bool Host::timer_unregister(const clap_host *host, clap_id id) { return of(host).timers.erase(id) > 0; }
+
+// A descriptor is registered once; modify and unregister need it registered.
+bool Host::fd_register(const clap_host *host, int fd, clap_posix_fd_flags_t flags) {
+	return fd >= 0 && of(host).fds.emplace(fd, flags).second;
+}
+
+bool Host::fd_modify(const clap_host *host, int fd, clap_posix_fd_flags_t flags) {
+	auto found = of(host).fds.find(fd);
+	if (found == of(host).fds.end()) return false;
+	found->second = flags;
+	return true;
+}
+
+bool Host::fd_unregister(const clap_host *host, int fd) { return of(host).fds.erase(fd) > 0; }
 
 } // namespace lumbrel::host

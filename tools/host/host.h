@@ -11,8 +11,8 @@
 namespace lumbrel::host {
 
 // The host side handed to a plug-in: a clap_host with the params, latency,
-// webview/3 and timer-support extensions. It records what the plug-in asks of
-// it, so that tests can look.
+// webview/3, timer-support and posix-fd-support extensions. It records what
+// the plug-in asks of it, so that tests can look.
 class Host {
 public:
 	Host();
@@ -22,7 +22,7 @@ public:
 	const clap_host *clapHost() const { return &host; }
 
 	// Which extensions get_extension offers; all by default.
-	bool offerParams = true, offerLatency = true, offerWebview = true, offerTimers = true;
+	bool offerParams = true, offerLatency = true, offerWebview = true, offerTimers = true, offerFds = true;
 
 	// Requests from the plug-in, counted.
 	std::atomic<int> restartRequests{0}, processRequests{0}, callbackRequests{0};
@@ -34,8 +34,13 @@ public:
 	bool webviewOpen = true;
 	std::vector<std::vector<std::uint8_t>> sentMessages;
 
-	// Timers the plug-in registered: id to period in ms.
+	// Timers the plug-in registered: id to period in ms. Instance::fireTimers
+	// runs them.
 	std::map<clap_id, std::uint32_t> timers;
+
+	// Descriptors the plug-in asked to be watched: fd to CLAP_POSIX_FD_* bits.
+	// Instance::pollFds waits on them.
+	std::map<int, clap_posix_fd_flags_t> fds;
 
 	static Host &of(const clap_host *host) { return *static_cast<Host *>(host->host_data); }
 
@@ -56,11 +61,15 @@ private:
 	static bool webview_send(const clap_host *host, const void *buffer, std::uint32_t size);
 	static bool timer_register(const clap_host *host, std::uint32_t periodMs, clap_id *id);
 	static bool timer_unregister(const clap_host *host, clap_id id);
+	static bool fd_register(const clap_host *host, int fd, clap_posix_fd_flags_t flags);
+	static bool fd_modify(const clap_host *host, int fd, clap_posix_fd_flags_t flags);
+	static bool fd_unregister(const clap_host *host, int fd);
 
 	static const clap_host_params paramsExtension;
 	static const clap_host_latency latencyExtension;
 	static const clap_host_webview webviewExtension;
 	static const clap_host_timer_support timerExtension;
+	static const clap_host_posix_fd_support fdExtension;
 };
 
 } // namespace lumbrel::host

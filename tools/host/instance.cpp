@@ -1,6 +1,8 @@
 #include "host/instance.h"
 #include "host/streams.h"
 
+#include <poll.h>
+
 namespace lumbrel::host {
 
 Instance::Instance(const Bundle &bundle, const char *id, Host &host) : host_(host) {
@@ -41,6 +43,40 @@ void Instance::stopProcessing() {
 }
 
 void Instance::reset() { plugin->reset(plugin); }
+
+void Instance::fireTimers() {
+	auto *timers = extension<clap_plugin_timer_support>(CLAP_EXT_TIMER_SUPPORT);
+	if (!timers) return;
+	// A timer may unregister (or register) another while we go.
+	std::vector<clap_id> ids;
+	for (const auto &timer : host_.timers) ids.push_back(timer.first);
+	for (clap_id id : ids) {
+		if (host_.timers.count(id)) timers->on_timer(plugin, id);
+	}
+}
+
+int Instance::pollFds(int timeoutMs) {
+	auto *support = extension<clap_plugin_posix_fd_support>(CLAP_EXT_POSIX_FD_SUPPORT);
+	if (!support || host_.fds.empty()) return 0;
+	std::vector<pollfd> polled;
+	for (const auto &entry : host_.fds) {
+		short events = 0;
+		if (entry.second & CLAP_POSIX_FD_READ) events |= POLLIN;
+		if (entry.second & CLAP_POSIX_FD_WRITE) events |= POLLOUT;
+		polled.push_back(pollfd{entry.first, events, 0});
+	}
+	const int ready = ::poll(polled.data(), nfds_t(polled.size()), timeoutMs);
+	if (ready <= 0) return 0;
+	for (const auto &entry : polled) {
+		if (!entry.revents || !host_.fds.count(entry.fd)) continue;
+		clap_posix_fd_flags_t flags = 0;
+		if (entry.revents & POLLIN) flags |= CLAP_POSIX_FD_READ;
+		if (entry.revents & POLLOUT) flags |= CLAP_POSIX_FD_WRITE;
+		if (entry.revents & (POLLERR | POLLHUP | POLLNVAL)) flags |= CLAP_POSIX_FD_ERROR;
+		support->on_fd(plugin, entry.fd, flags);
+	}
+	return ready;
+}
 
 clap_process_status Instance::process(float *const *inputs, std::uint32_t inputChannels, float *const *outputs,
 	std::uint32_t outputChannels, std::uint32_t frames, const InputEvents &in, OutputEvents &out) {

@@ -36,6 +36,13 @@ public:
 	void reset();
 	void onMainThread() { plugin->on_main_thread(plugin); }
 
+	// The host's main loop, one turn at a time: fireTimers calls on_timer
+	// once for every timer registered now; pollFds waits up to `timeoutMs`
+	// for the registered descriptors and calls on_fd for each that is ready.
+	// pollFds returns how many were, or 0 at once with none registered.
+	void fireTimers();
+	int pollFds(int timeoutMs);
+
 	// Processes one block of one stereo-or-other main port each way. The
 	// pointer arrays hold one pointer per channel. Allocates nothing.
 	clap_process_status process(float *const *inputs, std::uint32_t inputChannels, float *const *outputs,
