@@ -37,10 +37,17 @@ public:
 	Peaks<float> peaks;
 	std::array<PeakShifter<float>, 4> shifters; // -2, -1, +1, +2 octaves
 	std::pair<float, float> mixGains{0, 0}; // running wet and dry gains; a reset leaves them
+	static constexpr std::size_t chunk = 64;
+	BumpVector<float> dryInput; // one chunk of each input channel, taken before the engine writes
+	BumpVector<const float *> inputRows;
+	BumpVector<float *> outputRows;
 
 	// [set-up, allocates] Sizes every row to `bands`.
 	void init() {
 		reserveScratch();
+		dryInput.assign(channelsIn * chunk, 0.0f);
+		inputRows.assign(channelsIn, nullptr);
+		outputRows.assign(channelsOut, nullptr);
 		peaks.init(*this);
 		for (auto &shifter : shifters) shifter.gains.init(*this);
 	}
@@ -58,9 +65,9 @@ public:
 
 	// [audio-thread] The engine's wet output, then the dry input mixed in over
 	// the channels that both sides have. Takes the place of the base's process.
+	// Works in chunks whose dry input is copied before the engine runs, since a
+	// host may hand the same buffers as input and output.
 	void process(const float *const *inputs, float *const *outputs, std::size_t length) {
-		LumbrelEffect::process(inputs, outputs, length);
-		if (length == 0) return;
 		const float k = 1 / (sampleRate * 0.01f + 1);
 		const float m = std::min(sweep * 100, 1.0f) * mix;
 		const float wetTarget = (2 - m) * m, dryTarget = 1 - m * m;
@@ -68,10 +75,16 @@ public:
 		float wet = mixGains.first, dry = mixGains.second;
 		// The glide is a serial recursion: run it over a chunk into two rows,
 		// then mix every channel with a loop that vectorises.
-		constexpr std::size_t chunk = 64;
 		float wetRow[chunk], dryRow[chunk];
 		for (std::size_t start = 0; start < length; start += chunk) {
 			const std::size_t count = std::min(chunk, length - start);
+			for (std::size_t c = 0; c < channelsIn; ++c) {
+				inputRows[c] = inputs[c] + start;
+				if (c < channels) std::copy_n(inputs[c] + start, count, dryInput.data() + c * chunk);
+			}
+			for (std::size_t c = 0; c < channelsOut; ++c) outputRows[c] = outputs[c] + start;
+			LumbrelEffect::process(inputRows.data(), outputRows.data(), count);
+
 			for (std::size_t n = 0; n < count; ++n) {
 				wet += (wetTarget - wet) * k;
 				dry += (dryTarget - dry) * k;
@@ -80,7 +93,7 @@ public:
 			}
 			for (std::size_t c = 0; c < channels; ++c) {
 				float *out = outputs[c] + start;
-				const float *in = inputs[c] + start;
+				const float *in = dryInput.data() + c * chunk;
 				for (std::size_t n = 0; n < count; ++n) out[n] = wetRow[n] * out[n] + dryRow[n] * in[n];
 			}
 		}

@@ -232,3 +232,23 @@ TEST(Octaver, ValuesOutsideTheRangeStayFinite) {
 		}
 	}
 }
+
+// A host may hand the same buffers as input and output: the dry path must
+// still be the input, not what the engine has just written there.
+TEST(Octaver, InPlaceBuffersGiveTheSameOutput) {
+	auto b = bundle();
+	ASSERT_TRUE(b);
+	const auto tone = harmonicTone(220, 6, 48000, 24000);
+	PluginRunner separate(*b, "varkesh.lumbrel.octaver"), inPlace(*b, "varkesh.lumbrel.octaver");
+	ASSERT_TRUE(separate.ok && inPlace.ok);
+	const auto expected = separate.run({tone, tone});
+	std::vector<float> left(tone), right(tone);
+	for (std::size_t start = 0; start < tone.size(); start += 256) {
+		const auto n = std::uint32_t(std::min<std::size_t>(256, tone.size() - start));
+		float *channels[2] = {left.data() + start, right.data() + start};
+		inPlace.out.clear();
+		inPlace.instance->process(channels, 2, channels, 2, n, inPlace.events, inPlace.out);
+	}
+	EXPECT_EQ(left, expected[0]);
+	EXPECT_EQ(right, expected[1]);
+}
