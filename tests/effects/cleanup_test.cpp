@@ -30,13 +30,6 @@ const clap_id cleanupId = paramId({"nrCleanup"});
 const clap_id mixId = paramId({"nrMix"});
 enum Mode { learnPrint = 0, holdPrint = 1, adaptive = 2 };
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 // Steady noise of the given RMS: white, or pink (-3 dB per octave, from a
 // sum of three one-pole lowpasses of white noise).
 std::vector<float> noise(std::size_t frames, double level, bool pink, unsigned seed) {

@@ -30,13 +30,6 @@ namespace {
 constexpr const char *pluginId = "varkesh.lumbrel.frequency-snap";
 constexpr double rate = 48000;
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 double noteHz(double note) { return 440 * std::exp2((note - 69) / 12); }
 
 // The host position (ranged) or integer (stepped) that the plug-in reads from `text`.

@@ -22,13 +22,6 @@ constexpr double rate = 48000;
 constexpr double inputHz = 440, amplitude = 0.5;
 constexpr std::size_t window = 16384;
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 // Sets a ranged parameter to the value that `text` shows.
 void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
 	double position = -1;

@@ -22,13 +22,6 @@ namespace {
 constexpr const char *pluginId = "varkesh.lumbrel.pitch-shifter-layer1";
 constexpr double rate = 48000;
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 // The host position (ranged) or integer (stepped) that the plug-in reads from `text`.
 double valueOf(PluginRunner &runner, clap_id id, const std::string &text) {
 	double value = -1;

@@ -27,13 +27,6 @@ namespace {
 constexpr const char *pluginId = "varkesh.lumbrel.shepard-drop";
 constexpr double rate = 48000;
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 const clap_id shiftId = paramId({"semitones"});
 
 // The host position of a "shift" in semitones: a straight control from -12 to 12.

@@ -15,13 +15,6 @@ using namespace lumbrel_test;
 
 namespace {
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 struct Listed {
 	std::string name;
 	clap_id id;

@@ -25,13 +25,6 @@ namespace {
 constexpr const char *pluginId = "varkesh.lumbrel.transients";
 constexpr double rate = 48000;
 
-std::unique_ptr<lumbrel::host::Bundle> bundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
 // A drum-like hit every half second: a noise burst that dies within some
 // milliseconds over a low tone and a partial that ring on for a while.
 std::vector<float> hits(int count, double spacing) {

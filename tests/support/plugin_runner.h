@@ -6,13 +6,29 @@
 #include "host/host.h"
 #include "host/instance.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace lumbrel_test {
+
+// Loads a bundle for a test; a failure is a test failure that says why.
+inline std::unique_ptr<lumbrel::host::Bundle> loadBundle(const char *path) {
+	std::string error;
+	auto loaded = lumbrel::host::Bundle::load(path, error);
+	EXPECT_TRUE(loaded) << error;
+	return loaded;
+}
+
+#ifdef LUMBREL_BUNDLE_PATH
+// The built Lumbrel.clap.
+inline std::unique_ptr<lumbrel::host::Bundle> bundle() { return loadBundle(LUMBREL_BUNDLE_PATH); }
+#endif
 
 struct PluginRunner {
 	lumbrel::host::Host host;
