@@ -7,7 +7,7 @@
 #include "host/events.h"
 #include "host/host.h"
 #include "host/instance.h"
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 #include "storage/cbor_writer.h"
 #include "support/signals.h"
 
@@ -34,7 +34,7 @@ double stressSeconds() {
 }
 
 // A merge for one parameter, as the page would send it, with a hostile value.
-std::vector<unsigned char> pageMerge(const lumbrel::render::StateKeyPath &path, std::mt19937 &random) {
+std::vector<unsigned char> pageMerge(const lumbrel::host::StateKeyPath &path, std::mt19937 &random) {
 	std::vector<unsigned char> bytes;
 	varkesh::cbor::CborWriter writer(bytes);
 	for (const auto &key : path.keys) {
@@ -115,7 +115,7 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 			for (std::uint32_t i = 0; i < params.size(); ++i) instance.paramInfo(i, params[i]);
 			std::vector<std::uint8_t> state;
 			ASSERT_TRUE(instance.saveState(state));
-			const auto paths = lumbrel::render::stateKeyPaths(state.data(), state.size());
+			const auto paths = lumbrel::host::stateKeyPaths(state.data(), state.size());
 
 			std::vector<float> inL(2048), inR(2048), outL(2048), outR(2048);
 			float *in[2] = {inL.data(), inR.data()};

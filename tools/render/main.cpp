@@ -6,7 +6,7 @@
 #include "render/audio_file.h"
 #include "render/command_line.h"
 #include "render/demo.h"
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 #include "render/offline_render.h"
 #include "render/param_settings.h"
 #include "render/param_table.h"
@@ -92,8 +92,8 @@ bool loadSettings(const CommandLine &command, Plugin &plugin, double sampleRate,
 		}
 		// The plug-in takes any map without a word, so say when nothing in it fitted.
 		const auto &entries = plugin.table->entries();
-		const auto paths = render::stateKeyPaths(bytes.data(), bytes.size());
-		const bool fits = std::any_of(paths.begin(), paths.end(), [&](const render::StateKeyPath &path) {
+		const auto paths = lumbrel::host::stateKeyPaths(bytes.data(), bytes.size());
+		const bool fits = std::any_of(paths.begin(), paths.end(), [&](const lumbrel::host::StateKeyPath &path) {
 			return std::any_of(entries.begin(), entries.end(),
 				[&](const render::ParamEntry &entry) { return entry.info.id == path.id; });
 		});

@@ -1,6 +1,6 @@
 #include "render/param_table.h"
 
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 
 #include <algorithm>
 #include <cctype>
@@ -10,6 +10,9 @@
 #include <set>
 
 namespace lumbrel::render {
+
+using host::StateKeyPath;
+using host::stateKeyPaths;
 
 namespace {
 

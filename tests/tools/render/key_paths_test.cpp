@@ -1,6 +1,6 @@
 // Key paths read from saved states: which maps are parameters, the group
 // titles on the way, the ids, and blobs that aren't what they should be.
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 
 #include "storage/cbor_writer.h"
 
@@ -11,8 +11,8 @@
 
 namespace {
 
-using lumbrel::render::keyPathId;
-using lumbrel::render::stateKeyPaths;
+using lumbrel::host::keyPathId;
+using lumbrel::host::stateKeyPaths;
 using varkesh::cbor::CborWriter;
 
 void objectHeader(CborWriter &w, const char *name) {

@@ -1,7 +1,7 @@
 // Parameters named by key path and set by text, against the built bundle:
 // key paths from the saved state, lookup by the names a person types, and
 // value texts the plug-in would read as its default.
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 #include "render/param_table.h"
 
 #include "host/bundle.h"
@@ -71,7 +71,7 @@ TEST_F(ParamTableTest, EveryParameterGetsTheKeyPathWhoseCrcIsItsId) {
 			dot = entry.keyPath.find('.', from);
 			keys.push_back(entry.keyPath.substr(from, dot - from));
 		}
-		EXPECT_EQ(render::keyPathId(keys), entry.info.id) << entry.keyPath;
+		EXPECT_EQ(lumbrel::host::keyPathId(keys), entry.info.id) << entry.keyPath;
 	}
 	const std::vector<std::string> expected = {"engineConfig.latencyMs", "engineConfig.overlap",
 		"engineConfig.resolution", "engineConfig.iterationsLog2", "engineConfig.directCopy", "swell.time", "swell.sweep",

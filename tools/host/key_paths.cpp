@@ -1,11 +1,11 @@
-#include "render/key_paths.h"
+#include "host/key_paths.h"
 
 #include "clap/crc32.h"
 #include "storage/tagged_cbor_walker.h"
 
 #include <string_view>
 
-namespace lumbrel::render {
+namespace lumbrel::host {
 
 namespace {
 
@@ -85,4 +85,4 @@ std::uint32_t keyPathId(const std::vector<std::string> &keys) {
 	return ~crc.value;
 }
 
-} // namespace lumbrel::render
+} // namespace lumbrel::host

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace lumbrel::render {
+namespace lumbrel::host {
 
 // One parameter named by a saved state: the keys from the root object down to
 // the parameter's own object, and the "name" of each group on the way.
@@ -29,4 +29,4 @@ std::vector<StateKeyPath> stateKeyPaths(const std::uint8_t *bytes, std::size_t s
 // byte, so ("engineConfig", "latencyMs") gives 0x06A04C69.
 std::uint32_t keyPathId(const std::vector<std::string> &keys);
 
-} // namespace lumbrel::render
+} // namespace lumbrel::host
