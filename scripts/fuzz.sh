@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds every fuzz target fuzz/<name>_fuzz.cpp with clang's libFuzzer,
-# AddressSanitizer and UndefinedBehaviorSanitizer into build-fuzz/, and runs
-# each for the given number of seconds (default 60) over a fresh copy of its
-# seed corpus fuzz/corpus/<name>/. Exits non-zero if a target fails to build,
+# AddressSanitizer and UndefinedBehaviorSanitizer into build-fuzz/ (CMake with
+# LUMBREL_FUZZ=ON), and runs each for the given number of seconds (default 60)
+# over a fresh copy of its seed corpus fuzz/corpus/<name>/. Exits non-zero if a target fails to build,
 # crashes, leaks, times out or breaks one of its own checks.
 #
 #   scripts/fuzz.sh [seconds]
@@ -17,43 +17,51 @@ if ! [[ "$seconds" =~ ^[0-9]+$ ]] || [ "$seconds" -eq 0 ]; then
 fi
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-out="$root/build-fuzz"
+out="${LUMBREL_FUZZ_BUILD_DIR:-$root/build-fuzz}"
+cc="${CC_FUZZ:-}"
 cxx="${CXX_FUZZ:-}"
 if [ -z "$cxx" ]; then
-	for candidate in clang++ clang++-14; do
-		if command -v "$candidate" > /dev/null; then cxx="$candidate"; break; fi
+	for version in "" -14; do
+		if command -v "clang++$version" > /dev/null && command -v "clang$version" > /dev/null; then
+			cc="clang$version" cxx="clang++$version"
+			break
+		fi
 	done
 fi
 if [ -z "$cxx" ]; then
 	echo "fuzz.sh: no clang++ found (Debian: apt-get install clang libclang-rt-14-dev)" >&2
 	exit 2
 fi
+cc="${cc:-clang}"
 
-mkdir -p "$out"
 shopt -s nullglob
-targets=("$root"/fuzz/*_fuzz.cpp)
-if [ ${#targets[@]} -eq 0 ]; then
+sources=("$root"/fuzz/*_fuzz.cpp)
+if [ ${#sources[@]} -eq 0 ]; then
 	echo "fuzz.sh: no fuzz/*_fuzz.cpp targets" >&2
 	exit 2
 fi
 
-failed=0
-for source in "${targets[@]}"; do
-	target="$(basename "$source" .cpp)"
-	name="${target%_fuzz}"
-	binary="$out/$target"
-	log="$out/$target.log"
+# The whole project with coverage for the fuzzer, under AddressSanitizer and
+# UndefinedBehaviorSanitizer; the targets themselves add libFuzzer's main.
+echo "fuzz: building ${#sources[@]} targets in ${out#"$root"/}"
+cmake -S "$root" -B "$out" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
+	-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMBREL_SANITIZE=fuzzer-no-link,address,undefined \
+	-DCMAKE_CXX_FLAGS="-fsanitize-coverage-ignorelist=$root/fuzz/coverage_ignorelist.txt" \
+	-DLUMBREL_FUZZ=ON -DLUMBREL_TESTS=OFF -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF > "$out.configure.log" 2>&1 ||
+	{ cat "$out.configure.log" >&2; echo "fuzz: FAILED to configure the build" >&2; exit 1; }
+targets=()
+for source in "${sources[@]}"; do targets+=("$(basename "$source" .cpp)"); done
+if ! cmake --build "$out" -j "$(nproc)" --target "${targets[@]}" > "$out.build.log" 2>&1; then
+	tail -n 60 "$out.build.log" >&2
+	echo "fuzz: FAILED to build the targets (whole log: $out.build.log)" >&2
+	exit 1
+fi
 
-	echo "fuzz: building $target"
-	if ! "$cxx" -std=c++17 -O1 -g -fno-omit-frame-pointer \
-		-fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
-		-Wall -Wextra -Wno-unused-parameter \
-		-I "$root/src" -I "$root/tests" \
-		"$source" -o "$binary"; then
-		echo "fuzz: FAILED to build $target" >&2
-		failed=1
-		continue
-	fi
+failed=0
+for target in "${targets[@]}"; do
+	name="${target%_fuzz}"
+	binary="$out/fuzz/$target"
+	log="$out/$target.log"
 
 	# libFuzzer adds what it finds to the first corpus folder, so it works
 	# on a copy and the seeds in the repository stay as they are.

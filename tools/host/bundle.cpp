@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cstring>
+#include <utility>
 
 namespace lumbrel::host {
 
@@ -20,6 +21,18 @@ std::unique_ptr<Bundle> Bundle::load(const std::string &path, std::string &error
 		error = path + " is not a CLAP bundle: it has no clap_entry";
 		return nullptr;
 	}
+	return start(std::move(bundle), error);
+}
+
+std::unique_ptr<Bundle> Bundle::linked(const clap_plugin_entry &entry, const std::string &path, std::string &error) {
+	std::unique_ptr<Bundle> bundle(new Bundle());
+	bundle->path_ = path;
+	bundle->entry_ = &entry;
+	return start(std::move(bundle), error);
+}
+
+std::unique_ptr<Bundle> Bundle::start(std::unique_ptr<Bundle> bundle, std::string &error) {
+	const std::string &path = bundle->path_;
 	if (!clap_version_is_compatible(bundle->entry_->clap_version)) {
 		error = path + " has an incompatible CLAP version";
 		bundle->entry_ = nullptr;

@@ -13,6 +13,9 @@ public:
 	// Loads the bundle at `path` and calls its entry's init. On failure returns
 	// null and says why in `error`, in one line.
 	static std::unique_ptr<Bundle> load(const std::string &path, std::string &error);
+	// A bundle linked into this program: `entry` is its clap_entry, and
+	// `path` what its init is told.
+	static std::unique_ptr<Bundle> linked(const clap_plugin_entry &entry, const std::string &path, std::string &error);
 	~Bundle(); // deinit, then unload
 
 	Bundle(const Bundle &) = delete;
@@ -31,6 +34,8 @@ public:
 
 private:
 	Bundle() = default;
+	// Checks the version, calls init and finds the factory.
+	static std::unique_ptr<Bundle> start(std::unique_ptr<Bundle> bundle, std::string &error);
 	void *library = nullptr;
 	const clap_plugin_entry *entry_ = nullptr;
 	const clap_plugin_factory *factory_ = nullptr;
