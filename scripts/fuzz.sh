@@ -44,16 +44,17 @@ fi
 # The whole project with coverage for the fuzzer, under AddressSanitizer and
 # UndefinedBehaviorSanitizer; the targets themselves add libFuzzer's main.
 echo "fuzz: building ${#sources[@]} targets in ${out#"$root"/}"
+mkdir -p "$out"
 cmake -S "$root" -B "$out" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
 	-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMBREL_SANITIZE=fuzzer-no-link,address,undefined \
 	-DCMAKE_CXX_FLAGS="-fsanitize-coverage-ignorelist=$root/fuzz/coverage_ignorelist.txt" \
-	-DLUMBREL_FUZZ=ON -DLUMBREL_TESTS=OFF -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF > "$out.configure.log" 2>&1 ||
-	{ cat "$out.configure.log" >&2; echo "fuzz: FAILED to configure the build" >&2; exit 1; }
+	-DLUMBREL_FUZZ=ON -DLUMBREL_TESTS=OFF -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF > "$out/configure.log" 2>&1 ||
+	{ cat "$out/configure.log" >&2; echo "fuzz: FAILED to configure the build" >&2; exit 1; }
 targets=()
 for source in "${sources[@]}"; do targets+=("$(basename "$source" .cpp)"); done
-if ! cmake --build "$out" -j "$(nproc)" --target "${targets[@]}" > "$out.build.log" 2>&1; then
-	tail -n 60 "$out.build.log" >&2
-	echo "fuzz: FAILED to build the targets (whole log: $out.build.log)" >&2
+if ! cmake --build "$out" -j "$(nproc)" --target "${targets[@]}" > "$out/build.log" 2>&1; then
+	tail -n 60 "$out/build.log" >&2
+	echo "fuzz: FAILED to build the targets (whole log: $out/build.log)" >&2
 	exit 1
 fi
 
