@@ -123,6 +123,8 @@ struct LumbrelQUORL : Base {
 	void uiState(Storage &storage) {
 		storage("analysisSpectrum", analysisSpectrum);
 	}
+	// [audio-thread] The page starts afresh: the band frequencies go out again.
+	void uiStateRestart() { analysisSpectrum.hzChanged = true; }
 
 	// Defaults for what a wrapper may provide.
 	bool wantsMono() const { return false; }

@@ -75,6 +75,9 @@ public:
 	// to decide whether to wake the main thread.
 	std::atomic<std::size_t> readIndex{0};
 	std::atomic<bool> resendState{false};
+	// Set by the drain after a whole state: the page may have started afresh,
+	// so the next spectrum goes out whole (the effect's uiStateRestart()).
+	std::atomic<bool> uiStateRestartDue{false};
 	std::atomic<bool> stateSaved{true}; // set by a host save, cleared by any page message; nothing reads it
 	std::atomic<std::size_t> writeIndex{0};
 
@@ -95,7 +98,10 @@ public:
 				writer.writer.writeHead(4, 2);
 				writer.writer.addText("meters");
 				writer.writer.openMap();
-				if constexpr (detail::HasUiState<Library, WebStateWriter>::value) this->uiState(writer);
+				if constexpr (detail::HasUiState<Library, WebStateWriter>::value) {
+					if (uiStateRestartDue.exchange(false)) this->uiStateRestart();
+					this->uiState(writer);
+				}
 				writer.writer.addBreak();
 				slot->ready = true;
 			}
@@ -209,9 +215,12 @@ public:
 				}
 				writeIndex = read;
 				resendState = false;
+				// Without the uiState: the audio thread owns it and may be
+				// writing it now. The next meters message carries it whole.
 				slot->bytes.clear();
-				WebStateWriter writer(slot->bytes, nullptr, true);
+				WebStateWriter writer(slot->bytes, nullptr, false);
 				writer.writeObject(*this);
+				uiStateRestartDue = true;
 			}
 			send(slot->bytes);
 			slot->ready = false;

@@ -1,7 +1,7 @@
 // The message ring with both threads at work, as in a session with the editor
 // open: the audio thread runs blocks with host automation (parameter updates)
-// and a meter lease (spectra), while the main thread sends page edits through
-// webview/3 and drains. Meant to run under ThreadSanitizer as well.
+// and a meter lease (spectra), now and then an engine rebuild, while the main
+// thread sends page edits and "ready" through webview/3 and drains. Meant to run under ThreadSanitizer as well.
 #include "host/bundle.h"
 #include "host/events.h"
 #include "host/host.h"
@@ -108,6 +108,7 @@ TEST(MessageRingThreads, AudioProducesWhileTheMainThreadDrainsAndEdits) {
 		float *outputs[2] = {left.data(), right.data()};
 		const clap_id channelMode = paramId({"channelMode"});
 		const clap_id semitones = paramId({"peakShifterConfig", "semitones"});
+		const clap_id latency = paramId({"engineConfig", "latencyMs"});
 		instance.startProcessing();
 		const auto start = std::chrono::steady_clock::now();
 		auto due = start;
@@ -120,6 +121,8 @@ TEST(MessageRingThreads, AudioProducesWhileTheMainThreadDrainsAndEdits) {
 			// update for the page.
 			events.paramValue(32, channelMode, b % 2);
 			events.paramValue(128, semitones, b % 5 - 2);
+			// Now and then an engine setting: the effect and its bands are rebuilt.
+			if (b % 50 == 49) events.paramValue(200, latency, b % 100 == 99 ? 0.3 : 0.7);
 			instance.process(inputs, 2, outputs, 2, 256, events, out);
 			blocks.fetch_add(1);
 			// At the pace of real time: a block of 256 samples every 5.3 ms.
@@ -139,6 +142,9 @@ TEST(MessageRingThreads, AudioProducesWhileTheMainThreadDrainsAndEdits) {
 		merge.insert(merge.end(), position.begin(), position.end());
 		if (!receive(merge)) ++failedReceives;
 		if (edits % 40 == 0 && !receive(meters)) ++failedReceives;
+		// A page that reloads: the whole state, written here while the audio
+		// thread refreshes the spectrum.
+		if (edits % 15 == 0 && !receive(hexBytes("65 7265616479"))) ++failedReceives;
 		++edits;
 		instance.onMainThread();
 		collect();

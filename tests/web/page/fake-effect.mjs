@@ -275,10 +275,6 @@ class FakeEffect {
       if (m instanceof Group) this.writeGroup(w, m, only);
       else m.write(w);
     }
-    if (group === this.root && !only) {
-      w.text('analysisSpectrum');
-      this.writeSpectrum(w);
-    }
     w.end();
   }
 
@@ -287,10 +283,12 @@ class FakeEffect {
     for (const s of socket ? [socket] : this.sockets) if (s.readyState === 1) s.send(bytes);
   }
 
+  /** The parameters alone; the next spectrum brings the bands again. */
   sendWholeState(socket) {
     const w = new EffectWriter();
     this.writeGroup(w, this.root, null);
     this.send('state', w.finish(), socket);
+    this.hzChanged = true;
   }
 
   /** A bare map of single-pair maps down to the parameter, which comes in full. */
@@ -400,10 +398,9 @@ const mediaTypes = {
 
 /**
  * Starts a fake effect on 127.0.0.1 (`port` 0 picks a free one). Returns the
- * effect with `port`, `url` (the page, with `?ws=`), and `close()`. With
- * `reconfigureOnConnect` false, "hz" goes out once per effect, as a real one does.
+ * effect with `port`, `url` (the page, with `?ws=`), and `close()`.
  */
-export async function startFakeEffect({ port = 0, reconfigureOnConnect = true } = {}) {
+export async function startFakeEffect({ port = 0 } = {}) {
   const effect = new FakeEffect();
   const server = createServer(async (request, response) => {
     const path = new URL(request.url, 'http://127.0.0.1').pathname;
@@ -433,9 +430,6 @@ export async function startFakeEffect({ port = 0, reconfigureOnConnect = true } 
   });
   const wss = new WebSocketServer({ server });
   wss.on('connection', (socket) => {
-    // A real effect sends "hz" only after a configuration; a reloaded page would
-    // then get no plot. Tests of the page want one each time, unless told not to.
-    if (reconfigureOnConnect) effect.reconfigure();
     effect.sockets.add(socket);
     socket.on('message', (data) => effect.receive(new Uint8Array(data), socket));
     socket.on('close', () => effect.sockets.delete(socket));
