@@ -1,5 +1,6 @@
 // The audio callback of every plug-in allocates nothing and takes no lock once
-// it runs: blocks of changing length, host events and resets included.
+// it runs: blocks of changing length, host events and resets included, and
+// with the page open (spectra and updates through the message ring).
 #include "host/bundle.h"
 #include "host/events.h"
 #include "host/host.h"
@@ -8,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <clap/ext/draft/webview.h>
+
 #include <cmath>
+#include <cstdint>
 #include <mutex>
 #include <random>
 #include <vector>
@@ -51,7 +55,10 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		clap_param_info automated{};
 		const bool automate = instance.paramCount() > 0 && instance.paramInfo(instance.paramCount() - 1, automated);
 
-		auto run = [&](int blocks) {
+		// Counts only inside process(); with `page`, the main thread takes its
+		// turn between blocks and drains the ring, as a host with the editor open.
+		std::size_t allocations = 0, lockCount = 0, spectra = 0;
+		auto run = [&](int blocks, bool page) {
 			for (int b = 0; b < blocks; ++b) {
 				const std::uint32_t frames = 1 + random() % maxFrames;
 				for (std::uint32_t i = 0; i < frames; ++i) {
@@ -64,16 +71,42 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 					events.paramValue(frames / 2, automated.id, automated.min_value + span * double(random() % 1000) / 999.0);
 				}
 				output.clear();
+				const std::size_t allocationsBefore = lumbrel_test::allocationCount();
+				const std::size_t locksBefore = lumbrel_test::lockCount();
 				instance.process(inputs, 2, outputs, 2, frames, events, output);
+				allocations += lumbrel_test::allocationCount() - allocationsBefore;
+				lockCount += lumbrel_test::lockCount() - locksBefore;
+				if (page) {
+					instance.onMainThread();
+					for (const auto &m : host.sentMessages) spectra += m.size() > 3 && m[0] == 0x82 && m[2] == 'm';
+					host.sentMessages.clear();
+				}
 			}
 		};
-		run(50); // warm-up: first-use caches may grow here
-		lumbrel_test::AllocationScope scope;
-		lumbrel_test::LockScope locks;
-		run(400);
+		run(50, false); // warm-up: first-use caches may grow here
+		allocations = lockCount = 0;
+		run(400, false);
 		instance.reset();
-		run(50);
-		EXPECT_EQ(scope.count(), 0u);
-		EXPECT_EQ(locks.count(), 0u);
+		run(50, false);
+		EXPECT_EQ(allocations, 0u);
+		EXPECT_EQ(lockCount, 0u);
+
+		// The page: "ready", then a lease of a spectrum every 1 ms (each block).
+		// Each ring slot grows once to hold a spectrum; after that, nothing.
+		const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
+		ASSERT_NE(webview, nullptr);
+		const std::uint8_t ready[] = {0x65, 'r', 'e', 'a', 'd', 'y'};
+		// ["meters", 0.001, 3600]
+		const std::uint8_t meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x50, 0x62, 0x4d, 0xd2,
+			0xf1, 0xa9, 0xfc, 0x19, 0x0e, 0x10};
+		ASSERT_TRUE(webview->receive(instance.clapPlugin(), ready, sizeof(ready)));
+		ASSERT_TRUE(webview->receive(instance.clapPlugin(), meters, sizeof(meters)));
+		run(300, true);
+		allocations = lockCount = spectra = 0;
+		run(400, true);
+		EXPECT_GT(spectra, 300u) << "the page got its spectra";
+		EXPECT_EQ(allocations, 0u) << "with the page open";
+		EXPECT_EQ(lockCount, 0u) << "with the page open";
+		EXPECT_FALSE(host.sentMessages.size()) << "drained";
 	}
 }
