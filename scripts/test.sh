@@ -10,3 +10,6 @@ ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
 scripts/test-web.sh
 # Every fuzz target for a bounded time (LUMBREL_FUZZ_SECONDS, default 60 s each).
 scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"
+# The whole C++ suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
+# and the threaded web tests under ThreadSanitizer.
+scripts/test-sanitizers.sh
