@@ -1,53 +1,33 @@
 #pragma once
-// What the chorus tests share: the bundle, the host's view of a parameter
-// list, the spread of a tone's spectrum, and a bout of hostile automation.
-#include "host/bundle.h"
-#include "host/instance.h"
+// What the two chorus tests do alike: run an instance with chorus settings,
+// measure the spread of a tone's spectrum, and automate it hostilely.
 #include "support/alloc_counter.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <memory>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
 #include <random>
-#include <string>
+#include <utility>
 #include <vector>
 
 namespace lumbrel_test {
 
-inline std::unique_ptr<lumbrel::host::Bundle> loadBundle() {
-	std::string error;
-	auto loaded = lumbrel::host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	EXPECT_TRUE(loaded) << error;
-	return loaded;
-}
-
-// Sets a parameter by the text a user would type.
-inline void setText(PluginRunner &runner, clap_id id, const std::string &text) {
-	double position = 0;
-	ASSERT_TRUE(runner.instance->paramFromText(id, text, position));
-	runner.set(id, position);
-}
-
-struct ExpectedParam {
-	clap_id id;
-	const char *name, *defaultText;
-};
-
-// Checks the host's list from index `first` on: ids, names and default texts.
-inline void expectParams(lumbrel::host::Instance &instance, std::uint32_t first, const std::vector<ExpectedParam> &expected) {
-	ASSERT_GE(instance.paramCount(), first + expected.size());
-	for (std::size_t i = 0; i < expected.size(); ++i) {
-		clap_param_info info{};
-		instance.paramInfo(first + std::uint32_t(i), info);
-		EXPECT_EQ(info.id, expected[i].id) << expected[i].name;
-		EXPECT_STREQ(info.name, expected[i].name);
-		EXPECT_EQ(instance.paramText(info.id, info.default_value), expected[i].defaultText) << expected[i].name;
-	}
+// A fresh instance of `pluginId` with the given "chorusConfig" texts, run over
+// `input` (one row for both channels, or two); `latency`, if given, receives
+// the instance's latency.
+inline std::vector<std::vector<float>> runChorus(const lumbrel::host::Bundle &bundle, const char *pluginId,
+	const std::vector<std::vector<float>> &input, std::initializer_list<std::pair<const char *, const char *>> settings,
+	std::size_t *latency = nullptr) {
+	PluginRunner runner(bundle, pluginId);
+	EXPECT_TRUE(runner.ok);
+	for (const auto &[key, text] : settings) setText(runner, {"chorusConfig", key}, text);
+	if (latency) *latency = runner.instance->latency();
+	return runner.run(input);
 }
 
 // How far a tone's energy spreads around `hz`: the energy-weighted standard
@@ -81,57 +61,45 @@ inline double spreadCents(const std::vector<float> &x, std::size_t from, std::si
 }
 
 struct AutomationResult {
-	bool finite = true;
+	std::size_t bad = 0; // samples that were not finite
 	double peak = 0;
 	std::size_t allocations = 0; // in the measured part, after a warm-up
 };
 
-// Noise, a tone and gated bursts, in blocks of 256, with four value events a
-// block: `ranged` at random positions from -2 to 3 or at far extremes,
-// `stepped` (if not 0) at integers from -3 to 3.
-inline AutomationResult automate(lumbrel::host::Instance &instance, const std::vector<clap_id> &ranged, clap_id stepped,
-	unsigned seed) {
+// Noise over a tone on the left and gated bursts on the right, in blocks of
+// random length, with four value events a block: `ranged` at random positions
+// from -2 to 3 or at far extremes, `stepped` (if not 0) at integers from -3
+// to 3.
+inline AutomationResult automate(
+	PluginRunner &runner, const std::vector<clap_id> &ranged, clap_id stepped, unsigned seed) {
 	const double extremes[] = {-1e9, -100, -3, -1, -0.25, 0, 1, 1.02, 1.06, 1.25, 2, 7, 100, 1e9};
-	std::mt19937 random(seed);
-	std::uniform_real_distribution<double> position(-2, 3);
+	const std::size_t length = 96000; // ten bursts
+	std::vector<float> left(length), right(length);
+	std::mt19937 noiseSeed(seed);
 	std::normal_distribution<float> noise(0, 0.2f);
-	const std::uint32_t block = 256;
-	std::vector<float> left(block), right(block), outLeft(block), outRight(block);
-	float *inputs[2] = {left.data(), right.data()};
-	float *outputs[2] = {outLeft.data(), outRight.data()};
-	lumbrel::host::InputEvents events;
-	lumbrel::host::OutputEvents output;
-	AutomationResult result;
-	std::size_t n = 0;
-	auto run = [&](int blocks) {
-		for (int b = 0; b < blocks; ++b) {
-			for (std::uint32_t i = 0; i < block; ++i, ++n) {
-				left[i] = 0.3f * std::sin(0.13f * float(n)) + noise(random);
-				right[i] = (n / 4800) % 2 ? 0.0f : 0.5f * std::sin(0.021f * float(n));
-			}
-			events.clear();
-			for (int e = 0; e < 4; ++e) {
-				const auto time = std::uint32_t(random() % block);
-				if (stepped && random() % 5 == 0) {
-					events.paramValue(time, stepped, double(int(random() % 7) - 3));
-				} else {
-					const double value = random() % 3 ? position(random) : extremes[random() % std::size(extremes)];
-					events.paramValue(time, ranged[random() % ranged.size()], value);
-				}
-			}
-			output.clear();
-			instance.process(inputs, 2, outputs, 2, block, events, output);
-			for (std::uint32_t i = 0; i < block; ++i) {
-				result.finite = result.finite && std::isfinite(outLeft[i]) && std::isfinite(outRight[i]);
-				result.peak = std::max({result.peak, double(std::fabs(outLeft[i])), double(std::fabs(outRight[i]))});
+	for (std::size_t n = 0; n < length; ++n) {
+		left[n] = 0.3f * std::sin(0.13f * float(n)) + noise(noiseSeed);
+		right[n] = (n / 4800) % 2 ? 0.0f : 0.5f * std::sin(0.021f * float(n));
+	}
+	RandomBlocks blocks(runner, seed, left, right);
+	auto &random = blocks.random;
+	std::uniform_real_distribution<double> position(-2, 3);
+	auto events = [&](std::uint32_t frames) {
+		for (int e = 0; e < 4; ++e) {
+			const auto time = std::uint32_t(random() % frames);
+			if (stepped && random() % 5 == 0) {
+				runner.events.paramValue(time, stepped, double(int(random() % 7) - 3));
+			} else {
+				const double value = random() % 3 ? position(random) : extremes[random() % std::size(extremes)];
+				runner.events.paramValue(time, ranged[random() % ranged.size()], value);
 			}
 		}
 	};
-	run(200);
+	blocks.play(200, events);
 	AllocationScope scope;
-	run(2000);
-	result.allocations = allocationCountingAvailable() ? scope.count() : 0;
-	return result;
+	blocks.play(2000, events);
+	const std::size_t allocations = allocationCountingAvailable() ? scope.count() : 0;
+	return {blocks.bad, blocks.peak, allocations};
 }
 
 } // namespace lumbrel_test

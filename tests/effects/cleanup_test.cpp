@@ -1,18 +1,13 @@
 // Cleanup through the plug-in: its parameter list and saved state, and how far
 // it lowers a steady noise floor under a voice-like tone in each of its modes,
 // measured on the audio that comes out.
-#include "host/bundle.h"
-#include "storage/cbor_diagnostic.h"
-#include "storage/cbor_writer.h"
 #include "support/alloc_counter.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
 
-#include <clap/ext/draft/webview.h>
-
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <random>
@@ -107,67 +102,19 @@ Measured measure(const std::vector<float> &out, const std::vector<float> &in, co
 	return {10 * std::log10(outTone / inTone), 10 * std::log10(outFloor / inFloor)};
 }
 
-// Sets a ranged parameter by its text, a stepped one by its value.
-void setText(PluginRunner &runner, clap_id id, const std::string &text) {
-	double value = 0;
-	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
-	runner.set(id, value);
-}
-
-// Asks for spectra every 10 ms for the next second, as the page does.
-void requestMeters(lumbrel::host::Instance &instance) {
-	std::vector<unsigned char> bytes;
-	varkesh::cbor::CborWriter writer(bytes);
-	writer.writeHead(4, 3);
-	writer.addText("meters");
-	writer.addFloat(0.01);
-	writer.addFloat(1);
-	const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
-	ASSERT_TRUE(webview);
-	webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
-}
-
-// Hands the queued page messages to the host; returns how many were spectra.
-std::size_t drainMeters(lumbrel::host::Instance &instance) {
-	instance.onMainThread();
-	std::size_t meters = 0;
-	for (const auto &message : instance.host().sentMessages) {
-		meters += message.size() > 8 && message[0] == 0x82 && message[1] == 0x66 && message[2] == 'm' && message[3] == 'e';
-	}
-	instance.host().sentMessages.clear();
-	return meters;
-}
+using Cleanup = BundleTest;
 
 } // namespace
 
-TEST(Cleanup, ParametersAndSavedState) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Cleanup, ParametersAndSavedState) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name, *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", "4"},
-		{{"engineConfig", "resolution"}, "resolution", "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
-		{{"engineConfig", "directCopy"}, "direct", "on"},
+	expectParams(*runner.instance, {
 		{{"nrMode"}, "mode", "static"},
 		{{"nrCleanup"}, "cleanup", "1"},
 		{{"nrMix"}, "mix", "0.8"},
-	};
-	ASSERT_EQ(runner.instance->paramCount(), std::size(expected));
+	});
 	clap_param_info info{};
-	for (std::uint32_t i = 0; i < std::size(expected); ++i) {
-		SCOPED_TRACE(expected[i].name);
-		ASSERT_TRUE(runner.instance->paramInfo(i, info));
-		EXPECT_EQ(info.id, paramId(expected[i].path));
-		EXPECT_STREQ(info.name, expected[i].name);
-		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
-	}
 	ASSERT_TRUE(runner.instance->paramInfo(5, info));
 	EXPECT_EQ(info.min_value, 0);
 	EXPECT_EQ(info.max_value, 2);
@@ -178,26 +125,18 @@ TEST(Cleanup, ParametersAndSavedState) {
 
 	// The print is not part of the saved state, and the saved name is the
 	// descriptor's.
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(runner.instance->saveState(saved));
-	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
-		"{_ \"name\": \"Lumbrel (WIP): Cleanup\", \"desc\": \"\", \"version\": 0, "
-		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
-		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
-		"\"directCopy\": {_ \"value\": 1}}, "
-		"\"nrMode\": {_ \"value\": 1}, \"nrCleanup\": {_ \"value\": 1.0}, \"nrMix\": {_ \"value\": 0.8}}");
+	expectSavedState(*runner.instance, "Lumbrel (WIP): Cleanup",
+		"\"nrMode\": {_ \"value\": 1}, \"nrCleanup\": {_ \"value\": 1.0}, \"nrMix\": {_ \"value\": 0.8}");
 }
 
 // Untrained, the print is empty and the sound passes; "mix" 0 passes it
 // whatever the print.
-TEST(Cleanup, UntrainedOrDryItPassesTheSound) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Cleanup, UntrainedOrDryItPassesTheSound) {
 	const auto frames = std::size_t(3 * rate);
 	const auto tone = syllables(frames, 0.25);
 	const auto in = sum(tone, noise(frames, 0.01, false, 1));
 
-	PluginRunner untrained(*b, pluginId);
+	PluginRunner untrained(*bundle, pluginId);
 	ASSERT_TRUE(untrained.ok);
 	const auto out = untrained.run({in, in});
 	const std::size_t latency = untrained.instance->latency();
@@ -209,7 +148,7 @@ TEST(Cleanup, UntrainedOrDryItPassesTheSound) {
 	EXPECT_LT(residual, -20);
 
 	for (int mode : {learnPrint, adaptive}) {
-		PluginRunner dry(*b, pluginId);
+		PluginRunner dry(*bundle, pluginId);
 		ASSERT_TRUE(dry.ok);
 		dry.set(modeId, mode);
 		setText(dry, mixId, "0");
@@ -224,13 +163,11 @@ TEST(Cleanup, UntrainedOrDryItPassesTheSound) {
 // A print learned in "noise" mode and held in "static" mode lowers white and
 // pink noise under the syllables, which keep their level, and leaves clean
 // syllables alone; the noise is already lowered while the print is learned.
-TEST(Cleanup, NoisePrintLowersTheFloorAndKeepsTheTone) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Cleanup, NoisePrintLowersTheFloorAndKeepsTheTone) {
 	for (bool pink : {false, true}) {
 		for (const char *mix : {"0.8", "1"}) {
 			SCOPED_TRACE(std::string(pink ? "pink" : "white") + " mix " + mix);
-			PluginRunner runner(*b, pluginId);
+			PluginRunner runner(*bundle, pluginId);
 			ASSERT_TRUE(runner.ok);
 			setText(runner, mixId, mix);
 			const std::size_t latency = runner.instance->latency();
@@ -266,12 +203,10 @@ TEST(Cleanup, NoisePrintLowersTheFloorAndKeepsTheTone) {
 	}
 }
 
-TEST(Cleanup, AdaptiveModeFollowsTheNoiseAndKeepsTheTone) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Cleanup, AdaptiveModeFollowsTheNoiseAndKeepsTheTone) {
 	for (bool pink : {false, true}) {
 		SCOPED_TRACE(pink ? "pink" : "white");
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		runner.set(modeId, adaptive);
 		const auto frames = std::size_t(8 * rate);
@@ -290,10 +225,8 @@ TEST(Cleanup, AdaptiveModeFollowsTheNoiseAndKeepsTheTone) {
 
 // Entering "noise" mode starts a new print, and a rebuild of the engine
 // forgets the print; "static" holds whatever print there is.
-TEST(Cleanup, NoiseModeStartsANewPrintAndARebuildForgetsIt) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Cleanup, NoiseModeStartsANewPrintAndARebuildForgetsIt) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	setText(runner, mixId, "1");
 	const std::size_t latency = runner.instance->latency();
@@ -334,66 +267,43 @@ TEST(Cleanup, NoiseModeStartsANewPrintAndARebuildForgetsIt) {
 // and allocates nothing; so does a reset. Engine changes, which rebuild and
 // may allocate, and spectra for the page, whose messages are the main
 // thread's, run before the counted part.
-TEST(Cleanup, RandomAutomationStaysFiniteAndAllocatesNothing) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId, rate, 1024);
+TEST_F(Cleanup, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	PluginRunner runner(*bundle, pluginId, rate, 1024);
 	ASSERT_TRUE(runner.ok);
-	std::mt19937 random(9);
-	std::uniform_real_distribution<double> position(-2.0, 3.0), inRange(0.0, 1.0);
 	const auto frames = std::size_t(2 * rate);
 	const auto in = sum(syllables(frames, 0.1), noise(frames, 0.02, true, 7));
-	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
-	float *inputs[2] = {left.data(), right.data()};
-	float *outputs[2] = {outLeft.data(), outRight.data()};
-	std::size_t cursor = 0, bad = 0, meters = 0;
-	double peak = 0;
-	auto run = [&](int blocks, bool engineChanges) {
-		for (int block = 0; block < blocks; ++block) {
-			const std::uint32_t length = 1 + random() % 1024;
-			for (std::uint32_t i = 0; i < length; ++i, ++cursor) {
-				left[i] = in[cursor % in.size()];
-				right[i] = in[(cursor + 12345) % in.size()];
+	// The right input is the same sound, 12345 samples on.
+	std::vector<float> right(in.size());
+	std::rotate_copy(in.begin(), in.begin() + 12345, in.end(), right.begin());
+	RandomBlocks blocks(runner, 9, in, right);
+	auto &random = blocks.random;
+	std::uniform_real_distribution<double> position(-2.0, 3.0), inRange(0.0, 1.0);
+	bool engineChanges = true;
+	auto events = [&](std::uint32_t length) {
+		for (int e = 0; e < 3; ++e) {
+			const std::uint32_t time = random() % length;
+			switch (random() % 3) {
+			case 0: runner.events.paramValue(time, modeId, double(int(random() % 8) - 3)); break;
+			case 1: runner.events.paramValue(time, cleanupId, random() % 8 == 0 ? 2.0 : position(random)); break;
+			default: runner.events.paramValue(time, mixId, position(random)); break;
 			}
-			runner.events.clear();
-			for (int e = 0; e < 3; ++e) {
-				const std::uint32_t time = random() % length;
-				switch (random() % 3) {
-				case 0: runner.events.paramValue(time, modeId, double(int(random() % 8) - 3)); break;
-				case 1: runner.events.paramValue(time, cleanupId, random() % 8 == 0 ? 2.0 : position(random)); break;
-				default: runner.events.paramValue(time, mixId, position(random)); break;
-				}
-			}
-			if (engineChanges && block % 10 == 0) {
-				const char *keys[] = {"latencyMs", "overlap", "resolution"};
-				runner.events.paramValue(0, paramId({"engineConfig", keys[random() % 3]}), inRange(random));
-			}
-			runner.out.clear();
-			runner.instance->process(inputs, 2, outputs, 2, length, runner.events, runner.out);
-			for (std::uint32_t i = 0; i < length; ++i) {
-				for (float x : {outLeft[i], outRight[i]}) {
-					if (std::isfinite(x)) {
-						peak = std::max(peak, double(std::fabs(x)));
-					} else {
-						++bad;
-					}
-				}
-			}
-			if (engineChanges && block % 8 == 0) meters += drainMeters(*runner.instance);
+		}
+		if (engineChanges && blocks.played % 10 == 0) {
+			const char *keys[] = {"latencyMs", "overlap", "resolution"};
+			runner.events.paramValue(0, paramId({"engineConfig", keys[random() % 3]}), inRange(random));
 		}
 	};
-	requestMeters(*runner.instance);
-	run(300, true);
-	meters += drainMeters(*runner.instance);
+	const std::size_t meters = blocks.playWithPage(300, events);
 	EXPECT_GT(meters, 0u);
+	engineChanges = false;
 	AllocationScope scope;
-	run(1000, false);
+	blocks.play(1000, events);
 	runner.instance->reset();
-	run(100, false);
+	blocks.play(100, events);
 	const std::size_t allocations = scope.count();
-	std::printf("random automation: %zu non-finite samples, peak %.2f, %zu spectra sent\n", bad, peak, meters);
-	EXPECT_EQ(bad, 0u);
-	EXPECT_LT(peak, 2.0) << "the clean-up never amplifies";
+	std::printf("random automation: %zu non-finite samples, peak %.2f, %zu spectra sent\n", blocks.bad, blocks.peak, meters);
+	EXPECT_EQ(blocks.bad, 0u);
+	EXPECT_LT(blocks.peak, 2.0) << "the clean-up never amplifies";
 	if (allocationCountingAvailable()) {
 		EXPECT_EQ(allocations, 0u);
 	}

@@ -3,11 +3,8 @@
 // held by CLAP note events and raw MIDI, measured on the audio that comes out:
 // partial frequencies in cents from the chord's notes, levels, and the sample
 // at which a note takes effect.
-#include "host/bundle.h"
-#include "storage/cbor_diagnostic.h"
 #include "support/alloc_counter.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
@@ -31,18 +28,6 @@ constexpr const char *pluginId = "varkesh.lumbrel.frequency-snap";
 constexpr double rate = 48000;
 
 double noteHz(double note) { return 440 * std::exp2((note - 69) / 12); }
-
-// The host position (ranged) or integer (stepped) that the plug-in reads from `text`.
-double valueOf(PluginRunner &runner, clap_id id, const std::string &text) {
-	double value = -1;
-	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
-	return value;
-}
-
-void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
-	const clap_id id = paramId(path);
-	runner.set(id, valueOf(runner, id, text));
-}
 
 // A sum of sines at `hz`, each at `amplitude`.
 std::vector<float> sines(const std::vector<double> &hz, std::size_t frames, double amplitude = 0.1) {
@@ -129,24 +114,14 @@ std::size_t onsetSample(const std::vector<float> &x, std::size_t end, double fra
 	return end;
 }
 
+using FrequencySnap = BundleTest;
+
 } // namespace
 
-TEST(FrequencySnap, ParameterListAndSavedState) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(FrequencySnap, ParameterListAndSavedState) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name;
-		const char *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", "4"},
-		{{"engineConfig", "resolution"}, "resolution", "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
-		{{"engineConfig", "directCopy"}, "direct", "on"},
+	expectParams(*runner.instance, {
 		{{"channelMode"}, "channels", "full"},
 		{{"peaksConfig", "smoothing"}, "smoothing", "1%"},
 		{{"gainsConfig", "phaseSmoothing"}, "phase", "1%"},
@@ -159,17 +134,7 @@ TEST(FrequencySnap, ParameterListAndSavedState) {
 		{{"chordConfig", "maxHz"}, "max", "8000Hz"},
 		{{"chordConfig", "hz3"}, "harm-3", "600Hz"},
 		{{"chordConfig", "hz5"}, "harm-5", "2000Hz"},
-	};
-	const std::uint32_t count = runner.instance->paramCount();
-	ASSERT_EQ(count, std::size(expected));
-	for (std::uint32_t i = 0; i < count; ++i) {
-		SCOPED_TRACE(expected[i].name);
-		clap_param_info info{};
-		ASSERT_TRUE(runner.instance->paramInfo(i, info));
-		EXPECT_EQ(info.id, paramId(expected[i].path));
-		EXPECT_STREQ(info.name, expected[i].name);
-		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
-	}
+	});
 	const clap_id baseNote = paramId({"chordConfig", "baseNote"}), mode = paramId({"chordConfig", "mode"});
 	EXPECT_EQ(runner.instance->paramText(baseNote, 0), "C");
 	EXPECT_EQ(runner.instance->paramText(baseNote, 11), "B");
@@ -177,13 +142,7 @@ TEST(FrequencySnap, ParameterListAndSavedState) {
 	EXPECT_EQ(runner.instance->paramText(mode, 5), "pentatonic");
 
 	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(runner.instance->saveState(saved));
-	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
-		"{_ \"name\": \"Lumbrel3 (Bespoke Effect Example): Frequency Snap\", \"desc\": \"\", \"version\": 0, "
-		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
-		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
-		"\"directCopy\": {_ \"value\": 1}}, "
+	expectSavedState(*runner.instance, "Lumbrel3 (Bespoke Effect Example): Frequency Snap",
 		"\"channelMode\": {_ \"value\": 1}, "
 		"\"peaksConfig\": {_ \"name\": \"Spectral peaks\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 1.0}}, "
 		"\"gainsConfig\": {_ \"name\": \"Output gains\", \"desc\": \"\", \"version\": 0, "
@@ -191,18 +150,16 @@ TEST(FrequencySnap, ParameterListAndSavedState) {
 		"\"transientBoost\": {_ \"value\": 0.0}}, "
 		"\"chordConfig\": {_ \"name\": \"Chord\", \"desc\": \"\", \"version\": 0, \"baseNote\": {_ \"value\": 9}, "
 		"\"mode\": {_ \"value\": 1}, \"snapSemitones\": {_ \"value\": 8.0}, \"maxHz\": {_ \"value\": 8000.0}, "
-		"\"hz3\": {_ \"value\": 600.0}, \"hz5\": {_ \"value\": 2000.0}}}");
+		"\"hz3\": {_ \"value\": 600.0}, \"hz5\": {_ \"value\": 2000.0}}");
 }
 
 // One note input, "notes", for this plug-in alone; the other nine have none.
-TEST(FrequencySnap, ReportsOneNoteInputPort) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	for (std::uint32_t p = 0; p < b->count(); ++p) {
-		const std::string id = b->descriptor(p)->id;
+TEST_F(FrequencySnap, ReportsOneNoteInputPort) {
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const std::string id = bundle->descriptor(p)->id;
 		SCOPED_TRACE(id);
 		lumbrel::host::Host host;
-		lumbrel::host::Instance instance(*b, id.c_str(), host);
+		lumbrel::host::Instance instance(*bundle, id.c_str(), host);
 		ASSERT_TRUE(instance.init());
 		const auto *ports = instance.extension<clap_plugin_note_ports>(CLAP_EXT_NOTE_PORTS);
 		ASSERT_NE(ports, nullptr);
@@ -226,9 +183,7 @@ TEST(FrequencySnap, ReportsOneNoteInputPort) {
 
 // The default chord shape (octaves of A) and a major chord on C, with no note
 // held: a sine a third of a semitone off moves onto the chord's nearest note.
-TEST(FrequencySnap, ChordShapesPullASineOntoTheirNotes) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(FrequencySnap, ChordShapesPullASineOntoTheirNotes) {
 	struct Case {
 		const char *base, *mode;
 		double inputHz;
@@ -242,7 +197,7 @@ TEST(FrequencySnap, ChordShapesPullASineOntoTheirNotes) {
 		{"D", "minor", noteHz(65.3), 65},
 	};
 	for (const Case &c : cases) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		setText(runner, {"chordConfig", "baseNote"}, c.base);
 		setText(runner, {"chordConfig", "mode"}, c.mode);
@@ -261,10 +216,8 @@ TEST(FrequencySnap, ChordShapesPullASineOntoTheirNotes) {
 // Mode "none": only held notes count. A tone 25 cents sharp, with partials on
 // A4, A5 and E6 of an A major chord held by CLAP note-ons, comes out on the
 // chord's notes at its own level.
-TEST(FrequencySnap, HeldClapNotesPullDetunedPartialsOntoTheChord) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(FrequencySnap, HeldClapNotesPullDetunedPartialsOntoTheChord) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	setText(runner, {"chordConfig", "mode"}, "none");
 	const std::vector<int> chord = {69, 73, 76};
@@ -290,10 +243,8 @@ TEST(FrequencySnap, HeldClapNotesPullDetunedPartialsOntoTheChord) {
 // Raw MIDI: a C major chord at velocity 100 pulls three sines, each some 30
 // cents off C4, E4 and G4, onto them; after the note-offs nothing is left to
 // snap to and (mode "none") the peaks fall silent.
-TEST(FrequencySnap, MidiNotesHoldAndReleaseTheChord) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(FrequencySnap, MidiNotesHoldAndReleaseTheChord) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	setText(runner, {"chordConfig", "mode"}, "none");
 	const std::vector<int> chord = {60, 64, 67};
@@ -325,13 +276,11 @@ TEST(FrequencySnap, MidiNotesHoldAndReleaseTheChord) {
 // A note that starts and ends inside a block acts from its own sample: the
 // same notes placed on block boundaries give the same output, and the same
 // note-on given 700 samples early starts the sound 700 samples early.
-TEST(FrequencySnap, NotesActAtTheirOwnSample) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(FrequencySnap, NotesActAtTheirOwnSample) {
 	const auto in = sine(noteHz(69.3), rate, std::size_t(1.5 * rate), 0.2);
 	const std::size_t on = 4 * 1024 + 700, off = 40 * 1024 + 333;
 	auto run = [&](std::size_t noteOn, std::vector<std::size_t> cuts) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		EXPECT_TRUE(runner.ok);
 		setText(runner, {"chordConfig", "mode"}, "none");
 		return play(runner, in, {{noteOn, Note::On, 69, 1.0}, {off, Note::Off, 69}}, 1024, cuts);
@@ -358,11 +307,9 @@ TEST(FrequencySnap, NotesActAtTheirOwnSample) {
 
 // Up to 64 notes in a block, as CLAP note events and MIDI, arrive without an
 // allocation; notes beyond that are dropped, not stored.
-TEST(FrequencySnap, NotesArriveWithoutAllocating) {
+TEST_F(FrequencySnap, NotesArriveWithoutAllocating) {
 	if (!allocationCountingAvailable()) GTEST_SKIP() << "no allocation counting in this build";
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId, rate, 1024);
+	PluginRunner runner(*bundle, pluginId, rate, 1024);
 	ASSERT_TRUE(runner.ok);
 	// Event lists made up front, so that only the plug-in runs in the scope.
 	std::vector<std::unique_ptr<InputEvents>> blocks;
@@ -394,16 +341,14 @@ TEST(FrequencySnap, NotesArriveWithoutAllocating) {
 		for (const auto &events : blocks) runner.instance->process(inputs, 2, outputs, 2, 1024, *events, runner.out);
 	}
 	EXPECT_EQ(scope.count(), 0u);
-	for (float x : outL) EXPECT_TRUE(std::isfinite(x));
+	EXPECT_TRUE(allFinite(outL));
 }
 
 // Random automation of every own parameter, with positions far outside 0..1,
 // and random notes stay finite and allocate nothing; switching the channel
 // mode (which rebuilds) stays finite too.
-TEST(FrequencySnap, RandomAutomationStaysFiniteAndAllocatesNothing) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId, rate, 1024);
+TEST_F(FrequencySnap, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	PluginRunner runner(*bundle, pluginId, rate, 1024);
 	ASSERT_TRUE(runner.ok);
 	// The chord's own parameters first: they move partials but never raise them.
 	const clap_id ids[] = {paramId({"chordConfig", "baseNote"}), paramId({"chordConfig", "mode"}),
@@ -413,57 +358,34 @@ TEST(FrequencySnap, RandomAutomationStaysFiniteAndAllocatesNothing) {
 		paramId({"gainsConfig", "transientBoost"})};
 	std::size_t automated = 6;
 	const clap_id channelMode = paramId({"channelMode"});
-	std::mt19937 random(5);
+	RandomBlocks blocks(runner, 5, harmonicTone(233, 12, rate, std::size_t(rate), 0.05));
+	auto &random = blocks.random;
 	std::uniform_real_distribution<double> position(-2.0, 3.0);
-	std::normal_distribution<float> noise(0.0f, 0.2f);
-	const auto tone = harmonicTone(233, 12, rate, std::size_t(rate), 0.05);
-	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
-	float *inputs[2] = {left.data(), right.data()};
-	float *outputs[2] = {outLeft.data(), outRight.data()};
-	std::size_t cursor = 0, bad = 0;
-	double peak = 0;
-	auto run = [&](int blocks, bool modes) {
-		for (int block = 0; block < blocks; ++block) {
-			const std::uint32_t frames = 1 + random() % 1024;
-			for (std::uint32_t i = 0; i < frames; ++i, ++cursor) {
-				left[i] = tone[cursor % tone.size()];
-				right[i] = noise(random);
-			}
-			runner.events.clear();
-			for (int e = 0; e < 3; ++e) {
-				runner.events.paramValue(random() % frames, ids[random() % automated], position(random));
-			}
-			runner.events.note(random() % frames, CLAP_EVENT_NOTE_ON, std::int16_t(random() % 128), 1.0);
-			runner.events.midi(random() % frames, 0x90, std::uint8_t(random() % 128), std::uint8_t(random() % 128));
-			runner.events.midi(random() % frames, 0x80, std::uint8_t(random() % 128), 0);
-			runner.events.note(random() % frames, CLAP_EVENT_NOTE_OFF, std::int16_t(random() % 128), 0.0);
-			if (modes && random() % 16 == 0) runner.events.paramValue(random() % frames, channelMode, double(random() % 2));
-			runner.out.clear();
-			runner.instance->process(inputs, 2, outputs, 2, frames, runner.events, runner.out);
-			for (std::uint32_t i = 0; i < frames; ++i) {
-				for (float x : {outLeft[i], outRight[i]}) {
-					if (std::isfinite(x)) {
-						peak = std::max(peak, double(std::fabs(x)));
-					} else {
-						++bad;
-					}
-				}
-			}
+	bool modes = false;
+	auto events = [&](std::uint32_t frames) {
+		for (int e = 0; e < 3; ++e) {
+			runner.events.paramValue(random() % frames, ids[random() % automated], position(random));
 		}
+		runner.events.note(random() % frames, CLAP_EVENT_NOTE_ON, std::int16_t(random() % 128), 1.0);
+		runner.events.midi(random() % frames, 0x90, std::uint8_t(random() % 128), std::uint8_t(random() % 128));
+		runner.events.midi(random() % frames, 0x80, std::uint8_t(random() % 128), 0);
+		runner.events.note(random() % frames, CLAP_EVENT_NOTE_OFF, std::int16_t(random() % 128), 0.0);
+		if (modes && random() % 16 == 0) runner.events.paramValue(random() % frames, channelMode, double(random() % 2));
 	};
-	run(500, false);
-	const double chordPeak = peak;
+	blocks.play(500, events);
+	const double chordPeak = blocks.peak;
 	automated = std::size(ids);
-	run(50, false);
+	blocks.play(50, events);
 	AllocationScope scope;
-	run(1000, false);
+	blocks.play(1000, events);
 	const std::size_t allocations = scope.count();
-	run(300, true);
-	std::printf("random automation: %zu non-finite samples; peak %.2f with the chord's parameters, %.2f with all\n", bad,
-		chordPeak, peak);
-	EXPECT_EQ(bad, 0u);
+	modes = true;
+	blocks.play(300, events);
+	std::printf("random automation: %zu non-finite samples; peak %.2f with the chord's parameters, %.2f with all\n",
+		blocks.bad, chordPeak, blocks.peak);
+	EXPECT_EQ(blocks.bad, 0u);
 	EXPECT_LT(chordPeak, 4.0);
-	EXPECT_LT(peak, 15.8) << "+24 dBFS: the level restore lifts by at most 1 / (1 - 0.95)";
+	EXPECT_LT(blocks.peak, 15.8) << "+24 dBFS: the level restore lifts by at most 1 / (1 - 0.95)";
 	if (allocationCountingAvailable()) {
 		EXPECT_EQ(allocations, 0u);
 	}

@@ -1,8 +1,6 @@
 // The octaver through the plug-in: its parameter list, each voice and the dry
 // signal at its gain, and the sweep moving the voices, measured on a sine.
-#include "host/bundle.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
@@ -22,99 +20,40 @@ constexpr double rate = 48000;
 constexpr double inputHz = 440, amplitude = 0.5;
 constexpr std::size_t window = 16384;
 
-// Sets a ranged parameter to the value that `text` shows.
-void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
-	double position = -1;
-	EXPECT_TRUE(runner.instance->paramFromText(paramId(path), text, position)) << text;
-	runner.set(paramId(path), position);
-}
-
-// Position of the CBOR text `key` (definite length, below 24 bytes) in `bytes`.
-std::ptrdiff_t keyAt(const std::vector<std::uint8_t> &bytes, const std::string &key) {
-	std::vector<std::uint8_t> item{std::uint8_t(0x60 + key.size())};
-	item.insert(item.end(), key.begin(), key.end());
-	const auto found = std::search(bytes.begin(), bytes.end(), item.begin(), item.end());
-	return found == bytes.end() ? -1 : found - bytes.begin();
-}
-
 const char *const voiceKeys[4] = {"gainD2", "gainD1", "gainU1", "gainU2"};
 const int voiceSemitones[4] = {-24, -12, 12, 24};
 
+using Octaver = BundleTest;
+
 } // namespace
 
-TEST(Octaver, ParameterListFollowsTheDeclaration) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Octaver, ParameterListFollowsTheDeclaration) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	auto &instance = *runner.instance;
-
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name;
-		const char *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", "4"},
-		{{"engineConfig", "resolution"}, "resolution", "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
-		{{"engineConfig", "directCopy"}, "direct", "on"},
+	expectParams(instance, {
 		{{"octaves", "gainD2"}, "-2", "0"},
 		{{"octaves", "gainD1"}, "-1", "0.5"},
 		{{"octaves", "gainU1"}, "+1", "0.5"},
 		{{"octaves", "gainU2"}, "+2", "0"},
 		{{"mix"}, "mix", "0.5"},
 		{{"sweep"}, "sweep", "1"},
-	};
-	ASSERT_EQ(instance.paramCount(), std::size(expected));
-	for (std::uint32_t i = 0; i < instance.paramCount(); ++i) {
-		clap_param_info info{};
-		ASSERT_TRUE(instance.paramInfo(i, info));
-		const Expected &e = expected[i];
-		SCOPED_TRACE(e.name);
-		EXPECT_EQ(info.id, paramId(e.path));
-		EXPECT_STREQ(info.name, e.name);
-		const bool stepped = i == 3 || i == 4;
-		EXPECT_EQ(info.flags, stepped ? std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED)
-									  : std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE));
-		if (!stepped) {
-			EXPECT_EQ(info.min_value, 0.0);
-			EXPECT_EQ(info.max_value, 1.0);
-		}
-		EXPECT_EQ(instance.paramText(info.id, info.default_value), e.defaultText);
-		// The text of any position reads back to a value with the same text.
-		for (int step = 0; step <= 40 && !stepped; ++step) {
-			const std::string text = instance.paramText(info.id, step / 40.0);
-			double back = -1;
-			ASSERT_TRUE(instance.paramFromText(info.id, text, back));
-			EXPECT_EQ(instance.paramText(info.id, back), text);
-		}
-	}
+	});
+	expectRanges(instance, {{{"engineConfig", "iterationsLog2"}, 0, 3}, {{"engineConfig", "directCopy"}, 0, 1}});
 	// The voice gains are curved: the middle of their travel is 0.3.
 	EXPECT_EQ(instance.paramText(paramId({"octaves", "gainU1"}), 0.5), "0.3");
 }
 
-TEST(Octaver, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Octaver, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	setText(runner, {"sweep"}, "0.4");
 	std::vector<std::uint8_t> saved;
 	ASSERT_TRUE(runner.instance->saveState(saved));
-	ASSERT_GT(saved.size(), 30u);
-	EXPECT_EQ(saved[0], 0xBF);
-	EXPECT_EQ(keyAt(saved, "name"), 1);
-	EXPECT_EQ(keyAt(saved, "Lumbrel: Octaver"), 6);
-	std::ptrdiff_t previous = 0;
-	for (const char *key : {"engineConfig", "octaves", "Octaves", "gainD2", "gainD1", "gainU1", "gainU2", "mix", "sweep"}) {
-		const std::ptrdiff_t at = keyAt(saved, key);
-		EXPECT_GT(at, previous) << key;
-		previous = at;
-	}
+	expectKeyOrder(saved, "Lumbrel: Octaver",
+		{"engineConfig", "octaves", "Octaves", "gainD2", "gainD1", "gainU1", "gainU2", "mix", "sweep"});
 
-	PluginRunner fresh(*b, pluginId);
+	PluginRunner fresh(*bundle, pluginId);
 	ASSERT_TRUE(fresh.ok);
 	ASSERT_TRUE(fresh.instance->loadState(saved));
 	double position = 0;
@@ -122,9 +61,7 @@ TEST(Octaver, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
 	EXPECT_EQ(fresh.instance->paramText(paramId({"sweep"}), position), "0.4");
 }
 
-TEST(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
 	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
 	const std::size_t from = std::size_t(0.8 * rate);
 	const char *gains[4] = {"0.2", "0.4", "0.6", "0.8"};
@@ -132,7 +69,7 @@ TEST(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
 	// mix 0.5 gives wet and dry 0.75 each; mix 1 gives wet 1 and no dry.
 	for (const char *mix : {"0.5", "1"}) {
 		const double wet = std::string(mix) == "1" ? 1 : 0.75, dry = std::string(mix) == "1" ? 0 : 0.75;
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		for (int v = 0; v < 4; ++v) setText(runner, {"octaves", voiceKeys[v]}, gains[v]);
 		setText(runner, {"mix"}, mix);
@@ -157,14 +94,12 @@ TEST(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
 	}
 }
 
-TEST(Octaver, DryPathIsTheUndelayedInput) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Octaver, DryPathIsTheUndelayedInput) {
 	const auto in = harmonicTone(220, 10, rate, std::size_t(rate), 0.05);
 	// Without wet (mix 0, or sweep 0 however much mix) the output is the input as
 	// it comes, once the 10 ms glide of the mix gains has settled.
 	for (const char *setting : {"mix", "sweep"}) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		setText(runner, {setting}, "0");
 		const auto out = runner.run({in, in});
@@ -174,14 +109,12 @@ TEST(Octaver, DryPathIsTheUndelayedInput) {
 	}
 }
 
-TEST(Octaver, SweepMovesTheVoicesTogether) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Octaver, SweepMovesTheVoicesTogether) {
 	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
 	const std::size_t from = std::size_t(0.8 * rate);
 	double worst = 0;
 	for (const char *sweep : {"0.25", "0.5", "0.75"}) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		for (const char *key : voiceKeys) setText(runner, {"octaves", key}, "0.5");
 		setText(runner, {"mix"}, "1");
@@ -205,21 +138,19 @@ TEST(Octaver, SweepMovesTheVoicesTogether) {
 	std::printf("sweep: worst voice %.2f cents\n", worst);
 }
 
-TEST(Octaver, ValuesOutsideTheRangeStayFinite) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Octaver, ValuesOutsideTheRangeStayFinite) {
 	const auto in = harmonicTone(220, 10, rate, std::size_t(0.3 * rate), 0.05);
 	const std::initializer_list<const char *> paths[] = {
 		{"octaves", "gainD2"}, {"octaves", "gainD1"}, {"octaves", "gainU1"}, {"octaves", "gainU2"}, {"mix"}, {"sweep"}};
 	for (const auto &path : paths) {
 		for (double position : {-1.0, -0.5, 1.5, 3.0}) {
 			SCOPED_TRACE(std::string(*(path.end() - 1)) + " at " + std::to_string(position));
-			PluginRunner runner(*b, pluginId);
+			PluginRunner runner(*bundle, pluginId);
 			ASSERT_TRUE(runner.ok);
 			runner.set(paramId(path), position);
 			const auto out = runner.run({in, in});
 			for (const auto &channel : out) {
-				EXPECT_TRUE(std::all_of(channel.begin(), channel.end(), [](float v) { return std::isfinite(v); }));
+				EXPECT_TRUE(allFinite(channel));
 				EXPECT_LT(rms(channel), 1.0);
 			}
 		}
@@ -228,11 +159,9 @@ TEST(Octaver, ValuesOutsideTheRangeStayFinite) {
 
 // A host may hand the same buffers as input and output: the dry path must
 // still be the input, not what the engine has just written there.
-TEST(Octaver, InPlaceBuffersGiveTheSameOutput) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Octaver, InPlaceBuffersGiveTheSameOutput) {
 	const auto tone = harmonicTone(220, 6, 48000, 24000);
-	PluginRunner separate(*b, "varkesh.lumbrel.octaver"), inPlace(*b, "varkesh.lumbrel.octaver");
+	PluginRunner separate(*bundle, pluginId), inPlace(*bundle, pluginId);
 	ASSERT_TRUE(separate.ok && inPlace.ok);
 	const auto expected = separate.run({tone, tone});
 	std::vector<float> left(tone), right(tone);

@@ -2,9 +2,7 @@
 // to harmonic tones, measured on the audio that comes out: pitch of every
 // partial, transparency at no shift, where the spectral envelope ends up, the
 // mono channel mode, and engine rebuilds from host events.
-#include "host/bundle.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
@@ -21,13 +19,6 @@ namespace {
 
 constexpr const char *pluginId = "varkesh.lumbrel.pitch-shifter-layer1";
 constexpr double rate = 48000;
-
-// The host position (ranged) or integer (stepped) that the plug-in reads from `text`.
-double valueOf(PluginRunner &runner, clap_id id, const std::string &text) {
-	double value = -1;
-	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
-	return value;
-}
 
 std::vector<float> slice(const std::vector<float> &x, std::size_t from, std::size_t to) {
 	return std::vector<float>(x.begin() + std::ptrdiff_t(from), x.begin() + std::ptrdiff_t(to));
@@ -74,78 +65,43 @@ double formantCentre(const std::vector<float> &x, std::size_t from, const std::v
 	return sum / weight;
 }
 
-// Position of the CBOR text `key` (definite length, below 24 bytes) in `bytes`.
-std::ptrdiff_t keyAt(const std::vector<std::uint8_t> &bytes, const std::string &key) {
-	std::vector<std::uint8_t> item{std::uint8_t(0x60 + key.size())};
-	item.insert(item.end(), key.begin(), key.end());
-	const auto found = std::search(bytes.begin(), bytes.end(), item.begin(), item.end());
-	return found == bytes.end() ? -1 : found - bytes.begin();
-}
+using PitchShifter = BundleTest;
 
 } // namespace
 
-TEST(PitchShifter, ParameterListFollowsTheDeclaration) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(PitchShifter, ParameterListFollowsTheDeclaration) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	auto &instance = *runner.instance;
 
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name;
-		bool stepped;
-		double low, high; // the host's range: 0 to 1 for ranged parameters
-		const char *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", false, 0, 1, "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", false, 0, 1, "4"},
-		{{"engineConfig", "resolution"}, "resolution", false, 0, 1, "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", true, 0, 3, "4"},
-		{{"engineConfig", "directCopy"}, "direct", true, 0, 1, "on"},
-		{{"channelMode"}, "channels", true, 0, 1, "full"},
-		{{"peaksConfig", "smoothing"}, "smoothing", false, 0, 1, "1%"},
-		{{"gainsConfig", "phaseSmoothing"}, "phase", false, 0, 1, "1%"},
-		{{"gainsConfig", "detailBoost"}, "detail", false, 0, 1, "0.8"},
-		{{"gainsConfig", "transientReset"}, "tr. reset", false, 0, 1, "2"},
-		{{"gainsConfig", "transientBoost"}, "tr. boost", false, 0, 1, "0"},
-		{{"peakShifterConfig", "semitones"}, "semitones", true, -24, 24, "none"},
-		{{"peakShifterConfig", "tonalityLimit"}, "tonality limit", false, 0, 1, "8000Hz"},
-		{{"timbreConfig", "smoothing"}, "smoothing", false, 0, 1, "1"},
-		{{"timbreCorrection"}, "timbre", false, 0, 1, "0"},
-	};
-	ASSERT_EQ(instance.paramCount(), std::size(expected));
+	expectParams(instance, {
+		{{"channelMode"}, "channels", "full"},
+		{{"peaksConfig", "smoothing"}, "smoothing", "1%"},
+		{{"gainsConfig", "phaseSmoothing"}, "phase", "1%"},
+		{{"gainsConfig", "detailBoost"}, "detail", "0.8"},
+		{{"gainsConfig", "transientReset"}, "tr. reset", "2"},
+		{{"gainsConfig", "transientBoost"}, "tr. boost", "0"},
+		{{"peakShifterConfig", "semitones"}, "semitones", "none"},
+		{{"peakShifterConfig", "tonalityLimit"}, "tonality limit", "8000Hz"},
+		{{"timbreConfig", "smoothing"}, "smoothing", "1"},
+		{{"timbreCorrection"}, "timbre", "0"},
+	});
+	expectRanges(instance, {{{"engineConfig", "iterationsLog2"}, 0, 3}, {{"engineConfig", "directCopy"}, 0, 1},
+		{{"channelMode"}, 0, 1}, {{"peakShifterConfig", "semitones"}, -24, 24}});
+
+	// Each stepped value's label reads back to it. Bare digits are no label,
+	// so the semitones' numbers read as the default.
 	const clap_id semitonesId = paramId({"peakShifterConfig", "semitones"});
 	for (std::uint32_t i = 0; i < instance.paramCount(); ++i) {
 		clap_param_info info{};
 		ASSERT_TRUE(instance.paramInfo(i, info));
-		const Expected &e = expected[i];
-		SCOPED_TRACE(e.name);
-		EXPECT_EQ(info.id, paramId(e.path));
-		EXPECT_STREQ(info.name, e.name);
-		EXPECT_EQ(info.flags, e.stepped ? std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED)
-										: std::uint32_t(CLAP_PARAM_IS_AUTOMATABLE));
-		EXPECT_EQ(info.min_value, e.low);
-		EXPECT_EQ(info.max_value, e.high);
-		EXPECT_EQ(instance.paramText(info.id, info.default_value), e.defaultText);
-
-		// Text back to a value: labels exactly; ranged values, shown to a few
-		// decimals, come back to a value with the same text. Bare digits are no
-		// label, so the semitones' numbers read as the default.
-		const int steps = e.stepped ? int(e.high - e.low) : 40;
-		for (int step = 0; step <= steps; ++step) {
-			const double x = e.low + (e.high - e.low) * step / steps;
+		if (!(info.flags & CLAP_PARAM_IS_STEPPED)) continue;
+		SCOPED_TRACE(info.name);
+		for (double x = info.min_value; x <= info.max_value; ++x) {
 			const std::string text = instance.paramText(info.id, x);
 			double back = -1;
 			ASSERT_TRUE(instance.paramFromText(info.id, text, back)) << text;
-			if (info.id == semitonesId) {
-				EXPECT_EQ(back, x == 0 ? 0 : info.default_value) << text;
-			} else if (e.stepped) {
-				EXPECT_EQ(back, x) << text;
-			} else {
-				EXPECT_EQ(instance.paramText(info.id, back), text) << x;
-			}
+			EXPECT_EQ(back, info.id == semitonesId && x != 0 ? info.default_value : x) << text;
 		}
 	}
 	double back = 0;
@@ -158,32 +114,21 @@ TEST(PitchShifter, ParameterListFollowsTheDeclaration) {
 	EXPECT_EQ(instance.paramText(paramId({"timbreCorrection"}), 1.0), "0.95");
 }
 
-TEST(PitchShifter, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(PitchShifter, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	runner.set(paramId({"peakShifterConfig", "semitones"}), -7);
 	std::vector<std::uint8_t> saved;
 	ASSERT_TRUE(runner.instance->saveState(saved));
 
-	const std::string name = "Lumbrel: Pitch Shifter";
-	ASSERT_GT(saved.size(), 30u);
-	EXPECT_EQ(saved[0], 0xBF);
-	EXPECT_EQ(keyAt(saved, "name"), 1);
-	EXPECT_EQ(keyAt(saved, name), 6);
-	std::ptrdiff_t previous = 0;
-	for (const char *key : {"engineConfig", "channelMode", "peaksConfig", "gainsConfig", "peakShifterConfig",
-			 "timbreConfig", "timbreCorrection"}) {
-		const std::ptrdiff_t at = keyAt(saved, key);
-		EXPECT_GT(at, previous) << key;
-		previous = at;
-	}
+	expectKeyOrder(saved, "Lumbrel: Pitch Shifter",
+		{"engineConfig", "channelMode", "peaksConfig", "gainsConfig", "peakShifterConfig", "timbreConfig",
+			"timbreCorrection"});
 	// Hidden parameters are not saved.
 	EXPECT_EQ(keyAt(saved, "emphasis"), -1);
 	EXPECT_EQ(keyAt(saved, "transientSmoothing"), -1);
 
-	PluginRunner fresh(*b, pluginId);
+	PluginRunner fresh(*bundle, pluginId);
 	ASSERT_TRUE(fresh.ok);
 	ASSERT_TRUE(fresh.instance->loadState(saved));
 	double semitones = 0;
@@ -191,14 +136,12 @@ TEST(PitchShifter, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
 	EXPECT_EQ(semitones, -7);
 }
 
-TEST(PitchShifter, EveryPartialLandsWithinFiveCentsOfItsTarget) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(PitchShifter, EveryPartialLandsWithinFiveCentsOfItsTarget) {
 	const double f0 = 220;
 	const auto tone = harmonicTone(f0, 36, rate, std::size_t(1.5 * rate), 0.02); // partials up to 7920 Hz
 	double worstOverall = 0;
 	for (int semitones : {12, 7, -5, -12}) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		runner.set(paramId({"peakShifterConfig", "semitones"}), semitones);
 		const auto out = runner.run({tone, tone});
@@ -228,10 +171,8 @@ TEST(PitchShifter, EveryPartialLandsWithinFiveCentsOfItsTarget) {
 	std::printf("worst partial error over all shifts: %.2f cents\n", worstOverall);
 }
 
-TEST(PitchShifter, NoShiftIsCloseToTransparent) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(PitchShifter, NoShiftIsCloseToTransparent) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	const auto tone = harmonicTone(220, 36, rate, std::size_t(1.5 * rate), 0.02);
 	const auto out = runner.run({tone, tone});
@@ -242,9 +183,7 @@ TEST(PitchShifter, NoShiftIsCloseToTransparent) {
 	EXPECT_LT(residual, -20);
 }
 
-TEST(PitchShifter, TimbreCorrectionKeepsTheEnvelopeInPlace) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(PitchShifter, TimbreCorrectionKeepsTheEnvelopeInPlace) {
 	const double f0 = 110;
 	const auto tone = formantTone(f0, std::size_t(1.5 * rate));
 	const std::size_t from = std::size_t(0.8 * rate);
@@ -260,11 +199,10 @@ TEST(PitchShifter, TimbreCorrectionKeepsTheEnvelopeInPlace) {
 			double envelopeError; // dB RMS
 		};
 		auto measure = [&](const char *correction) {
-			PluginRunner runner(*b, pluginId);
+			PluginRunner runner(*bundle, pluginId);
 			EXPECT_TRUE(runner.ok);
 			runner.set(paramId({"peakShifterConfig", "semitones"}), semitones);
-			const clap_id id = paramId({"timbreCorrection"});
-			runner.set(id, valueOf(runner, id, correction));
+			setText(runner, {"timbreCorrection"}, correction);
 			const auto out = runner.run({tone, tone});
 			// How far each partial from below 3.5 kHz stands from the input's
 			// envelope at the frequency where it lands. (Higher partials, 110 Hz
@@ -291,13 +229,11 @@ TEST(PitchShifter, TimbreCorrectionKeepsTheEnvelopeInPlace) {
 	}
 }
 
-TEST(PitchShifter, MonoModeReadsTheFirstInputIntoBothOutputs) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(PitchShifter, MonoModeReadsTheFirstInputIntoBothOutputs) {
 	const auto left = sine(440, rate, std::size_t(rate), 0.5), right = sine(660, rate, std::size_t(rate), 0.5);
 	const std::size_t from = std::size_t(0.5 * rate);
 	for (int mode : {0, 1}) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		runner.set(paramId({"channelMode"}), mode);
 		const auto out = runner.run({left, right});
@@ -316,10 +252,8 @@ TEST(PitchShifter, MonoModeReadsTheFirstInputIntoBothOutputs) {
 	}
 }
 
-TEST(PitchShifter, LatencyEventRebuildsTheEngineAndKeepsTheOutputAligned) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(PitchShifter, LatencyEventRebuildsTheEngineAndKeepsTheOutputAligned) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	const auto tone = harmonicTone(220, 20, rate, std::size_t(2 * rate), 0.03);
 	const std::size_t half = tone.size() / 2;
@@ -348,16 +282,14 @@ TEST(PitchShifter, LatencyEventRebuildsTheEngineAndKeepsTheOutputAligned) {
 	EXPECT_LT(aligned, late - 6);
 }
 
-TEST(PitchShifter, EngineSettingsRestartTheEngineOtherSettingsDoNot) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(PitchShifter, EngineSettingsRestartTheEngineOtherSettingsDoNot) {
 	const auto tone = harmonicTone(220, 20, rate, std::size_t(rate), 0.03);
 	const std::size_t half = tone.size() / 2;
 
 	// Level of the first 5 ms after an event, relative to the input that
 	// should come out then: a fresh engine has nothing in its pipeline yet.
 	auto levelAfter = [&](std::initializer_list<const char *> path, double value) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		EXPECT_TRUE(runner.ok);
 		runner.run({slice(tone, 0, half)});
 		runner.events.paramValue(0, paramId(path), value);
@@ -385,11 +317,9 @@ TEST(PitchShifter, EngineSettingsRestartTheEngineOtherSettingsDoNot) {
 }
 
 // The engine group is left out: its values are the shared rebuild test's.
-TEST(PitchShifter, ValuesOutsideTheRangeStayFinite) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(PitchShifter, ValuesOutsideTheRangeStayFinite) {
 	const auto tone = harmonicTone(220, 20, rate, std::size_t(0.3 * rate), 0.03);
-	PluginRunner probe(*b, pluginId);
+	PluginRunner probe(*bundle, pluginId);
 	ASSERT_TRUE(probe.ok);
 	for (std::uint32_t index = 5; index < probe.instance->paramCount(); ++index) {
 		clap_param_info info{};
@@ -398,15 +328,13 @@ TEST(PitchShifter, ValuesOutsideTheRangeStayFinite) {
 		// 1.5 and 3 are poles of some position maps: the value is infinite there.
 		for (double value : stepped ? std::vector<double>{-100, 100} : std::vector<double>{-1, -0.5, 1.5, 3}) {
 			SCOPED_TRACE(std::string(info.name) + " at " + std::to_string(value));
-			PluginRunner runner(*b, pluginId);
+			PluginRunner runner(*bundle, pluginId);
 			ASSERT_TRUE(runner.ok);
 			runner.set(paramId({"peakShifterConfig", "semitones"}), 5);
 			runner.set(paramId({"timbreCorrection"}), 0.5);
 			runner.set(info.id, value);
 			const auto out = runner.run({tone, tone});
-			for (const auto &channel : out) {
-				EXPECT_TRUE(std::all_of(channel.begin(), channel.end(), [](float v) { return std::isfinite(v); }));
-			}
+			for (const auto &channel : out) EXPECT_TRUE(allFinite(channel));
 		}
 	}
 }

@@ -3,11 +3,8 @@
 // rest state passes the sound, a falling control makes every partial glide
 // down at the control's rate while loudness stays put, and a move by a whole
 // octave ends in the sound it started from.
-#include "host/bundle.h"
-#include "storage/cbor_diagnostic.h"
 #include "support/alloc_counter.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
@@ -62,65 +59,37 @@ std::vector<double> levelsAt(const std::vector<float> &x, std::size_t from, std:
 	return levels;
 }
 
+using ShepardDrop = BundleTest;
+
 } // namespace
 
-TEST(ShepardDrop, ParameterListAndSavedState) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(ShepardDrop, ParameterListAndSavedState) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name;
-		const char *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", "4"},
-		{{"engineConfig", "resolution"}, "resolution", "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
-		{{"engineConfig", "directCopy"}, "direct", "on"},
+	expectParams(*runner.instance, {
 		{{"shepard", "octaveOverlap"}, "overlap", "1oct."},
 		{{"shepard", "sensitivity"}, "sensitivity", "1"},
 		{{"shepard", "smoothTime"}, "period", "1"},
 		{{"semitones"}, "shift", "0s.t."},
-	};
-	const std::uint32_t count = runner.instance->paramCount();
-	ASSERT_EQ(count, std::size(expected));
-	for (std::uint32_t i = 0; i < count; ++i) {
-		SCOPED_TRACE(expected[i].name);
-		clap_param_info info{};
-		ASSERT_TRUE(runner.instance->paramInfo(i, info));
-		EXPECT_EQ(info.id, paramId(expected[i].path));
-		EXPECT_STREQ(info.name, expected[i].name);
-		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
-	}
+	});
 	EXPECT_EQ(runner.instance->paramText(shiftId, 0.0), "-12s.t.");
 	EXPECT_EQ(runner.instance->paramText(shiftId, 1.0), "12s.t.");
 
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(runner.instance->saveState(saved));
-	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
-		"{_ \"name\": \"Lumbrel (Bespoke Effect Example): Shepard Drop\", \"desc\": \"\", \"version\": 0, "
-		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
-		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
-		"\"directCopy\": {_ \"value\": 1}}, "
+	expectSavedState(*runner.instance, "Lumbrel (Bespoke Effect Example): Shepard Drop",
 		"\"shepard\": {_ \"name\": \"Shepard\", \"desc\": \"\", \"version\": 0, \"octaveOverlap\": {_ \"value\": 1.0}, "
 		"\"sensitivity\": {_ \"value\": 1.0}, \"smoothTime\": {_ \"value\": 1.0}}, "
-		"\"semitones\": {_ \"value\": 0.0}}");
+		"\"semitones\": {_ \"value\": 0.0}");
 }
 
 // At rest with the default overlap the bell is one octave wide: only the
 // unshifted voice sounds, and the output is the input, delayed. The ends of
 // the control (+-12) are the same state as its middle.
-TEST(ShepardDrop, AtRestThePlainSoundPassesAtEitherEndOfTheControl) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(ShepardDrop, AtRestThePlainSoundPassesAtEitherEndOfTheControl) {
 	const auto in = harmonicTone(220, 10, rate, std::size_t(2 * rate));
 	std::vector<std::vector<float>> outs;
 	std::size_t latency = 0;
 	for (double shift : {0.0, 12.0, -12.0}) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		ASSERT_TRUE(runner.ok);
 		outs.push_back(glide(runner, in, [shift](double) { return shift; }));
 		latency = runner.instance->latency();
@@ -143,10 +112,8 @@ TEST(ShepardDrop, AtRestThePlainSoundPassesAtEitherEndOfTheControl) {
 // which is the same state): the control falls at 6 semitones a second for
 // 8 s. Every partial that can be followed glides down at that rate, new ones
 // come in from above, and the level stays steady.
-TEST(ShepardDrop, FallingControlGlidesDownWithoutEndAtSteadyLoudness) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(ShepardDrop, FallingControlGlidesDownWithoutEndAtSteadyLoudness) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	const double seconds = 9, ratePerSecond = -6;
 	const auto in = sine(600, rate, std::size_t(seconds * rate), 0.3);
@@ -215,12 +182,10 @@ TEST(ShepardDrop, FallingControlGlidesDownWithoutEndAtSteadyLoudness) {
 // no move: once the bell has narrowed again, the partials of a harmonic tone
 // come out at the levels they have without the move, and the octave copies
 // that sounded while moving are gone.
-TEST(ShepardDrop, AMoveByAWholeOctaveReturnsToTheSameSound) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(ShepardDrop, AMoveByAWholeOctaveReturnsToTheSameSound) {
 	const auto in = harmonicTone(220, 8, rate, std::size_t(9 * rate));
 	auto render = [&](const std::function<double(double)> &shift) {
-		PluginRunner runner(*b, pluginId);
+		PluginRunner runner(*bundle, pluginId);
 		EXPECT_TRUE(runner.ok);
 		return glide(runner, in, shift);
 	};
@@ -257,55 +222,28 @@ TEST(ShepardDrop, AMoveByAWholeOctaveReturnsToTheSameSound) {
 // Random automation of every own parameter, with positions far outside 0..1
 // (and near the poles of the curved controls), stays finite and allocates
 // nothing.
-TEST(ShepardDrop, RandomAutomationStaysFiniteAndAllocatesNothing) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId, rate, 1024);
+TEST_F(ShepardDrop, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	PluginRunner runner(*bundle, pluginId, rate, 1024);
 	ASSERT_TRUE(runner.ok);
 	const clap_id ids[] = {paramId({"shepard", "octaveOverlap"}), paramId({"shepard", "sensitivity"}),
 		paramId({"shepard", "smoothTime"}), shiftId};
 	const double poles[] = {20, 1.125, 1.0 / 0.9, 1e6}; // where each curved control runs off; far for the straight one
-	std::mt19937 random(11);
+	RandomBlocks blocks(runner, 11, harmonicTone(180, 10, rate, std::size_t(rate), 0.05));
+	auto &random = blocks.random;
 	std::uniform_real_distribution<double> position(-2.0, 3.0);
-	const auto tone = harmonicTone(180, 10, rate, std::size_t(rate), 0.05);
-	std::normal_distribution<float> noise(0.0f, 0.2f);
-	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
-	float *inputs[2] = {left.data(), right.data()};
-	float *outputs[2] = {outLeft.data(), outRight.data()};
-	std::size_t cursor = 0, bad = 0;
-	double peak = 0;
-	auto run = [&](int blocks) {
-		for (int block = 0; block < blocks; ++block) {
-			const std::uint32_t frames = 1 + random() % 1024;
-			for (std::uint32_t i = 0; i < frames; ++i, ++cursor) {
-				left[i] = tone[cursor % tone.size()];
-				right[i] = noise(random);
-			}
-			runner.events.clear();
-			for (int e = 0; e < 3; ++e) {
-				const std::size_t which = random() % std::size(ids);
-				const double p = random() % 8 == 0 ? poles[which] * (1 + 1e-9 * position(random)) : position(random);
-				runner.events.paramValue(random() % frames, ids[which], p);
-			}
-			runner.out.clear();
-			runner.instance->process(inputs, 2, outputs, 2, frames, runner.events, runner.out);
-			for (std::uint32_t i = 0; i < frames; ++i) {
-				for (float x : {outLeft[i], outRight[i]}) {
-					if (std::isfinite(x)) {
-						peak = std::max(peak, double(std::fabs(x)));
-					} else {
-						++bad;
-					}
-				}
-			}
+	auto events = [&](std::uint32_t frames) {
+		for (int e = 0; e < 3; ++e) {
+			const std::size_t which = random() % std::size(ids);
+			const double p = random() % 8 == 0 ? poles[which] * (1 + 1e-9 * position(random)) : position(random);
+			runner.events.paramValue(random() % frames, ids[which], p);
 		}
 	};
-	run(50);
+	blocks.play(50, events);
 	AllocationScope scope;
-	run(1000);
+	blocks.play(1000, events);
 	const std::size_t allocations = scope.count();
-	std::printf("random automation: %zu non-finite samples, peak %.2f\n", bad, peak);
-	EXPECT_EQ(bad, 0u);
+	std::printf("random automation: %zu non-finite samples, peak %.2f\n", blocks.bad, blocks.peak);
+	EXPECT_EQ(blocks.bad, 0u);
 	if (allocationCountingAvailable()) {
 		EXPECT_EQ(allocations, 0u);
 	}

@@ -1,8 +1,7 @@
 // An effect class and its wrapper on the engine, behind the plug-in instance:
 // a spectrum added back unchanged comes out as the input, delayed by the
 // engine's latency; engine settings rebuild the effect.
-#include "host/bundle.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
@@ -13,17 +12,10 @@ namespace {
 
 constexpr clap_id latencyMsId = 0x06A04C69; // "engineConfig" / "latencyMs"
 
-std::unique_ptr<lumbrel::host::Bundle> probe() {
-	std::string error;
-	auto bundle = lumbrel::host::Bundle::load(LUMBREL_PROBE_PATH, error);
-	EXPECT_TRUE(bundle) << error;
-	return bundle;
-}
-
 } // namespace
 
 TEST(SpectralPass, InputComesOutDelayedByTheReportedLatency) {
-	auto bundle = probe();
+	auto bundle = loadBundle(LUMBREL_PROBE_PATH);
 	ASSERT_TRUE(bundle);
 	for (double rate : {44100.0, 48000.0}) {
 		PluginRunner runner(*bundle, "lumbrel.test.spectral-pass", rate);
@@ -44,14 +36,12 @@ TEST(SpectralPass, InputComesOutDelayedByTheReportedLatency) {
 }
 
 TEST(SpectralPass, LatencySettingRebuildsTheEngine) {
-	auto bundle = probe();
+	auto bundle = loadBundle(LUMBREL_PROBE_PATH);
 	ASSERT_TRUE(bundle);
 	PluginRunner runner(*bundle, "lumbrel.test.spectral-pass", 48000);
 	ASSERT_TRUE(runner.ok);
 	EXPECT_EQ(runner.instance->latency(), 480u);
-	double position = 0;
-	ASSERT_TRUE(runner.instance->paramFromText(latencyMsId, "5ms", position));
-	runner.set(latencyMsId, position);
+	setText(runner, latencyMsId, "5ms");
 	EXPECT_EQ(runner.instance->latency(), 240u) << "the next block builds the new engine";
 
 	const auto in = sine(700, 48000, 24000);

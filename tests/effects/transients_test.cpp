@@ -1,16 +1,10 @@
 // Transients through the plug-in: its parameter list and saved state, and what
 // its three gains do to drum-like hits, measured on the audio that comes out.
-#include "host/bundle.h"
-#include "storage/cbor_diagnostic.h"
-#include "storage/cbor_writer.h"
 #include "support/alloc_counter.h"
-#include "support/param_ids.h"
-#include "support/plugin_runner.h"
+#include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
-
-#include <clap/ext/draft/webview.h>
 
 #include <cmath>
 #include <cstdio>
@@ -60,14 +54,9 @@ struct HitLevels {
 HitLevels measureHits(lumbrel::host::Bundle &b, double attack, double body, double sustain) {
 	PluginRunner runner(b, pluginId);
 	EXPECT_TRUE(runner.ok);
-	auto setGain = [&](const char *key, double value) {
-		double position = 0;
-		EXPECT_TRUE(runner.instance->paramFromText(paramId({"gains", key}), std::to_string(value), position));
-		runner.set(paramId({"gains", key}), position);
-	};
-	setGain("attack", attack);
-	setGain("body", body);
-	setGain("sustain", sustain);
+	setText(runner, {"gains", "attack"}, std::to_string(attack));
+	setText(runner, {"gains", "body"}, std::to_string(body));
+	setText(runner, {"gains", "sustain"}, std::to_string(sustain));
 	const int count = 6;
 	const double spacing = 0.5;
 	const auto in = hits(count, spacing);
@@ -91,62 +80,20 @@ HitLevels measureHits(lumbrel::host::Bundle &b, double attack, double body, doub
 	return {levelDb(0, 0.015), levelDb(0.03, 0.08), levelDb(0.1, 0.3)};
 }
 
-// Asks for spectra every 10 ms for the next second, as the page does.
-void requestMeters(lumbrel::host::Instance &instance) {
-	std::vector<unsigned char> bytes;
-	varkesh::cbor::CborWriter writer(bytes);
-	writer.writeHead(4, 3);
-	writer.addText("meters");
-	writer.addFloat(0.01);
-	writer.addFloat(1);
-	const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
-	ASSERT_TRUE(webview);
-	webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
-}
-
-// Hands the queued page messages to the host; returns how many were spectra.
-std::size_t drainMeters(lumbrel::host::Instance &instance) {
-	instance.onMainThread();
-	std::size_t meters = 0;
-	for (const auto &message : instance.host().sentMessages) {
-		meters += message.size() > 8 && message[0] == 0x82 && message[1] == 0x66 && message[2] == 'm' && message[3] == 'e';
-	}
-	instance.host().sentMessages.clear();
-	return meters;
-}
+using Transients = BundleTest;
 
 } // namespace
 
-TEST(Transients, ParametersAndSavedState) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Transients, ParametersAndSavedState) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
-	struct Expected {
-		std::initializer_list<const char *> path;
-		const char *name, *defaultText;
-	};
-	const Expected expected[] = {
-		{{"engineConfig", "latencyMs"}, "latency", "10ms"},
-		{{"engineConfig", "overlap"}, "overlap", "4"},
-		{{"engineConfig", "resolution"}, "resolution", "20"},
-		{{"engineConfig", "iterationsLog2"}, "iterations", "4"},
-		{{"engineConfig", "directCopy"}, "direct", "on"},
+	expectParams(*runner.instance, {
 		{{"envelopeConfig", "smoothing"}, "smoothing", "0.25"}, // the wrapper's own default, not the group's 1
 		{{"envelopeConfig", "periodMs"}, "period", "20ms"},
 		{{"gains", "attack"}, "attack", "1"},
 		{{"gains", "body"}, "body", "1"},
 		{{"gains", "sustain"}, "sustain", "1"},
-	};
-	ASSERT_EQ(runner.instance->paramCount(), std::size(expected));
-	for (std::uint32_t i = 0; i < std::size(expected); ++i) {
-		SCOPED_TRACE(expected[i].name);
-		clap_param_info info{};
-		ASSERT_TRUE(runner.instance->paramInfo(i, info));
-		EXPECT_EQ(info.id, paramId(expected[i].path));
-		EXPECT_STREQ(info.name, expected[i].name);
-		EXPECT_EQ(runner.instance->paramText(info.id, info.default_value), expected[i].defaultText);
-	}
+	});
 	// The gains run from 0 to 4 with 1 at mid travel.
 	const clap_id attack = paramId({"gains", "attack"});
 	EXPECT_EQ(runner.instance->paramText(attack, 0.0), "0");
@@ -154,23 +101,15 @@ TEST(Transients, ParametersAndSavedState) {
 	EXPECT_EQ(runner.instance->paramText(attack, 1.0), "4");
 
 	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(runner.instance->saveState(saved));
-	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())),
-		"{_ \"name\": \"Lumbrel3: Transients\", \"desc\": \"\", \"version\": 0, "
-		"\"engineConfig\": {_ \"name\": \"Engine\", \"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, "
-		"\"overlap\": {_ \"value\": 4.0}, \"resolution\": {_ \"value\": 20.0}, \"iterationsLog2\": {_ \"value\": 2}, "
-		"\"directCopy\": {_ \"value\": 1}}, "
+	expectSavedState(*runner.instance, "Lumbrel3: Transients",
 		"\"envelopeConfig\": {_ \"name\": \"Envelope\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 0.25}, "
 		"\"periodMs\": {_ \"value\": 20.0}}, "
 		"\"gains\": {_ \"name\": \"Gains\", \"desc\": \"\", \"version\": 0, \"attack\": {_ \"value\": 1.0}, "
-		"\"body\": {_ \"value\": 1.0}, \"sustain\": {_ \"value\": 1.0}}}");
+		"\"body\": {_ \"value\": 1.0}, \"sustain\": {_ \"value\": 1.0}}");
 }
 
-TEST(Transients, UnitGainsPassTheSound) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId);
+TEST_F(Transients, UnitGainsPassTheSound) {
+	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	const auto in = hits(4, 0.5);
 	const auto out = runner.run({in, in});
@@ -178,22 +117,20 @@ TEST(Transients, UnitGainsPassTheSound) {
 	const double residual = residualDb(out[0], in, latency, std::size_t(0.1 * rate), in.size() - latency);
 	std::printf("transients at unit gains: residual %.1f dB\n", residual);
 	EXPECT_LT(residual, -20);
-	const auto levels = measureHits(*b, 1, 1, 1);
+	const auto levels = measureHits(*bundle, 1, 1, 1);
 	std::printf("transients at unit gains: attack %+.2f dB, sustain %+.2f dB\n", levels.attackDb, levels.sustainDb);
 	EXPECT_NEAR(levels.attackDb, 0, 1);
 	EXPECT_NEAR(levels.sustainDb, 0, 1);
 }
 
-TEST(Transients, GainsMoveAttackAgainstSustain) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
+TEST_F(Transients, GainsMoveAttackAgainstSustain) {
 	struct Case {
 		double attack, body, sustain;
 	};
 	const Case cases[] = {{4, 1, 1}, {2, 1, 1}, {0, 1, 1}, {1, 1, 0.25}, {1, 1, 4}, {1, 4, 1}, {1, 0, 1}, {0, 0, 0}};
 	std::vector<HitLevels> levels;
 	for (const auto &c : cases) {
-		const auto l = measureHits(*b, c.attack, c.body, c.sustain);
+		const auto l = measureHits(*bundle, c.attack, c.body, c.sustain);
 		levels.push_back(l);
 		std::printf("attack %.2f body %.2f sustain %.2f: attack %+.1f dB, body %+.1f dB, sustain %+.1f dB, "
 					"attack/sustain %+.1f dB\n",
@@ -232,60 +169,30 @@ TEST(Transients, GainsMoveAttackAgainstSustain) {
 // Random automation of every own parameter, with positions far outside 0..1
 // (and the gain curve's pole at 1.5), stays finite, with spectra going to the
 // page or not, and allocates nothing.
-TEST(Transients, RandomAutomationStaysFiniteAndAllocatesNothing) {
-	auto b = bundle();
-	ASSERT_TRUE(b);
-	PluginRunner runner(*b, pluginId, rate, 1024);
+TEST_F(Transients, RandomAutomationStaysFiniteAndAllocatesNothing) {
+	PluginRunner runner(*bundle, pluginId, rate, 1024);
 	ASSERT_TRUE(runner.ok);
 	const clap_id ids[] = {paramId({"envelopeConfig", "smoothing"}), paramId({"envelopeConfig", "periodMs"}),
 		paramId({"gains", "attack"}), paramId({"gains", "body"}), paramId({"gains", "sustain"})};
-	std::mt19937 random(3);
+	RandomBlocks blocks(runner, 3, hits(2, 0.5));
+	auto &random = blocks.random;
 	std::uniform_real_distribution<double> position(-2.0, 3.0);
-	std::normal_distribution<float> noise(0.0f, 0.2f);
-	const auto in = hits(2, 0.5);
-	std::vector<float> left(1024), right(1024), outLeft(1024), outRight(1024);
-	float *inputs[2] = {left.data(), right.data()};
-	float *outputs[2] = {outLeft.data(), outRight.data()};
-	std::size_t cursor = 0, bad = 0, meters = 0;
-	double peak = 0;
-	auto run = [&](int blocks, bool page) {
-		for (int block = 0; block < blocks; ++block) {
-			const std::uint32_t frames = 1 + random() % 1024;
-			for (std::uint32_t i = 0; i < frames; ++i, ++cursor) {
-				left[i] = in[cursor % in.size()];
-				right[i] = noise(random);
-			}
-			runner.events.clear();
-			for (int e = 0; e < 3; ++e) {
-				const double p = random() % 8 == 0 ? 1.5 : position(random);
-				runner.events.paramValue(random() % frames, ids[random() % std::size(ids)], p);
-			}
-			runner.out.clear();
-			runner.instance->process(inputs, 2, outputs, 2, frames, runner.events, runner.out);
-			for (std::uint32_t i = 0; i < frames; ++i) {
-				for (float x : {outLeft[i], outRight[i]}) {
-					if (std::isfinite(x)) {
-						peak = std::max(peak, double(std::fabs(x)));
-					} else {
-						++bad;
-					}
-				}
-			}
-			if (page && block % 8 == 0) meters += drainMeters(*runner.instance);
+	auto events = [&](std::uint32_t frames) {
+		for (int e = 0; e < 3; ++e) {
+			const double p = random() % 8 == 0 ? 1.5 : position(random);
+			runner.events.paramValue(random() % frames, ids[random() % std::size(ids)], p);
 		}
 	};
 	// With the page open, spectra go out as well; the page's messages are
 	// the main thread's and may allocate, so this part isn't counted.
-	requestMeters(*runner.instance);
-	run(300, true);
-	meters += drainMeters(*runner.instance);
+	const std::size_t meters = blocks.playWithPage(300, events);
 	EXPECT_GT(meters, 0u);
 	AllocationScope scope;
-	run(1000, false);
+	blocks.play(1000, events);
 	const std::size_t allocations = scope.count();
-	std::printf("random automation: %zu non-finite samples, peak %.2f, %zu spectra sent\n", bad, peak, meters);
-	EXPECT_EQ(bad, 0u);
-	EXPECT_LT(peak, 40.0) << "no gain above 4 reaches the audio";
+	std::printf("random automation: %zu non-finite samples, peak %.2f, %zu spectra sent\n", blocks.bad, blocks.peak, meters);
+	EXPECT_EQ(blocks.bad, 0u);
+	EXPECT_LT(blocks.peak, 40.0) << "no gain above 4 reaches the audio";
 	if (allocationCountingAvailable()) {
 		EXPECT_EQ(allocations, 0u);
 	}
