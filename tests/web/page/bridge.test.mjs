@@ -10,18 +10,16 @@
 // screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
 import { test, describe, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { mkdirSync, readFileSync } from 'node:fs';
 import { request } from 'node:http';
 import { createRequire } from 'node:module';
-import { tmpdir } from 'node:os';
 import { join, resolve } from 'node:path';
-import { chromium } from 'playwright-core';
+import { launchChromium } from './headless-chromium.mjs';
 import WebSocket from 'ws';
 import { startEditorBridge, findBuild, listPlugins, decode, repoDir } from '../../../tools/bridge/editor-bridge.mjs';
 
 const CBOR = createRequire(import.meta.url)(join(repoDir, 'src', 'web', 'page', 'cbor.min.js'));
 const shots = join(resolve(process.env.LUMBREL_WEB_OUT || join(repoDir, 'build-page', 'screenshots')), 'bridge');
-const executablePath = process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium';
 const TIMEOUT = 60000;
 
 const build = findBuild();
@@ -96,25 +94,15 @@ const plotInk = (page) => page.$$eval('.plot canvas', (canvases) => canvases.map
 }));
 
 let context;
-let profile;
 
 before(async () => {
   if (noBuild) return;
   mkdirSync(shots, { recursive: true });
-  profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
-  context = await chromium.launchPersistentContext(profile, {
-    executablePath,
-    headless: true,
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    viewport: { width: 500, height: 300 },
-    deviceScaleFactor: 1,
-  });
+  context = await launchChromium({ width: 500, height: 300 });
 });
 
 after(async () => {
-  await context?.close();
-  if (profile) rmSync(profile, { recursive: true, force: true });
+  await context?.closeAndClean();
 });
 
 // ------------------------------------------- the bridge without a browser

@@ -6,40 +6,28 @@
 // LUMBREL_WEB_OUT the screenshot folder (default build-page/screenshots).
 import { test, describe, before, after, beforeEach, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
-import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
+import { mkdirSync } from 'node:fs';
 import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { chromium } from 'playwright-core';
+import { launchChromium } from './headless-chromium.mjs';
 import { startFakeEffect, listParams, formatNumber } from './fake-effect.mjs';
 
 const here = dirname(fileURLToPath(import.meta.url));
 const shots = resolve(process.env.LUMBREL_WEB_OUT || join(here, '..', '..', '..', 'build-page', 'screenshots'));
-const executablePath = process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium';
 const TIMEOUT = 30000;
 
 let context;
-let profile;
 let fake;
 let page;
 let pageErrors;
 
 before(async () => {
   mkdirSync(shots, { recursive: true });
-  profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
-  context = await chromium.launchPersistentContext(profile, {
-    executablePath,
-    headless: true,
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    viewport: { width: 800, height: 600 },
-    deviceScaleFactor: 1,
-  });
+  context = await launchChromium({ width: 800, height: 600 });
 });
 
 after(async () => {
-  await context?.close();
-  if (profile) rmSync(profile, { recursive: true, force: true });
+  await context?.closeAndClean();
 });
 
 /** Opens the page of a new fake effect, and waits until it has drawn the effect's state. */
