@@ -14,7 +14,7 @@ import { mkdirSync, readFileSync } from 'node:fs';
 import { request } from 'node:http';
 import { createRequire } from 'node:module';
 import { join, resolve } from 'node:path';
-import { launchChromium } from './headless-chromium.mjs';
+import { assertCompactColumns, launchChromium } from './headless-chromium.mjs';
 import WebSocket from 'ws';
 import { startEditorBridge, findBuild, listPlugins, decode, repoDir } from '../../../tools/bridge/editor-bridge.mjs';
 
@@ -424,18 +424,7 @@ for (const { id, name } of plugins) {
     test('?compact&columns sets both classes and their styles', async () => {
       await page.setViewportSize({ width: 500, height: 300 });
       await open('&compact&columns');
-      const style = await page.evaluate(() => ({
-        classes: Array.from(document.documentElement.classList),
-        rootFont: getComputedStyle(document.documentElement).fontSize,
-        body: getComputedStyle(document.body).flexDirection,
-        params: getComputedStyle(document.getElementById('params')).flexDirection,
-        header: getComputedStyle(document.getElementById('header')).display,
-      }));
-      assert.ok(style.classes.includes('compact') && style.classes.includes('columns'), style.classes.join(' '));
-      assert.equal(style.rootFont, '12px'); // 9pt
-      assert.equal(style.body, 'row');
-      assert.equal(style.params, 'column');
-      assert.equal(style.header, 'none');
+      await assertCompactColumns(page);
       assert.equal((await drawnControls(page)).length, params.length);
       await page.waitForSelector('.plot canvas.plot-data');
       await sleep(400);

@@ -9,7 +9,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync } from 'node:fs';
 import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { launchChromium } from './headless-chromium.mjs';
+import { assertCompactColumns, launchChromium } from './headless-chromium.mjs';
 import { startFakeEffect, listParams, formatNumber } from './fake-effect.mjs';
 
 const here = dirname(fileURLToPath(import.meta.url));
@@ -273,18 +273,7 @@ describe('the page against a fake Pitch Shifter', { timeout: TIMEOUT * 10 }, () 
 
   test('?compact&columns sets both classes and their styles', { timeout: TIMEOUT }, async () => {
     await open({ query: '&compact&columns', size: { width: 500, height: 300 } });
-    const style = await page.evaluate(() => ({
-      classes: Array.from(document.documentElement.classList),
-      rootFont: getComputedStyle(document.documentElement).fontSize,
-      body: getComputedStyle(document.body).flexDirection,
-      params: getComputedStyle(document.getElementById('params')).flexDirection,
-      header: getComputedStyle(document.getElementById('header')).display,
-    }));
-    assert.ok(style.classes.includes('compact') && style.classes.includes('columns'), style.classes.join(' '));
-    assert.equal(style.rootFont, '12px'); // 9pt
-    assert.equal(style.body, 'row');
-    assert.equal(style.params, 'column');
-    assert.equal(style.header, 'none');
+    await assertCompactColumns(page);
     await page.waitForTimeout(300);
     await page.screenshot({ path: join(shots, 'pitch-shifter-compact-columns-500x300.png') });
   });

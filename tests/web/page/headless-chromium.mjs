@@ -1,5 +1,7 @@
-// Debian's Chromium, headless, in a throw-away profile, for the page tests.
-// LUMBREL_CHROMIUM overrides the browser (default /usr/bin/chromium).
+// What the page tests share in a browser: Debian's Chromium, headless, in a
+// throw-away profile (LUMBREL_CHROMIUM overrides /usr/bin/chromium), and the
+// checks that hold for any effect's page.
+import assert from 'node:assert/strict';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -21,4 +23,20 @@ export async function launchChromium(viewport) {
     rmSync(profile, { recursive: true, force: true });
   };
   return context;
+}
+
+/** A page opened with `?compact&columns`: both classes, the small font, controls in a column, no header. */
+export async function assertCompactColumns(page) {
+  const style = await page.evaluate(() => ({
+    classes: Array.from(document.documentElement.classList),
+    rootFont: getComputedStyle(document.documentElement).fontSize,
+    body: getComputedStyle(document.body).flexDirection,
+    params: getComputedStyle(document.getElementById('params')).flexDirection,
+    header: getComputedStyle(document.getElementById('header')).display,
+  }));
+  assert.ok(style.classes.includes('compact') && style.classes.includes('columns'), style.classes.join(' '));
+  assert.equal(style.rootFont, '12px'); // 9pt
+  assert.equal(style.body, 'row');
+  assert.equal(style.params, 'column');
+  assert.equal(style.header, 'none');
 }
