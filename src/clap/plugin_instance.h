@@ -2,6 +2,7 @@
 #include "clap/crc32.h"
 #include "clap/plugins.h"
 #include "frame/has_state.h"
+#include "storage/saved_state_name.h"
 #include "web/quorl_html.h"
 #include "web/web_ui_library_effect.h"
 #include "webview/clap_webview_gui.h"
@@ -10,12 +11,14 @@
 #include <clap/clap.h>
 #include <clap/ext/draft/webview.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -70,9 +73,9 @@ struct Plugin {
 			  valueSent(other.valueSent.load()), gestureBeginSent(other.gestureBeginSent.load()),
 			  gestureEndSent(other.gestureEndSent.load()) {}
 
+		// The module, the path of group names, is set by the scan.
 		void setClapInfo() {
 			info.cookie = this;
-			std::memset(info.module, 0, sizeof(info.module));
 			if (rangeParam) {
 				info.flags = CLAP_PARAM_IS_AUTOMATABLE;
 				std::snprintf(info.name, sizeof(info.name), "%s", rangeInfo.name.c_str());
@@ -98,17 +101,27 @@ struct Plugin {
 
 	// Walks state() to make the host-visible list. Ids are the CRC-32 of the
 	// keys on the path, so they depend on keys alone, never on the order.
+	// Hosts list a parameter under its module: the display names of the
+	// groups above it ("Engine", "Output gains/..."), so that two parameters
+	// of one name in different groups stay apart.
 	struct ParamScanner {
 		std::vector<Param> &params;
 		Crc32 crc;
+		std::string &rootName; // the root's display name, as saved states carry it
+		std::string module;
+		int depth = 0;
 
 		template<class V>
 		void operator()(const char *key, V &group) {
 			if constexpr (detail::HasState<V, ParamScanner>::value) {
 				const Crc32 outer = crc;
+				const std::size_t outerModule = module.size();
 				crc.addString(key, true);
+				++depth;
 				group.state(*this);
+				--depth;
 				crc = outer;
+				module.resize(outerModule);
 			}
 		}
 		RangeParamInfo &range(const char *key, ParamRange &param) {
@@ -120,7 +133,17 @@ struct Plugin {
 			return p.steppedInfo;
 		}
 		template<class V>
-		void extra(const char *, V &&) {}
+		void extra(const char *key, V &&value) {
+			if constexpr (std::is_convertible_v<V, std::string_view>) {
+				if (std::strcmp(key, "name") != 0) return;
+				if (depth == 0) {
+					rootName = std::string_view(value);
+				} else {
+					if (!module.empty()) module += '/';
+					module += std::string_view(value);
+				}
+			}
+		}
 
 	private:
 		template<class P>
@@ -128,13 +151,16 @@ struct Plugin {
 			Crc32 leaf = crc;
 			leaf.addString(key, true);
 			params.emplace_back(param);
-			params.back().info.id = ~leaf.value;
+			Param &added = params.back();
+			added.info.id = ~leaf.value;
+			std::snprintf(added.info.module, sizeof(added.info.module), "%s", module.c_str());
 			param->context = params.size() - 1;
-			return params.back();
+			return added;
 		}
 	};
 
 	std::vector<Param> params;
+	std::string stateName; // the "name" that this effect's saved states carry
 	std::vector<unsigned char> stateBuffer; // reused by state save and load
 	webview_gui::ClapWebviewGui webviewGui; // the editor: last, so it goes first
 
@@ -142,7 +168,7 @@ struct Plugin {
 
 	void scanParams() {
 		params.clear();
-		ParamScanner scanner{params, Crc32{}};
+		ParamScanner scanner{params, Crc32{}, stateName, {}, 0};
 		effect.state(scanner);
 		for (auto &param : params) param.setClapInfo();
 
@@ -375,17 +401,11 @@ struct Plugin {
 		}
 	}
 
-	// Applies one host event. Core events other than parameter values are
-	// printed, since nothing here expects them. Values are not clamped, and a
-	// value from the host is not echoed back to it.
+	// Applies one host event. Other events (transport, modulation, gestures)
+	// are passed over in silence: this runs on the audio thread. Values are not
+	// clamped, and a value from the host is not echoed back to it.
 	void processEvent(const clap_event_header *header) {
-		if (header->space_id != CLAP_CORE_EVENT_SPACE_ID) return;
-		if (header->type != CLAP_EVENT_PARAM_VALUE) {
-			std::printf("header->size = %u\nheader->time = %u\nheader->space_id = %u\nheader->type = %u\nheader->flags = %u\n",
-				unsigned(header->size), unsigned(header->time), unsigned(header->space_id), unsigned(header->type),
-				unsigned(header->flags));
-			return;
-		}
+		if (header->space_id != CLAP_CORE_EVENT_SPACE_ID || header->type != CLAP_EVENT_PARAM_VALUE) return;
 		const auto *event = reinterpret_cast<const clap_event_param_value *>(header);
 		Param *param = static_cast<Param *>(event->cookie);
 		if (param) {
@@ -472,20 +492,31 @@ struct Plugin {
 		return true;
 	}
 
-	// Not clamped. Text that can't be read gives the default; a number too
-	// large for its type is refused rather than thrown through the host.
+	// What a user types: a number, alone or with one of the parameter's units,
+	// or a stepped parameter's label; anything else is refused and leaves
+	// `value` as it was. The result lies within the info's range.
 	static bool params_text_to_value(const clap_plugin *plugin, clap_id id, const char *text, double *value) {
 		Param *param = self(plugin)->findParam(id);
-		if (!param || !text) return false;
-		try {
-			if (param->steppedParam) {
-				*value = double(param->steppedInfo.fromString(text));
+		if (!param || !text || !value) return false;
+		double result = 0;
+		if (param->steppedParam) {
+			int stepped = 0;
+			if (!param->steppedInfo.readText(text, stepped)) return false;
+			result = stepped;
+		} else {
+			double typed = 0;
+			const RangeParamInfo &range = param->rangeInfo;
+			if (!range.readText(text, typed)) return false;
+			// Clamped as a value: beyond its ends the position map may fold back.
+			const double lowest = std::min(range.low, range.high), highest = std::max(range.low, range.high);
+			if (typed <= lowest || typed >= highest) {
+				result = (typed <= lowest) == (range.low <= range.high) ? param->info.min_value : param->info.max_value;
 			} else {
-				*value = param->rangeInfo.toPosition(param->rangeInfo.fromString(text));
+				result = range.toPosition(typed);
+				if (!std::isfinite(result)) return false;
 			}
-		} catch (...) {
-			return false;
 		}
+		*value = std::clamp(result, param->info.min_value, param->info.max_value);
 		return true;
 	}
 
@@ -559,13 +590,17 @@ struct Plugin {
 		return written == p->stateBuffer.size();
 	}
 
-	// [main-thread] True whenever the stream could be read: what the bytes
-	// hold is read as far as it makes sense, and the rest keeps its values.
+	// [main-thread] False, changing nothing, for bytes that are no saved state
+	// of this plug-in: empty, not a map, or another plug-in's (by its "name").
+	// Otherwise what the bytes hold is read as far as it makes sense, the rest
+	// keeps its values, and the host is asked to read the values again.
 	static bool state_load(const clap_plugin *plugin, const clap_istream *stream) {
 		auto *p = self(plugin);
 		if (!fillFromStream(stream, p->stateBuffer)) return false;
+		if (!::quorl::storage::isSavedStateOf(p->stateBuffer, p->stateName)) return false;
 		p->effect.loadState(p->stateBuffer);
 		p->sendWebMessages();
+		if (p->hostParams) p->hostParams->rescan(p->host, CLAP_PARAM_RESCAN_VALUES);
 		return true;
 	}
 

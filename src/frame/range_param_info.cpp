@@ -1,4 +1,5 @@
 #include "frame/range_param_info.h"
+#include "frame/typed_text.h"
 
 #include <cmath>
 #include <cstddef>
@@ -175,6 +176,32 @@ double RangeParamInfo::fromString(const std::string &text) const {
 		}
 	}
 	return value;
+}
+
+bool RangeParamInfo::readText(const std::string &text, double &value) const {
+	const std::string_view typed = typed_text::trimmed(text);
+	if (typed.empty()) return false;
+	for (auto &exact : exactValues) {
+		if (typed_text::equalsIgnoringCase(typed, exact.second)) {
+			value = exact.first;
+			return true;
+		}
+	}
+	double number = 0;
+	const std::size_t used = typed_text::leadingNumber(typed, number);
+	if (used == 0) return false;
+	const std::string_view unitText = typed_text::trimmed(typed.substr(used));
+	if (unitText.empty()) {
+		value = number;
+		return true;
+	}
+	for (auto &entry : units) {
+		if (!entry.suffix.empty() && typed_text::equalsIgnoringCase(unitText, entry.suffix)) {
+			value = entry.fromUnit(number);
+			return true;
+		}
+	}
+	return false;
 }
 
 } // namespace quorl

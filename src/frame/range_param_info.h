@@ -89,6 +89,12 @@ public:
 	// for numbers beyond a double (as std::stod does).
 	double fromString(const std::string &text) const;
 
+	// Reads what a user types into a host's field, strictly: the text of an
+	// exact value, or a number alone or followed by one of the units' suffixes
+	// (any case, with or without a blank between). "1,5" reads as 1.5. False,
+	// with `value` untouched, for anything else. Never clamps.
+	bool readText(const std::string &text, double &value) const;
+
 	// [any thread] Position (0 to 1) -> value, through `fromRange` if set.
 	double fromPosition(double position) const {
 		double value = (rangeA * position + rangeLow) / (rangeC * position + 1);

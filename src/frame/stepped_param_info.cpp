@@ -1,6 +1,8 @@
 #include "frame/stepped_param_info.h"
+#include "frame/typed_text.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 
 namespace quorl {
@@ -56,6 +58,26 @@ int SteppedParamInfo::fromString(const std::string &text) const {
 
 	const int value = std::stoi(text, nullptr, 10);
 	return std::clamp(value, std::min(low, high), std::max(low, high));
+}
+
+bool SteppedParamInfo::readText(const std::string &text, int &value) const {
+	const std::string_view typed = typed_text::trimmed(text);
+	if (typed.empty()) return false;
+	// Exact labels first: "C#/Db" and "c#/db" could both be labels.
+	auto found = values.find(std::string(typed));
+	if (found == values.end()) {
+		found = std::find_if(values.begin(), values.end(),
+			[&](const auto &entry) { return typed_text::equalsIgnoringCase(typed, entry.first); });
+	}
+	if (found != values.end()) {
+		value = found->second;
+		return true;
+	}
+	double number = 0;
+	if (typed_text::leadingNumber(typed, number) != typed.size()) return false;
+	if (number != std::floor(number) || std::fabs(number) > 2147483647.0) return false;
+	value = int(number);
+	return true;
 }
 
 } // namespace quorl

@@ -48,6 +48,11 @@ public:
 	// digits that are no label, and any other text, give `defaultValue`. Throws
 	// std::out_of_range for an integer beyond an int (as std::stoi does).
 	int fromString(const std::string &text) const;
+
+	// Reads what a user types into a host's field, strictly: a label (exactly,
+	// else in any case) or a whole number. False, with `value` untouched, for
+	// anything else. Never clamps.
+	bool readText(const std::string &text, int &value) const;
 };
 
 } // namespace quorl

@@ -75,6 +75,7 @@ public:
 	// to decide whether to wake the main thread.
 	std::atomic<std::size_t> readIndex{0};
 	std::atomic<bool> resendState{false};
+	std::atomic<bool> overflowed{false}; // the ring was full; the drain says so, once
 	// Set by the drain after a whole state: the page may have started afresh,
 	// so the next spectrum goes out whole (the effect's uiStateRestart()).
 	std::atomic<bool> uiStateRestartDue{false};
@@ -210,6 +211,7 @@ public:
 			read = (read + 1) % ringSize;
 			readIndex.store(read, std::memory_order_relaxed);
 			if (resendState.load()) {
+				if (overflowed.exchange(false)) std::fputs("Web message queue full - sending entire state instead\n", stderr);
 				for (auto &other : queue) {
 					if (&other != slot) other.ready = false;
 				}
@@ -239,7 +241,8 @@ private:
 		if (resendState.load()) return nullptr;
 		MessageSlot &slot = queue[writeIndex.fetch_add(1) % ringSize];
 		if (slot.ready.load()) {
-			std::fputs("Web message queue full - sending entire state instead\n", stderr);
+			// Said by the drain: a producer may be the audio thread.
+			overflowed = true;
 			resendState = true;
 			return nullptr;
 		}

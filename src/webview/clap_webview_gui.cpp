@@ -148,17 +148,31 @@ bool ClapWebviewGui::host_webview_send(const clap_host *host, const void *bytes,
 	return gui && gui->send(bytes, length);
 }
 
-bool ClapWebviewGui::gui_is_api_supported(const clap_plugin *plugin, const char *api, bool isFloating) {
+// Whether this plug-in can show that kind of editor, whichever host asks: a
+// scanner that offers no timers still learns that the plug-in has an editor.
+// What a host lacks to run it is gui_create's to refuse.
+bool ClapWebviewGui::gui_is_api_supported(const clap_plugin *, const char *api, bool isFloating) {
 	if (isFloating || isWebviewApi(api)) return isWebviewApi(api);
-	const WebviewGui::Platform platform = platformOf(api);
-	if (!WebviewGui::supports(platform)) return false;
-	if (!WebviewGui::needsPump(platform)) return true;
-	ClapWebviewGui *gui = lookup(plugin);
-	return gui && gui->hostTimerSupport;
+	return WebviewGui::supports(platformOf(api));
 }
 
-bool ClapWebviewGui::gui_get_preferred_api(const clap_plugin *, const char **api, bool *isFloating) {
-	if (api) *api = CLAP_WINDOW_API_WEBVIEW;
+// The page in the host's own web view where the host has one, else the
+// platform's window API.
+bool ClapWebviewGui::gui_get_preferred_api(const clap_plugin *plugin, const char **api, bool *isFloating) {
+	ClapWebviewGui *gui = lookup(plugin);
+	const char *preferred = nullptr;
+	if (gui && gui->hostWebview) {
+		preferred = CLAP_WINDOW_API_WEBVIEW;
+	} else {
+		for (const char *native : {CLAP_WINDOW_API_COCOA, CLAP_WINDOW_API_X11, CLAP_WINDOW_API_WIN32}) {
+			if (WebviewGui::supports(platformOf(native))) {
+				preferred = native;
+				break;
+			}
+		}
+	}
+	if (!preferred) return false;
+	if (api) *api = preferred;
 	if (isFloating) *isFloating = false;
 	return true;
 }

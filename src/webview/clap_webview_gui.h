@@ -18,9 +18,9 @@ namespace webview_gui {
 // and this class only says yes; for a native window API it makes a web view
 // of its own, puts it in the host's window and carries the messages.
 //
-// On X11 the web view's events run only when pumped, so "x11" is offered only
-// to a host with "clap.timer-support", and the editor's timer lives from
-// gui_create to gui_destroy.
+// On X11 the web view's events run only when pumped, so gui_create refuses
+// "x11" to a host without "clap.timer-support", and the editor's timer lives
+// from gui_create to gui_destroy.
 //
 // The gui_* functions are static and get only a clap_plugin (or clap_host)
 // pointer: they find their instance in `pointerMap`. Main thread, as CLAP says.

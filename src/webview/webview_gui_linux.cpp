@@ -8,7 +8,6 @@
 #include "webview/webview_gui.h"
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -123,9 +122,9 @@ struct WebviewGui::Impl {
 	}
 };
 
-bool WebviewGui::supports(Platform platform) {
-	return platform == x11 && (gtkApi || ::access(objectPath().c_str(), R_OK) == 0);
-}
+// The object must open: it and the GTK and WebKit libraries it needs are
+// there. Opening loads them into the host, as the editor would anyway.
+bool WebviewGui::supports(Platform platform) { return platform == x11 && openObject(); }
 
 bool WebviewGui::needsPump(Platform platform) { return platform == x11; }
 

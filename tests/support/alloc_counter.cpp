@@ -1,11 +1,15 @@
 #include "support/alloc_counter.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/uio.h>
 #include <time.h>
+#include <unistd.h>
 
 // glibc's own entry points, so the replacements below can forward to them.
 extern "C" void *__libc_malloc(std::size_t);
@@ -17,6 +21,7 @@ extern "C" void __libc_free(void *);
 namespace {
 thread_local std::size_t threadAllocations = 0;
 thread_local std::size_t threadLocks = 0;
+thread_local std::size_t threadWrites = 0;
 
 template<class Fn>
 Fn next(const char *name) {
@@ -28,6 +33,83 @@ namespace lumbrel_test {
 std::size_t allocationCount() { return threadAllocations; }
 bool allocationCountingAvailable() { return true; }
 std::size_t lockCount() { return threadLocks; }
+std::size_t writeCount() { return threadWrites; }
+}
+
+// Output is counted and passed on. The C library's own stdio calls its write
+// internally, so each output function is counted where a caller enters it.
+extern "C" {
+ssize_t write(int fd, const void *buffer, std::size_t size) {
+	static auto real = next<ssize_t (*)(int, const void *, std::size_t)>("write");
+	++threadWrites;
+	return real(fd, buffer, size);
+}
+ssize_t writev(int fd, const struct iovec *parts, int count) {
+	static auto real = next<ssize_t (*)(int, const struct iovec *, int)>("writev");
+	++threadWrites;
+	return real(fd, parts, count);
+}
+std::size_t fwrite(const void *buffer, std::size_t size, std::size_t count, FILE *file) {
+	static auto real = next<std::size_t (*)(const void *, std::size_t, std::size_t, FILE *)>("fwrite");
+	++threadWrites;
+	return real(buffer, size, count, file);
+}
+int fputs(const char *text, FILE *file) {
+	static auto real = next<int (*)(const char *, FILE *)>("fputs");
+	++threadWrites;
+	return real(text, file);
+}
+int puts(const char *text) {
+	static auto real = next<int (*)(const char *)>("puts");
+	++threadWrites;
+	return real(text);
+}
+int fputc(int c, FILE *file) {
+	static auto real = next<int (*)(int, FILE *)>("fputc");
+	++threadWrites;
+	return real(c, file);
+}
+int putchar(int c) {
+	static auto real = next<int (*)(int)>("putchar");
+	++threadWrites;
+	return real(c);
+}
+int vfprintf(FILE *file, const char *format, va_list args) {
+	static auto real = next<int (*)(FILE *, const char *, va_list)>("vfprintf");
+	++threadWrites;
+	return real(file, format, args);
+}
+int vprintf(const char *format, va_list args) { return vfprintf(stdout, format, args); }
+int fprintf(FILE *file, const char *format, ...) {
+	va_list args;
+	va_start(args, format);
+	const int result = vfprintf(file, format, args);
+	va_end(args);
+	return result;
+}
+// The fortified forms that _FORTIFY_SOURCE builds call instead.
+int __vfprintf_chk(FILE *file, int, const char *format, va_list args) { return vfprintf(file, format, args); }
+int __fprintf_chk(FILE *file, int, const char *format, ...) {
+	va_list args;
+	va_start(args, format);
+	const int result = vfprintf(file, format, args);
+	va_end(args);
+	return result;
+}
+int __printf_chk(int, const char *format, ...) {
+	va_list args;
+	va_start(args, format);
+	const int result = vfprintf(stdout, format, args);
+	va_end(args);
+	return result;
+}
+int printf(const char *format, ...) {
+	va_list args;
+	va_start(args, format);
+	const int result = vfprintf(stdout, format, args);
+	va_end(args);
+	return result;
+}
 }
 
 extern "C" {

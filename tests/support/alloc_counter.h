@@ -17,6 +17,11 @@ bool allocationCountingAvailable();
 // thread since the process started; 0 where allocations aren't counted.
 std::size_t lockCount();
 
+// Writes to a stream or a file descriptor (write, writev, and the stdio
+// output functions) made by this thread since the process started; 0 where
+// allocations aren't counted.
+std::size_t writeCount();
+
 // Counts the allocations made by this thread within its lifetime.
 class AllocationScope {
 public:

@@ -5,4 +5,5 @@ namespace lumbrel_test {
 std::size_t allocationCount() { return 0; }
 bool allocationCountingAvailable() { return false; }
 std::size_t lockCount() { return 0; }
+std::size_t writeCount() { return 0; }
 } // namespace lumbrel_test

@@ -1,0 +1,229 @@
+// What a CLAP host relies on, tried on all ten plug-ins the way a DAW calls
+// them: a state load asks the host to read the values again; every value's
+// text reads back to it; bad text and foreign states are refused; nothing on
+// the audio thread writes to a stream; parameters are listed under their group.
+#include "support/alloc_counter.h"
+#include "support/plugin_runner.h"
+
+#include <gtest/gtest.h>
+
+#include <clap/clap.h>
+
+#include <cctype>
+#include <cstdio>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+using namespace lumbrel::host;
+
+namespace {
+
+std::vector<clap_param_info> infos(const Instance &instance) {
+	std::vector<clap_param_info> list(instance.paramCount());
+	for (std::uint32_t i = 0; i < list.size(); ++i) EXPECT_TRUE(instance.paramInfo(i, list[i]));
+	return list;
+}
+
+// Moves every parameter away from its default, through the host's flush.
+void editEverything(Instance &instance) {
+	InputEvents events;
+	for (const auto &info : infos(instance)) {
+		const double span = info.max_value - info.min_value;
+		double value = info.min_value + (info.flags & CLAP_PARAM_IS_STEPPED ? std::round(span / 3) : span * 0.37);
+		if (value == info.default_value) value = info.max_value;
+		events.paramValue(0, info.id, value);
+	}
+	OutputEvents out;
+	instance.paramsFlush(events, out);
+}
+
+struct HostContract : ::testing::Test {
+	std::unique_ptr<Bundle> bundle = lumbrel_test::bundle();
+};
+
+} // namespace
+
+TEST_F(HostContract, StateLoadRescansOnceAndRefusesWhatIsNoStateOfThisPlugin) {
+	std::vector<std::vector<std::uint8_t>> states;
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const char *id = bundle->descriptor(p)->id;
+		SCOPED_TRACE(id);
+		Host host;
+		Instance edited(*bundle, id, host);
+		ASSERT_TRUE(edited.init());
+		editEverything(edited);
+		std::vector<std::uint8_t> saved;
+		ASSERT_TRUE(edited.saveState(saved));
+		states.push_back(saved);
+
+		Host recording;
+		Instance fresh(*bundle, id, recording);
+		ASSERT_TRUE(fresh.init());
+		ASSERT_TRUE(fresh.loadState(saved));
+		EXPECT_EQ(recording.rescanCalls.load(), 1) << "one rescan per load";
+		EXPECT_EQ(recording.lastRescanFlags.load(), std::uint32_t(CLAP_PARAM_RESCAN_VALUES));
+		std::vector<std::uint8_t> again;
+		ASSERT_TRUE(fresh.saveState(again));
+		EXPECT_EQ(again, saved);
+		for (const auto &info : infos(fresh)) {
+			double a = 0, b = 1;
+			ASSERT_TRUE(edited.paramValue(info.id, a) && fresh.paramValue(info.id, b));
+			EXPECT_EQ(a, b) << info.module << "/" << info.name;
+		}
+
+		// Bytes that are no saved state of this plug-in: false, nothing changes,
+		// no rescan. A map that reads in part still loads.
+		std::mt19937 random(p);
+		std::vector<std::uint8_t> noise(200);
+		for (auto &b : noise) b = std::uint8_t(random() & 0x7F); // never a map head
+		const std::vector<std::uint8_t> foreign = p > 0 ? states[p - 1] : std::vector<std::uint8_t>{};
+		for (const auto &bad : {std::vector<std::uint8_t>{}, std::vector<std::uint8_t>{0x01}, noise, foreign}) {
+			EXPECT_FALSE(fresh.loadState(bad)) << bad.size() << " bytes";
+		}
+		EXPECT_EQ(recording.rescanCalls.load(), 1);
+		ASSERT_TRUE(fresh.saveState(again));
+		EXPECT_EQ(again, saved) << "refused blobs change nothing";
+		EXPECT_TRUE(fresh.loadState(std::vector<std::uint8_t>(saved.begin(), saved.begin() + saved.size() / 2)));
+		EXPECT_EQ(recording.rescanCalls.load(), 2);
+	}
+}
+
+TEST_F(HostContract, EveryValuesTextReadsBackAndBadTextIsRefused) {
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const char *id = bundle->descriptor(p)->id;
+		SCOPED_TRACE(id);
+		Host host;
+		Instance instance(*bundle, id, host);
+		ASSERT_TRUE(instance.init());
+		std::set<std::string> listed;
+		for (const auto &info : infos(instance)) {
+			const std::string where = std::string(info.module) + "/" + info.name;
+			SCOPED_TRACE(where);
+			EXPECT_TRUE(listed.insert(where).second) << "module and name tell parameters apart";
+			const bool stepped = info.flags & CLAP_PARAM_IS_STEPPED;
+			std::vector<double> values{info.default_value};
+			for (int k = 0; k <= 16; ++k) values.push_back(info.min_value + (info.max_value - info.min_value) * k / 16.0);
+			for (double v : values) {
+				if (stepped) v = std::round(v);
+				const std::string text = instance.paramText(info.id, v);
+				double back = -1;
+				ASSERT_TRUE(instance.paramFromText(info.id, text, back)) << text;
+				if (stepped) EXPECT_EQ(back, v) << text;
+				EXPECT_EQ(instance.paramText(info.id, back), text);
+
+				// As users type it: any case, a blank before the unit or none.
+				std::string number = text, unit;
+				while (!number.empty() && !std::isdigit(static_cast<unsigned char>(number.back()))) {
+					unit.insert(unit.begin(), number.back());
+					number.pop_back();
+				}
+				if (number.empty()) continue; // a label
+				for (const std::string &typed : {number, number + " " + unit, " " + number + unit + " "}) {
+					double read = -1;
+					ASSERT_TRUE(instance.paramFromText(info.id, typed, read)) << '"' << typed << '"';
+					EXPECT_EQ(instance.paramText(info.id, read), text) << '"' << typed << '"';
+				}
+				std::string upper = text;
+				for (auto &c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
+				EXPECT_TRUE(instance.paramFromText(info.id, upper, back)) << upper;
+			}
+
+			// Nothing else reads, and a refusal leaves the value alone.
+			for (const char *bad : {"", "garbage", "1 furlong", "nan", "inf", "--3", "1 2"}) {
+				double untouched = 12345;
+				EXPECT_FALSE(instance.paramFromText(info.id, bad, untouched)) << '"' << bad << '"';
+				EXPECT_EQ(untouched, 12345);
+			}
+			// Results lie within the info's range.
+			for (const char *far : {"1e9", "-1e9"}) {
+				double read = 0;
+				ASSERT_TRUE(instance.paramFromText(info.id, far, read)) << far;
+				EXPECT_EQ(read, far[0] == '-' ? info.min_value : info.max_value) << far;
+			}
+		}
+	}
+}
+
+TEST_F(HostContract, GroupsAreModulesAndTheEditorIsOfferedToEveryHost) {
+	Host host;
+	Instance shifter(*bundle, "varkesh.lumbrel.pitch-shifter-layer1", host);
+	ASSERT_TRUE(shifter.init());
+	std::set<std::string> modules;
+	for (const auto &info : infos(shifter)) modules.insert(info.module);
+	EXPECT_EQ(modules, (std::set<std::string>{"", "Engine", "Spectral peaks", "Output gains", "Transpose", "Timbre"}));
+
+	// A scanner without timers (or a web view) still learns there is an
+	// editor; only creating one needs what runs it.
+	Host bare;
+	bare.offerTimers = bare.offerFds = bare.offerWebview = false;
+	Instance scanned(*bundle, "varkesh.lumbrel.swell", bare);
+	ASSERT_TRUE(scanned.init());
+	const auto *gui = scanned.extension<clap_plugin_gui>(CLAP_EXT_GUI);
+	ASSERT_NE(gui, nullptr);
+	const char *api = nullptr;
+	bool floating = true;
+	EXPECT_TRUE(gui->is_api_supported(scanned.clapPlugin(), CLAP_WINDOW_API_X11, false));
+	ASSERT_TRUE(gui->get_preferred_api(scanned.clapPlugin(), &api, &floating));
+	EXPECT_STREQ(api, CLAP_WINDOW_API_X11) << "no webview extension, so the platform's own";
+	EXPECT_FALSE(floating);
+	EXPECT_FALSE(gui->create(scanned.clapPlugin(), CLAP_WINDOW_API_X11, false)) << "nothing would run the page";
+	ASSERT_TRUE(gui->get_preferred_api(shifter.clapPlugin(), &api, &floating));
+	EXPECT_STREQ(api, CLAP_WINDOW_API_WEBVIEW) << "a host with a web view shows the page itself";
+}
+
+TEST_F(HostContract, TheAudioThreadWritesNothing) {
+	if (!lumbrel_test::allocationCountingAvailable()) GTEST_SKIP() << "no write counting in this build";
+	{
+		FILE *sink = std::tmpfile();
+		const std::size_t before = lumbrel_test::writeCount();
+		std::fputs("x", sink);
+		std::fclose(sink);
+		ASSERT_GT(lumbrel_test::writeCount(), before) << "the counter must see writes";
+	}
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const char *id = bundle->descriptor(p)->id;
+		SCOPED_TRACE(id);
+		lumbrel_test::PluginRunner runner(*bundle, id);
+		const auto list = infos(*runner.instance);
+		ASSERT_FALSE(list.empty());
+		const clap_param_info automated = list.back();
+		std::vector<float> left(256), right(256);
+		float *channels[2] = {left.data(), right.data()};
+
+		// Transport, modulation, gestures, an unknown core type and another
+		// space's event, and value updates that fill the page's ring with no
+		// page to drain it.
+		clap_event_transport transport{};
+		transport.header = {sizeof(transport), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_TRANSPORT, 0};
+		clap_event_param_mod mod{};
+		mod.header = {sizeof(mod), 10, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_PARAM_MOD, 0};
+		mod.param_id = automated.id;
+		mod.amount = 0.1;
+		clap_event_header unknown{sizeof(clap_event_header), 20, CLAP_CORE_EVENT_SPACE_ID, 200, 0};
+		clap_event_header otherSpace{sizeof(clap_event_header), 30, 7, CLAP_EVENT_PARAM_VALUE, 0};
+		runner.instance->onMainThread(); // the first whole state goes, so updates queue again
+		std::size_t writes = 0;
+		for (int block = 0; block < 100; ++block) {
+			runner.events.clear();
+			runner.events.add(transport.header);
+			runner.events.add(mod.header);
+			runner.events.paramGesture(40, automated.id, true);
+			runner.events.add(unknown);
+			runner.events.add(otherSpace);
+			runner.events.paramValue(50, automated.id, block % 2 ? automated.min_value : automated.max_value);
+			runner.events.paramGesture(60, automated.id, false);
+			runner.out.clear();
+			const std::size_t before = lumbrel_test::writeCount();
+			runner.instance->process(channels, 2, channels, 2, 256, runner.events, runner.out);
+			writes += lumbrel_test::writeCount() - before;
+		}
+		EXPECT_EQ(writes, 0u);
+		// The main thread's drain says once that the ring overflowed.
+		testing::internal::CaptureStderr();
+		runner.instance->onMainThread();
+		runner.instance->onMainThread();
+		EXPECT_EQ(testing::internal::GetCapturedStderr(), "Web message queue full - sending entire state instead\n");
+	}
+}
