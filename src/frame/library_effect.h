@@ -1,7 +1,7 @@
 #pragma once
-#include "frame/discard_param_info.h"
+#include "storage/discard_param_info.h"
 #include "frame/flush_denormals.h"
-#include "frame/has_state.h"
+#include "storage/has_state.h"
 #include "frame/library_config.h"
 #include "frame/library_param.h"
 
