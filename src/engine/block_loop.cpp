@@ -15,8 +15,8 @@ constexpr std::size_t scanRun = 64;
 
 // Whether any |x| is above the threshold. Scans in short runs, stopping at the
 // first run that has one. Within a run the comparisons are OR-ed together,
-// which the compiler vectorises (a running maximum it would not, for NaN's
-// sake); a NaN counts as quiet either way.
+// which the compiler vectorises; a running maximum it would not, since NaNs and
+// signed zeros make max order-dependent. A NaN counts as quiet.
 bool anyAbove(const float *x, std::size_t count) {
 	for (std::size_t start = 0; start < count; start += scanRun) {
 		std::size_t end = std::min(count, start + scanRun);
