@@ -1,7 +1,7 @@
 #pragma once
 #include "clap/crc32.h"
 #include "clap/plugins.h"
-#include "frame/has_state.h"
+#include "storage/has_state.h"
 #include "storage/saved_state_name.h"
 #include "web/quorl_html.h"
 #include "web/web_ui_library_effect.h"

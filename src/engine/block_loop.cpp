@@ -2,7 +2,7 @@
 // boundaries, with one step of analysis, callback and synthesis at each.
 #include "engine/engine_impl.h"
 
-#include "engine/flush_to_zero.h"
+#include "linear/flush_to_zero.h"
 
 #include <algorithm>
 #include <cmath>
@@ -13,17 +13,16 @@ namespace {
 constexpr float silenceThreshold = 1e-15f;
 constexpr std::size_t scanRun = 64;
 
-// Whether any |x| is above the threshold. Scans in short runs whose maximum the
-// compiler can vectorise, stopping at the first run that has one.
+// Whether any |x| is above the threshold. Scans in short runs, stopping at the
+// first run that has one. Within a run the comparisons are OR-ed together,
+// which the compiler vectorises; a running maximum it would not, since NaNs and
+// signed zeros make max order-dependent. A NaN counts as quiet.
 bool anyAbove(const float *x, std::size_t count) {
 	for (std::size_t start = 0; start < count; start += scanRun) {
 		std::size_t end = std::min(count, start + scanRun);
-		float peak = 0;
-		for (std::size_t i = start; i < end; ++i) {
-			float a = std::abs(x[i]);
-			peak = a > peak ? a : peak;
-		}
-		if (peak > silenceThreshold) return true;
+		int above = 0;
+		for (std::size_t i = start; i < end; ++i) above |= std::abs(x[i]) > silenceThreshold;
+		if (above) return true;
 	}
 	return false;
 }
@@ -48,7 +47,7 @@ bool EngineImpl<float>::isQuiet(const float *const *inputs, std::size_t length) 
 }
 
 void EngineImpl<float>::process(const float *const *inputs, float *const *outputs, std::size_t length) {
-	FlushToZeroScope flushToZero;
+	linear::FlushToZeroScope flushToZero;
 
 	bool quiet = channelsIn != 0 && isQuiet(inputs, length);
 	if (!quiet) {

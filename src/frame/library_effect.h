@@ -1,9 +1,9 @@
 #pragma once
-#include "frame/discard_param_info.h"
-#include "frame/flush_denormals.h"
-#include "frame/has_state.h"
 #include "frame/library_config.h"
 #include "frame/library_param.h"
+#include "linear/flush_to_zero.h"
+#include "storage/discard_param_info.h"
+#include "storage/has_state.h"
 
 #include <atomic>
 #include <cstddef>
@@ -103,7 +103,7 @@ public:
 	// [audio-thread] Processes `length` samples of every channel. Parameter
 	// values are read once here, so a change reaches the audio at the next call.
 	void process(const float *const *inputs, float *const *outputs, std::size_t length) {
-		FlushDenormals flushDenormals;
+		varkesh::linear::FlushToZeroScope flushToZero;
 
 		double nextFade = blockFade + length / (0.02 * config.sampleRate); // fades last 20 ms
 		if (blockFade == 0) {

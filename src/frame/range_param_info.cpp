@@ -36,7 +36,7 @@ double leadingNumber(const std::string &text) {
 RangeParamInfo::UnitEntry::UnitEntry(const std::string &suffixIn, int precision, Map fromUnit, Map toUnit,
 	double minValue, double maxValue)
 	: suffix(suffixIn), spaceBefore(false), keepZeros(minValue > maxValue), fromUnit(fromUnit), toUnit(toUnit),
-	  minValue(minValue), maxValue(maxValue), precision(precision), epsilon(0.4999 * std::pow(10.0, -precision)) {
+	  minValue(minValue), maxValue(maxValue), precision(precision) {
 	if (!suffix.empty() && suffix[0] == ' ') {
 		suffix.erase(0, 1);
 		spaceBefore = true;

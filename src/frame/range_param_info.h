@@ -24,7 +24,6 @@ public:
 	// One way of showing the value: a suffix and a number of decimals, meant
 	// for the values from `minValue` to `maxValue`.
 	struct UnitEntry {
-		std::string reserved; // always empty
 		std::string suffix; // without the leading blank of the declaration
 		bool spaceBefore; // the declared suffix began with a blank
 		bool keepZeros; // declared with minValue > maxValue: trailing zeros stay
@@ -32,7 +31,6 @@ public:
 		Map toUnit; // value -> displayed number
 		double minValue, maxValue;
 		int precision; // digits after the point
-		double epsilon; // 0.4999 * 10^-precision, half a step of the last digit
 
 		UnitEntry(const std::string &suffix, int precision, Map fromUnit, Map toUnit, double minValue,
 			double maxValue);

@@ -1,6 +1,6 @@
 #pragma once
-#include "frame/discard_param_info.h"
-#include "frame/has_state.h"
+#include "storage/discard_param_info.h"
+#include "storage/has_state.h"
 #include "storage/dirty_set.h"
 #include "storage/storage_cbor_writer.h"
 #include "storage/tagged_cbor_walker.h"

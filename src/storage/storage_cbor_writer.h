@@ -1,6 +1,6 @@
 #pragma once
-#include "frame/discard_param_info.h"
-#include "frame/has_state.h"
+#include "storage/discard_param_info.h"
+#include "storage/has_state.h"
 #include "storage/cbor_writer.h"
 #include "storage/dirty_set.h"
 
@@ -41,11 +41,14 @@ public:
 		: dirty(dirty), writer(bytes), writeUiState(writeUiState) {}
 
 	// Writes one map: the object's state(), and at the root its uiState() too
-	// if `writeUiState`. An object in `whole` is written in full.
+	// if `writeUiState`. An object in `whole` is written in full, unless the
+	// address in `whole` is that of its first member: an object and its first
+	// member share an address, and readers mark the innermost object that
+	// changed, so a group whose first parameter changed stays partial.
 	template<class Object>
 	void writeObject(Object &object) {
 		DirtySet *outer = dirty;
-		if (dirty && dirty->whole.count(&object)) dirty = nullptr;
+		if (dirty && dirty->whole.count(&object) && !markedMemberAt(object)) dirty = nullptr;
 		const bool root = depth++ == 0;
 		writer.openMap();
 		object.state(*this);
@@ -59,9 +62,13 @@ public:
 
 	template<class V>
 	void operator()(const char *key, V &value) {
+		using T = std::remove_cv_t<V>;
+		if (probe) {
+			if constexpr (!std::is_arithmetic_v<T>) probe->found |= static_cast<const void *>(&value) == probe->address;
+			return;
+		}
 		if (dirty && !dirty->includes(&value)) return;
 		writer.addText(key);
-		using T = std::remove_cv_t<V>;
 		if constexpr (std::is_same_v<T, bool>) {
 			writer.addBool(value);
 		} else if constexpr (std::is_same_v<T, int>) {
@@ -115,11 +122,28 @@ public:
 	}
 
 private:
+	// Looking for a member at `address` that a reader can mark (an object or
+	// an array; plain numbers are never marked): state() is walked with
+	// nothing written.
+	struct Probe {
+		const void *address;
+		bool found;
+	};
+	Probe *probe = nullptr;
 	int depth = 0;
 	quorl::DiscardParamInfo discard;
 
+	template<class Object>
+	bool markedMemberAt(Object &object) {
+		Probe here{&object, false};
+		probe = &here;
+		object.state(*this);
+		probe = nullptr;
+		return here.found;
+	}
+
 	void writeExtra(const char *key, const char *text, const void *address) {
-		if (dirty && !dirty->includes(address)) return;
+		if (probe || (dirty && !dirty->includes(address))) return;
 		writer.addText(key);
 		writer.addText(text);
 	}

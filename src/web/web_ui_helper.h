@@ -1,5 +1,5 @@
 #pragma once
-#include "frame/has_state.h"
+#include "storage/has_state.h"
 #include "frame/library_param.h"
 #include "frame/range_param_info.h"
 #include "frame/stepped_param_info.h"

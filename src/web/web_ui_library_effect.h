@@ -79,7 +79,6 @@ public:
 	// Set by the drain after a whole state: the page may have started afresh,
 	// so the next spectrum goes out whole (the effect's uiStateRestart()).
 	std::atomic<bool> uiStateRestartDue{false};
-	std::atomic<bool> stateSaved{true}; // set by a host save, cleared by any page message; nothing reads it
 	std::atomic<std::size_t> writeIndex{0};
 
 	WebUILibraryEffect() : queue(ringSize) {
@@ -173,7 +172,6 @@ public:
 		varkesh::storage::DirtySet dirty;
 		WebStateReader reader(walker, &dirty, true);
 		reader.readObject(*this);
-		stateSaved = false;
 		if (dirty.empty() || resendState.load()) return;
 		if (MessageSlot *slot = claimSlot()) {
 			cbor::CborWriter head(slot->bytes);
@@ -195,7 +193,6 @@ public:
 
 	// [main-thread] Writes the saved state.
 	void saveState(std::vector<unsigned char> &bytes) {
-		stateSaved = true;
 		bytes.clear();
 		quorl::storage::StateWriter writer(bytes);
 		writer.writeObject(*this);

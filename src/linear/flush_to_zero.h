@@ -1,6 +1,7 @@
 #pragma once
-// Flush-to-zero for the length of a scope: denormals in the recursive shelves
-// and the decaying band states would otherwise cost many times a normal number.
+// Flush-to-zero for the length of a scope: denormals in the recursive shelves,
+// the decaying band states and the effects' smoothing would otherwise cost many
+// times a normal number. The engine and the library effect both hold one.
 //
 // x86: sets FTZ and DAZ (0x8040 of MXCSR) and restores the word as found.
 // 64-bit Arm: sets FZ (bit 24 of FPCR) and leaves it set on exit.
@@ -10,7 +11,7 @@
 #include <xmmintrin.h>
 #endif
 
-namespace varkesh::lumbrel {
+namespace varkesh::linear {
 
 class FlushToZeroScope {
 public:
@@ -40,4 +41,4 @@ public:
 	FlushToZeroScope &operator=(const FlushToZeroScope &) = delete;
 };
 
-} // namespace varkesh::lumbrel
+} // namespace varkesh::linear

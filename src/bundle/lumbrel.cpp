@@ -7,7 +7,6 @@
 #include "effects/decay_scale.h"
 #include "effects/frequency_snap.h"
 #include "effects/octaver.h"
-#include "effects/pass_through.h"
 #include "effects/pitch_shifter.h"
 #include "effects/shepard_drop.h"
 #include "effects/swell.h"
@@ -25,7 +24,6 @@ clap_plugin_descriptor descriptor(const char *id, const char *name) {
 	return clap_plugin_descriptor{CLAP_VERSION, id, name, "Varkesh Audio", "", "", "", "1.0.0", "", nullptr};
 }
 
-// Until an effect lands, its descriptor stands on PassThroughQUORL.
 bool clap_init(const char *path) {
 	plugins.add<PitchShifterQUORL>(descriptor("varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
