@@ -37,8 +37,22 @@ std::string objectPath() {
 	return (slash == std::string::npos ? std::string("./") : bundle.substr(0, slash + 1)) + gtk::objectName;
 }
 
+// GTK 3 can't share a process with GTK 2 or GTK 4: their GObject types
+// collide, and GTK 3's first call then hangs the host's thread. A host built
+// on either gets no editor of ours (and shows its own parameter form).
+bool otherGtkLoaded() {
+	for (const char *other : {"libgtk-x11-2.0.so.0", "libgtk-4.so.1"}) {
+		if (void *handle = dlopen(other, RTLD_LAZY | RTLD_NOLOAD)) {
+			dlclose(handle);
+			return true;
+		}
+	}
+	return false;
+}
+
 const gtk::Api *openObject() {
 	if (gtkApi) return gtkApi;
+	if (otherGtkLoaded()) return nullptr;
 	// NODELETE: GTK and its threads must never be unmapped under the host.
 	void *handle = dlopen(objectPath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
 	if (!handle) return nullptr;
@@ -114,7 +128,13 @@ struct WebviewGui::Impl {
 	}
 
 	static WebviewGui *open(const std::string &url, ResourceFn resourceFn) {
-		if (!openObject() || !gtkApi->start()) return nullptr;
+		// A start that failed once isn't tried again: GTK may be left half set up.
+		static bool startFailed = false;
+		if (startFailed || !openObject()) return nullptr;
+		if (!gtkApi->start()) {
+			startFailed = true;
+			return nullptr;
+		}
 		auto impl = std::make_unique<Impl>(std::move(resourceFn));
 		impl->view = gtkApi->create(url.c_str(), injectedScript, scriptMessageName, schemeName, &impl->callbacks);
 		if (!impl->view) return nullptr;
