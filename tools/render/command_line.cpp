@@ -35,7 +35,8 @@ const char *const usageText =
 	"  -h, --help          this text;  --version  the version\n"
 	"\n"
 	"--list shows the plug-ins; --list --plugin NAME shows each parameter's key\n"
-	"path, name, range, default and current value.\n"
+	"path, name, range, default and current value; --list --markdown every\n"
+	"plug-in's parameters as a Markdown reference (docs/parameters.md).\n"
 	"\n"
 	"Exit status: 0 done; 1 a file, the bundle or the plug-in failed; 2 the\n"
 	"command line is wrong (option, plug-in, parameter or value).\n"
@@ -85,6 +86,8 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 			return true;
 		} else if (a == "--quiet" || a == "-q") {
 			out.quiet = true;
+		} else if (a == "--markdown") {
+			out.markdown = true;
 		} else if (a == "--force") {
 			out.force = true;
 		} else if (a == "--list") {
@@ -168,6 +171,10 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 
 	if (list && demo) {
 		error = "--list and --demo don't go together";
+		return false;
+	}
+	if (out.markdown && !list) {
+		error = "--markdown goes with --list";
 		return false;
 	}
 	if (list || demo) {

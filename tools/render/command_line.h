@@ -25,6 +25,7 @@ struct CommandLine {
 	std::string stateIn, stateOut;
 	std::uint32_t blockSize = 512;
 	bool compensate = true;
+	bool markdown = false; // --list --markdown: every plug-in's parameters as docs/parameters.md
 	bool quiet = false; // -q: errors and warnings only
 	bool force = false; // may write over the input
 	bool bitsGiven = false; // else the output keeps the input's sample format

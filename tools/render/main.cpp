@@ -10,6 +10,7 @@
 #include "render/offline_render.h"
 #include "render/param_settings.h"
 #include "render/param_table.h"
+#include "render/parameter_docs.h"
 #include "render/progress_bar.h"
 #include "render/state_file.h"
 
@@ -269,6 +270,10 @@ int list(const CommandLine &command) {
 	std::string error;
 	auto bundle = openBundle(command, error);
 	if (!bundle) return fail(error);
+	if (command.markdown) {
+		std::fputs(render::parameterReference(*bundle).c_str(), stdout);
+		return exitOk;
+	}
 	if (command.plugin.empty()) {
 		std::printf("%s\n", bundle->path().c_str());
 		std::vector<std::vector<std::string>> rows;
