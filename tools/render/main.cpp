@@ -324,6 +324,13 @@ int savePreset(const CommandLine &command) {
 // halfway would shift the rest of the output against the input.
 void checkLatencyAutomation(Plugin &plugin, const render::ResolvedSettings &resolved, const render::Audio &input,
 	std::uint32_t blockSize) {
+	// The probe leaves each parameter as it found it, so that the render
+	// starts from the same state as without it.
+	std::vector<std::pair<clap_id, double>> before;
+	for (const auto &lane : resolved.lanes) {
+		double value = 0;
+		if (plugin.instance->paramValue(lane.id, value)) before.emplace_back(lane.id, value);
+	}
 	for (const auto &lane : resolved.lanes) {
 		std::uint32_t low = UINT32_MAX, high = 0;
 		for (const auto &point : lane.points) {
@@ -341,7 +348,7 @@ void checkLatencyAutomation(Plugin &plugin, const render::ResolvedSettings &reso
 				+ " to " + std::to_string(high) + " samples), which would shift the output against the input; give it one value with --set"};
 		}
 	}
-	render::sendValues(*plugin.instance, resolved.values);
+	render::sendValues(*plugin.instance, before);
 }
 
 std::string decibels(double amplitude) {
