@@ -220,7 +220,9 @@ std::string spectrogramFigure(const std::string &file, bool stereo) {
 			const double y = top + L::panelHeight * (1 - std::log(hz / L::lowHz) / std::log(L::highHz / L::lowHz));
 			char style[64];
 			std::snprintf(style, sizeof style, "top:%.2f%%", 100 * y / height);
-			out += "<span class=\"hz\" style=\"" + std::string(style) + "\">" + label + "</span>";
+			// The labels at the ends sit inside their panel.
+			const char *end = hz == L::lowHz ? " low" : hz == L::highHz ? " high" : "";
+			out += "<span class=\"hz" + std::string(end) + "\" style=\"" + std::string(style) + "\">" + label + "</span>";
 		}
 		if (stereo) {
 			char style[64];
@@ -255,6 +257,7 @@ bool writePage(const std::string &folder, const std::vector<DemoResult> &results
 		 << ".frame img { display: block; width: 100%; image-rendering: auto; }\n"
 		 << ".hz, .side { position: absolute; font-size: 12px; line-height: 1; transform: translateY(-50%); }\n"
 		 << ".hz { right: 100%; padding-right: .4em; white-space: nowrap; color: #444; }\n"
+		 << ".hz.low { transform: translateY(-100%); }\n.hz.high { transform: none; }\n"
 		 << ".side { left: .4em; transform: none; color: #fff; font-weight: 600; }\n"
 		 << ".seconds { position: relative; height: 1.4em; font-size: 12px; color: #444; }\n"
 		 << ".seconds span { position: absolute; transform: translateX(-50%); white-space: nowrap; }\n"
