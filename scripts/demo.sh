@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # The main job: sets up, builds, installs Lumbrel.clap to ~/.clap (and
-# lumbrel-render to ~/.local/bin), then renders the built-in demo through each
+# lumbrel-render and lumbrel-editor to ~/.local/bin), then renders the built-in demo through each
 # of the ten effects into demo-out/: <effect>.wav and a spectrogram
 # <effect>.png per effect, input.wav/.png, and index.html to hear and see each
 # before/after pair in a browser.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
+# Node.js and ws, which lumbrel-editor (the editor in a browser) runs on.
+scripts/setup-web.sh --runtime
 scripts/build.sh
 build_dir=${LUMBREL_BUILD_DIR:-build}
 cmake --install "$build_dir"
@@ -27,3 +29,9 @@ else
 	echo "demo: no espeak-ng or sox; the demo's voice is synthesised"
 fi
 "$build_dir/tools/lumbrel-render" --demo "$out" "${voice[@]}" "$HOME/.clap/Lumbrel.clap"
+# The programs are installed in ~/.local/bin; say so when the shell will not find them.
+case ":$PATH:" in
+*":$HOME/.local/bin:"*) ;;
+*) echo "demo: lumbrel-render and lumbrel-editor are in ~/.local/bin, which is not on your PATH;" \
+	"add it (e.g. echo 'export PATH=\"\$HOME/.local/bin:\$PATH\"' >> ~/.bashrc) or run them as ~/.local/bin/lumbrel-render" ;;
+esac

@@ -7,13 +7,16 @@
 // so the page shown is the one embedded in the bundle, and carries messages
 // both ways over a WebSocket: the page's `?ws=PORT` transport.
 //
+//   lumbrel-editor swell                     installed: opens the editor in the browser
 //   node tools/bridge/editor-bridge.mjs [--plugin swell] [--port 8123] [--verbose]
-//   node tools/bridge/editor-bridge.mjs --list
 //   import { startEditorBridge } from '.../editor-bridge.mjs'   for tests
 //
-// The build is found in --build DIR, else $LUMBREL_BUILD_DIR, else build/.
+// Installed (lumbrel-editor), it sits beside lumbrel-editor-host, cbor.min.js
+// and its own node_modules, and uses the installed bundle. In the repository
+// the build is found in --build DIR, else $LUMBREL_BUILD_DIR, else build/.
 import { spawn, execFileSync } from 'node:child_process';
 import { existsSync } from 'node:fs';
+import { homedir } from 'node:os';
 import { createServer } from 'node:http';
 import { createRequire } from 'node:module';
 import { dirname, join, resolve } from 'node:path';
@@ -22,7 +25,14 @@ import { WebSocketServer } from 'ws';
 
 const here = dirname(fileURLToPath(import.meta.url));
 export const repoDir = resolve(here, '..', '..');
-const CBOR = createRequire(import.meta.url)(join(repoDir, 'src', 'web', 'page', 'cbor.min.js'));
+const installed = existsSync(join(here, 'lumbrel-editor-host'));
+const CBOR = createRequire(import.meta.url)(installed ? join(here, 'cbor.min.js') : join(repoDir, 'src', 'web', 'page', 'cbor.min.js'));
+
+/** The installed bundle, where lumbrel-render looks too. */
+function installedBundle() {
+  const candidates = [join(homedir(), '.clap', 'Lumbrel.clap'), '/usr/local/lib/clap/Lumbrel.clap', '/usr/lib/clap/Lumbrel.clap'];
+  return candidates.find((p) => existsSync(p)) || candidates[0];
+}
 
 /**
  * The programs of a build: `{ buildDir, hostProgram, bundle }`, from `buildDir`,
@@ -30,6 +40,11 @@ const CBOR = createRequire(import.meta.url)(join(repoDir, 'src', 'web', 'page', 
  * isn't there.
  */
 export function findBuild(buildDir) {
+  if (installed && !buildDir && !process.env.LUMBREL_BUILD_DIR) {
+    const found = { buildDir: null, hostProgram: join(here, 'lumbrel-editor-host'), bundle: installedBundle() };
+    found.missing = [found.hostProgram, found.bundle].filter((p) => !existsSync(p));
+    return found;
+  }
   const dir = resolve(repoDir, buildDir || process.env.LUMBREL_BUILD_DIR || 'build');
   const found = {
     buildDir: dir,
@@ -117,7 +132,9 @@ export async function startEditorBridge({
   hostProgram ||= build.hostProgram;
   bundle ||= build.bundle;
   for (const path of [hostProgram, bundle]) {
-    if (!existsSync(path)) throw new Error(`editor-bridge: ${path} not found; build first (scripts/build.sh)`);
+    if (!existsSync(path)) {
+      throw new Error(`editor-bridge: ${path} not found; ${installed ? 'install Lumbrel first (scripts/demo.sh)' : 'build first (scripts/build.sh)'}`);
+    }
   }
   const args = ['--bundle', bundle];
   if (plugin) args.push('--plugin', plugin);
@@ -308,25 +325,49 @@ export async function startEditorBridge({
 }
 
 function usage() {
-  return `usage: node tools/bridge/editor-bridge.mjs [--plugin ID] [--port N] [--build DIR] [--bundle PATH] [--verbose] [--keep-active]
-       node tools/bridge/editor-bridge.mjs --list
-Serves a live plug-in's editor on 127.0.0.1 and prints the address to open.
-  --plugin ID    id, name or the id's last part, e.g. swell (default: the bundle's first)
+  return `usage: lumbrel-editor [PLUGIN] [--no-open] [--port N] [--bundle PATH] [--verbose]
+       lumbrel-editor --list
+
+Shows a Lumbrel effect's editor in your web browser, with no plug-in host:
+the effect runs live on a test signal, and the page is the one a host shows.
+
+  lumbrel-editor swell          opens Swell's editor in the default browser
+  lumbrel-editor --list         the effects you can name
+
+It serves the page on 127.0.0.1 and keeps running until Ctrl-C.
+
+  PLUGIN, --plugin NAME  an id, a name or the id's last part, e.g. swell,
+                         octaver, frequency-snap (default: the first effect)
+  --no-open      print the page's address instead of opening a browser
+                 (the browser is $BROWSER, else xdg-open, or open on macOS)
   --port N       port to listen on (default: a free one)
-  --build DIR    the CMake build (default: $LUMBREL_BUILD_DIR, else build/)
-  --bundle PATH  another .clap file than the build's
+  --bundle PATH  another .clap file (default: ~/.clap/Lumbrel.clap, then
+                 /usr/local/lib/clap, /usr/lib/clap; in the repository, build/)
+  --build DIR    in the repository: the CMake build (default: build/)
   --verbose      log the page's messages
-  --keep-active  don't re-activate the plug-in for each page that connects (a
-                 reloaded page then gets no spectrum plot until a configuration)
-  --list         list the bundle's plug-ins`;
+  --keep-active  don't re-activate the effect for each page that connects
+  -h, --help     this text
+
+Exit status: 0 stopped by Ctrl-C or done; 1 the effect or the page server
+could not start, or the command line is wrong.`;
+}
+
+/** Opens `url` in the user's browser: $BROWSER, else the system's opener. */
+function openBrowser(url) {
+  const command = process.env.BROWSER || (process.platform === 'darwin' ? 'open' : 'xdg-open');
+  const child = spawn(command, [url], { stdio: 'ignore', detached: true });
+  child.on('error', () => console.error(`editor-bridge: cannot start ${command}; open ${url} yourself`));
+  child.unref();
 }
 
 async function main(argv) {
   const options = { port: 0 };
-  let list = false;
+  let list = false, open = true;
   for (let i = 0; i < argv.length; ++i) {
-    const arg = argv[i];
+    let arg = argv[i], attached;
+    if (arg.startsWith('--') && arg.includes('=')) [arg, attached] = [arg.slice(0, arg.indexOf('=')), arg.slice(arg.indexOf('=') + 1)];
     const value = () => {
+      if (attached !== undefined) return attached;
       if (i + 1 >= argv.length) throw new Error(`${arg} needs a value`);
       return argv[++i];
     };
@@ -339,12 +380,15 @@ async function main(argv) {
     else if (arg === '--bundle') options.bundle = resolve(value());
     else if (arg === '--verbose') options.verbose = true;
     else if (arg === '--keep-active') options.restartOnConnect = false;
+    else if (arg === '--no-open') open = false;
     else if (arg === '--list') list = true;
     else if (arg === '--help' || arg === '-h') {
       console.log(usage());
       return 0;
+    } else if (!arg.startsWith('-') && !options.plugin) {
+      options.plugin = arg;
     } else {
-      throw new Error(`unknown argument ${arg}\n${usage()}`);
+      throw new Error(`unknown argument ${arg} (see --help)`);
     }
   }
   if (list) {
@@ -353,7 +397,8 @@ async function main(argv) {
   }
   const bridge = await startEditorBridge(options);
   console.log(`${bridge.plugin.name} (${bridge.plugin.id}), ${bridge.plugin.sampleRate} Hz, blocks of ${bridge.plugin.blockSize}`);
-  console.log(`open ${bridge.url}   (Ctrl-C stops)`);
+  console.log(`${open ? 'opening' : 'open'} ${bridge.url}   (Ctrl-C stops)`);
+  if (open) openBrowser(bridge.url);
   const stop = async () => {
     await bridge.close();
     process.exit(0);

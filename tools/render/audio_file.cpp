@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@ namespace lumbrel::render {
 namespace {
 
 std::string lowerExtension(const std::string &path) {
+	if (path == "-") return "-";
 	const auto dot = path.rfind('.');
 	const auto slash = path.rfind('/');
 	if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
@@ -35,7 +37,7 @@ std::string soundFileError(SNDFILE *file) {
 }
 
 int majorFormat(const std::string &ext) {
-	if (ext == "wav") return SF_FORMAT_WAV;
+	if (ext == "wav" || ext == "-") return SF_FORMAT_WAV;
 	if (ext == "aif" || ext == "aiff") return SF_FORMAT_AIFF;
 	if (ext == "flac") return SF_FORMAT_FLAC;
 	if (ext == "ogg" || ext == "oga") return SF_FORMAT_OGG;
@@ -64,24 +66,129 @@ std::string temporaryBeside(const std::string &path) {
 	return folder + "." + name + ".partial-" + std::to_string(::getpid());
 }
 
+// A whole file in memory, for libsndfile's virtual I/O: standard input read
+// to its end, or standard output written at the end.
+struct MemoryFile {
+	std::vector<unsigned char> bytes;
+	sf_count_t at = 0;
+
+	static SF_VIRTUAL_IO io() {
+		SF_VIRTUAL_IO v{};
+		v.get_filelen = [](void *m) { return sf_count_t(self(m).bytes.size()); };
+		v.seek = [](sf_count_t offset, int whence, void *m) {
+			auto &f = self(m);
+			const sf_count_t base = whence == SEEK_SET ? 0 : whence == SEEK_CUR ? f.at : sf_count_t(f.bytes.size());
+			f.at = std::max<sf_count_t>(0, base + offset);
+			return f.at;
+		};
+		v.read = [](void *to, sf_count_t n, void *m) {
+			auto &f = self(m);
+			const sf_count_t size = sf_count_t(f.bytes.size());
+			n = std::max<sf_count_t>(0, std::min(n, size - f.at));
+			if (n) std::memcpy(to, f.bytes.data() + f.at, std::size_t(n));
+			f.at += n;
+			return n;
+		};
+		v.write = [](const void *from, sf_count_t n, void *m) {
+			auto &f = self(m);
+			if (std::size_t(f.at + n) > f.bytes.size()) f.bytes.resize(std::size_t(f.at + n));
+			std::memcpy(f.bytes.data() + f.at, from, std::size_t(n));
+			f.at += n;
+			return n;
+		};
+		v.tell = [](void *m) { return self(m).at; };
+		return v;
+	}
+	static MemoryFile &self(void *m) { return *static_cast<MemoryFile *>(m); }
+};
+
+// Whether libsndfile found the data chunk shorter than the header says. A
+// header that gives the largest size is a stream's, written before its length
+// was known, and is not a fault.
+bool truncatedData(SNDFILE *file) {
+	std::vector<char> log(16384);
+	sf_command(file, SFC_GET_LOG_INFO, log.data(), int(log.size()));
+	const std::string text(log.data());
+	for (const char *chunk : {"\ndata : ", "\nSSND : "}) {
+		const auto at = text.find(chunk);
+		if (at == std::string::npos) continue;
+		const auto line = text.substr(at + 1, text.find('\n', at + 1) - at - 1);
+		const auto should = line.find("(should be ");
+		if (should == std::string::npos) continue;
+		const double declared = std::atof(line.c_str() + line.find(':') + 1);
+		const double actual = std::atof(line.c_str() + should + 11);
+		if (actual < declared && declared < double(0x7FFFF000)) return true;
+	}
+	return false;
+}
+
 } // namespace
 
+SampleEncoding keptEncoding(int fileFormat) {
+	switch (fileFormat & SF_FORMAT_SUBMASK) {
+	case SF_FORMAT_PCM_S8:
+	case SF_FORMAT_PCM_U8:
+	case SF_FORMAT_PCM_16:
+		return SampleEncoding::Pcm16;
+	case SF_FORMAT_PCM_24:
+		return SampleEncoding::Pcm24;
+	default:
+		return SampleEncoding::Float32;
+	}
+}
+
+bool encodingApplies(const std::string &path, SampleEncoding encoding, std::string &error) {
+	const int major = majorFormat(lowerExtension(path));
+	if (major == SF_FORMAT_OGG) {
+		error = "--bits does not apply to " + path + ": OGG Vorbis has no sample width";
+		return false;
+	}
+	if (major == SF_FORMAT_FLAC && encoding == SampleEncoding::Float32) {
+		error = "FLAC holds 16 or 24 bits, not float: use --bits 16 or 24 for " + path;
+		return false;
+	}
+	return true;
+}
+
+bool clipsAtFullScale(const std::string &path, SampleEncoding encoding) {
+	const int major = majorFormat(lowerExtension(path));
+	return subFormat(major, encoding) != SF_FORMAT_FLOAT;
+}
+
 bool readAudio(const std::string &path, Audio &audio, std::string &error) {
+	SF_INFO info{};
+	SNDFILE *file = nullptr;
+	MemoryFile standardInput;
+	SF_VIRTUAL_IO io = MemoryFile::io();
 	struct stat status {};
-	if (::stat(path.c_str(), &status) != 0) {
+	if (path == "-") {
+		char buffer[65536];
+		for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, stdin)) > 0;) {
+			standardInput.bytes.insert(standardInput.bytes.end(), buffer, buffer + n);
+		}
+		file = sf_open_virtual(&io, SFM_READ, &info, &standardInput);
+		if (!file) {
+			error = "cannot read standard input: " + soundFileError(nullptr);
+			return false;
+		}
+	} else if (::stat(path.c_str(), &status) != 0) {
 		std::string why = std::strerror(errno);
 		why[0] = char(std::tolower(static_cast<unsigned char>(why[0])));
 		error = "cannot read " + path + ": " + why;
 		return false;
 	}
-	if (S_ISDIR(status.st_mode)) {
+	if (path != "-" && S_ISDIR(status.st_mode)) {
 		error = "cannot read " + path + ": it is a folder";
 		return false;
 	}
-	SF_INFO info{};
-	SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
+	if (!file) file = sf_open(path.c_str(), SFM_READ, &info);
 	if (!file) {
 		error = "cannot read " + path + ": " + soundFileError(nullptr);
+		return false;
+	}
+	if (truncatedData(file)) {
+		sf_close(file);
+		error = "cannot read " + path + ": it is truncated (shorter than its header says)";
 		return false;
 	}
 	if (info.channels < 1 || info.samplerate < 1 || info.frames < 0) {
@@ -99,6 +206,7 @@ bool readAudio(const std::string &path, Audio &audio, std::string &error) {
 		return false;
 	}
 	audio.sampleRate = info.samplerate;
+	audio.fileFormat = info.format;
 	audio.channels.assign(channels, std::vector<float>(std::size_t(read)));
 	for (std::size_t i = 0; i < std::size_t(read); ++i) {
 		for (std::size_t c = 0; c < channels; ++c) audio.channels[c][i] = interleaved[i * channels + c];
@@ -128,8 +236,12 @@ bool writeAudio(const std::string &path, const Audio &audio, std::string &error,
 		return false;
 	}
 
-	const std::string temporary = temporaryBeside(path);
-	SNDFILE *file = sf_open(temporary.c_str(), SFM_WRITE, &info);
+	const bool toStandardOutput = path == "-";
+	const std::string temporary = toStandardOutput ? "" : temporaryBeside(path);
+	MemoryFile memory;
+	SF_VIRTUAL_IO io = MemoryFile::io();
+	SNDFILE *file = toStandardOutput ? sf_open_virtual(&io, SFM_WRITE, &info, &memory)
+									 : sf_open(temporary.c_str(), SFM_WRITE, &info);
 	if (!file) {
 		error = "cannot write " + path + ": " + soundFileError(nullptr);
 		return false;
@@ -151,9 +263,17 @@ bool writeAudio(const std::string &path, const Audio &audio, std::string &error,
 	const std::string writeError = ok ? "" : soundFileError(file);
 	ok = sf_close(file) == 0 && ok;
 	if (!ok) {
-		std::remove(temporary.c_str());
+		if (!toStandardOutput) std::remove(temporary.c_str());
 		error = "cannot write " + path + ": " + (writeError.empty() ? "the disk may be full" : writeError);
 		return false;
+	}
+	if (toStandardOutput) {
+		if (std::fwrite(memory.bytes.data(), 1, memory.bytes.size(), stdout) != memory.bytes.size()
+			|| std::fflush(stdout) != 0) {
+			error = std::string("cannot write to standard output: ") + std::strerror(errno);
+			return false;
+		}
+		return true;
 	}
 	if (std::rename(temporary.c_str(), path.c_str()) != 0) {
 		const std::string why = std::strerror(errno);

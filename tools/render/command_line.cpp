@@ -6,31 +6,41 @@
 namespace lumbrel::render {
 
 const char *const usageText =
-	"usage: lumbrel-render --list [BUNDLE] [--plugin ID|NAME [--state-in FILE] [--set KEY=VALUE]...]\n"
-	"       lumbrel-render --plugin ID|NAME [OPTIONS] IN OUT\n"
-	"       lumbrel-render --plugin ID|NAME [--state-in FILE] [--set KEY=VALUE]... --state-out FILE\n"
-	"       lumbrel-render --demo FOLDER [BUNDLE] [--voice FILE] [--block N]\n"
+	"usage: lumbrel-render --plugin NAME [OPTIONS] IN OUT\n"
+	"       lumbrel-render --list [--plugin NAME [--state-in FILE] [--set K=V]...]\n"
+	"       lumbrel-render --plugin NAME [--set K=V]... --state-out FILE  (preset)\n"
+	"       lumbrel-render --demo FOLDER [--voice FILE] [--block N]\n"
 	"\n"
-	"Runs a CLAP plug-in over an audio file (WAV, FLAC, AIFF, OGG), offline.\n"
+	"Runs a Lumbrel effect (any CLAP plug-in) over an audio file, offline.\n"
+	"IN and OUT are WAV, FLAC, AIFF or OGG files; \"-\" is standard input or\n"
+	"output, as WAV. Options take their value as \"--opt value\" or \"--opt=value\".\n"
 	"\n"
+	"  --plugin NAME       id, name, or any unique part of it: octaver, snap, chor\n"
+	"  --set KEY=VALUE     a parameter by key path or name, a value as --list shows\n"
+	"                      it or as you'd say it: latency=5ms, time=1.5s, gain=6db,\n"
+	"                      semitones=-12st, baseNote=C#\n"
+	"  --automate KEY=TIME:VALUE,...\n"
+	"                      straight ramps between points; TIME in seconds (1.5,\n"
+	"                      1.5s), ms (250ms) or frames (12000smp)\n"
+	"  --state-in FILE     load a saved state (preset) before the --set values\n"
+	"  --state-out FILE    save the state after the render (without files: at once)\n"
+	"  --bits 16|24|32     sample format of OUT (32: float); default: IN's\n"
+	"  --block N           frames per block, 1 to 65536 (default 512)\n"
+	"  --no-compensate     keep the plug-in's latency in the output\n"
+	"  --force             allow OUT to be IN (written beside it, then renamed)\n"
 	"  --bundle PATH       the .clap file (default: ~/.clap/Lumbrel.clap, then\n"
 	"                      /usr/local/lib/clap, /usr/lib/clap, then the build's)\n"
-	"  --plugin ID|NAME    a plug-in id, name or short name such as \"octaver\"\n"
-	"  --set KEY=VALUE     a parameter by key path or display name, and a value as the\n"
-	"                      plug-in prints it: --set latency=5ms --set semitones=7\n"
-	"  --automate KEY=TIME:VALUE,...\n"
-	"                      straight ramps between points; TIME in seconds (1.5, 1.5s),\n"
-	"                      ms (250ms) or frames (12000smp); use a point for decimals\n"
-	"  --state-in FILE     load a saved state (preset) before the --set values\n"
-	"  --state-out FILE    save the state after the render (or, without files, at once)\n"
-	"  --block N           frames per block, 1 to 65536 (default 512)\n"
-	"  --bits 16|24        integer samples instead of 32-bit float\n"
-	"  --no-compensate     keep the plug-in's latency in the output\n"
 	"  --voice FILE        a recording to speak the demo's first part (at 48000 Hz)\n"
+	"  -q, --quiet         print only errors and warnings\n"
+	"  -h, --help          this text;  --version  the version\n"
 	"\n"
-	"The output keeps the input's rate and channels and is written only when\n"
-	"complete. --list --plugin shows each parameter's key path, range, default\n"
-	"and current value.\n";
+	"--list shows the plug-ins; --list --plugin NAME shows each parameter's key\n"
+	"path, name, range, default and current value; --list --markdown every\n"
+	"plug-in's parameters as a Markdown reference (docs/parameters.md).\n"
+	"\n"
+	"Exit status: 0 done; 1 a file, the bundle or the plug-in failed; 2 the\n"
+	"command line is wrong (option, plug-in, parameter or value).\n"
+	"A clipped output is reported on stderr, and is not a failure.\n";
 
 namespace {
 
@@ -48,9 +58,20 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 	std::vector<std::string> positional;
 	bool list = false, demo = false;
 	for (std::size_t i = 0; i < args.size(); ++i) {
-		const std::string &a = args[i];
+		// "--opt=value" is "--opt value".
+		std::string a = args[i], attached;
+		bool hasAttached = false;
+		if (a.compare(0, 2, "--") == 0 && a.find('=') != std::string::npos) {
+			attached = a.substr(a.find('=') + 1);
+			a = a.substr(0, a.find('='));
+			hasAttached = true;
+		}
 		// The value of an option that takes one.
 		auto value = [&](const char *what) -> const std::string * {
+			if (hasAttached) {
+				hasAttached = false;
+				return &attached;
+			}
 			if (i + 1 >= args.size()) {
 				error = a + " needs " + what;
 				return nullptr;
@@ -60,6 +81,15 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 		if (a == "--help" || a == "-h") {
 			out.mode = CommandLine::Mode::Help;
 			return true;
+		} else if (a == "--version") {
+			out.mode = CommandLine::Mode::Version;
+			return true;
+		} else if (a == "--quiet" || a == "-q") {
+			out.quiet = true;
+		} else if (a == "--markdown") {
+			out.markdown = true;
+		} else if (a == "--force") {
+			out.force = true;
 		} else if (a == "--list") {
 			list = true;
 		} else if (a == "--demo") {
@@ -112,16 +142,19 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 			}
 			out.blockSize = std::uint32_t(n);
 		} else if (a == "--bits") {
-			const auto *v = value("16 or 24");
+			const auto *v = value("16, 24 or 32");
 			if (!v) return false;
 			if (*v == "16") {
 				out.encoding = SampleEncoding::Pcm16;
 			} else if (*v == "24") {
 				out.encoding = SampleEncoding::Pcm24;
+			} else if (*v == "32") {
+				out.encoding = SampleEncoding::Float32;
 			} else {
-				error = "--bits takes 16 or 24 (32-bit float is the default), not \"" + *v + "\"";
+				error = "--bits takes 16, 24 or 32 (float), not \"" + *v + "\"";
 				return false;
 			}
+			out.bitsGiven = true;
 		} else if (a == "--no-compensate") {
 			out.compensate = false;
 		} else if (a.size() > 1 && a[0] == '-') {
@@ -130,10 +163,18 @@ bool parseCommandLine(const std::vector<std::string> &args, CommandLine &out, st
 		} else {
 			positional.push_back(a);
 		}
+		if (hasAttached) {
+			error = a + " takes no value";
+			return false;
+		}
 	}
 
 	if (list && demo) {
 		error = "--list and --demo don't go together";
+		return false;
+	}
+	if (out.markdown && !list) {
+		error = "--markdown goes with --list";
 		return false;
 	}
 	if (list || demo) {

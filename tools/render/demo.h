@@ -15,7 +15,7 @@ struct DemoOptions {
 // The demo: renders the built-in signal (demoSignal) through every plug-in
 // of the bundle, each with settings that show what it does, and writes into
 // the folder input.wav, <short name>.wav per plug-in (the id's last part),
-// a spectrogram <name>.png of each (when sox is installed), and index.html,
+// a spectrogram <name>.png of each, and index.html,
 // which sets each before/after pair side by side to listen to and look at.
 // A setting that names a parameter a plug-in doesn't have (yet) is skipped
 // with a note. Prints one line per plug-in. False with one line in `error`

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <set>
 
@@ -70,6 +71,58 @@ bool parseWholeNumber(const std::string &text, long &number) {
 	return errno == 0 && end && *end == '\0' && end != text.c_str();
 }
 
+// A unit as people type it: which quantity, and its size in that
+// quantity's base unit ("500ms" is 0.5 of seconds).
+struct UnitMeaning {
+	const char *quantity = nullptr;
+	double scale = 1;
+};
+
+UnitMeaning unitMeaning(const std::string &typed) {
+	static const struct {
+		const char *quantity;
+		double scale;
+		std::vector<const char *> spellings;
+	} units[] = {
+		{"seconds", 1, {"s", "sec", "secs", "sec.", "second", "seconds"}},
+		{"seconds", 0.001, {"ms", "msec", "msecs", "millisecond", "milliseconds"}},
+		{"decibels", 1, {"db", "decibel", "decibels"}},
+		{"semitones", 1, {"st", "s.t.", "semi", "semis", "semitone", "semitones"}},
+		{"semitones", 0.01, {"ct", "cent", "cents"}},
+		{"semitones", 12, {"oct", "oct.", "octave", "octaves"}},
+		{"hertz", 1, {"hz", "hertz"}},
+		{"hertz", 1000, {"khz", "kilohertz"}},
+		{"percent", 1, {"%", "pct", "percent"}},
+	};
+	const std::string key = lower(trimmed(typed));
+	for (const auto &unit : units) {
+		for (const char *spelling : unit.spellings) {
+			if (key == spelling) return {unit.quantity, unit.scale};
+		}
+	}
+	return {};
+}
+
+// The number of `text` written with a point, times `factor`, in the
+// shortest form that keeps it.
+std::string scaledNumber(std::string number, double factor) {
+	std::replace(number.begin(), number.end(), ',', '.');
+	if (factor == 1) return number;
+	char text[64];
+	std::snprintf(text, sizeof text, "%.12g", std::strtod(number.c_str(), nullptr) * factor);
+	return text;
+}
+
+std::string lastKey(const std::string &keyPath) { return keyPath.substr(keyPath.rfind('.') + 1); }
+
+std::string joined(const std::vector<std::string> &items, const char *separator) {
+	std::string text;
+	for (const auto &item : items) text += (text.empty() ? "" : separator) + item;
+	return text;
+}
+
+} // namespace
+
 std::size_t editDistance(const std::string &a, const std::string &b) {
 	std::vector<std::size_t> row(b.size() + 1);
 	for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
@@ -84,16 +137,6 @@ std::size_t editDistance(const std::string &a, const std::string &b) {
 	}
 	return row[b.size()];
 }
-
-std::string lastKey(const std::string &keyPath) { return keyPath.substr(keyPath.rfind('.') + 1); }
-
-std::string joined(const std::vector<std::string> &items, const char *separator) {
-	std::string text;
-	for (const auto &item : items) text += (text.empty() ? "" : separator) + item;
-	return text;
-}
-
-} // namespace
 
 ParamTable::ParamTable(const host::Instance &instance) : instance(instance) {
 	pluginName = instance.clapPlugin()->desc->name;
@@ -224,17 +267,35 @@ bool ParamTable::readStepped(const ParamEntry &entry, const std::string &t, doub
 		value = v;
 		return true;
 	}
-	// Plain numbers are the host's own units for a stepped parameter; the
-	// plug-in reads only labels, so the tool takes a number that prints as itself.
-	long number = 0;
-	if (parseWholeNumber(t, number) && double(number) >= entry.info.min_value && double(number) <= entry.info.max_value
-		&& text(entry, double(number)) == std::to_string(number)) {
-		value = double(number);
-		return true;
-	}
 	const auto texts = steppedTexts(entry);
+	// Plain numbers are the host's own units for a stepped parameter; the
+	// plug-in reads only labels, so the tool takes a number that prints as
+	// itself, or as a word ("none" for 0 semitones) when no other step prints
+	// as that number. A unit may follow where the parameter's name is the
+	// unit's quantity ("-12st" for semitones).
+	auto parts = splitNumber(t);
+	const UnitMeaning unit = unitMeaning(parts.unit);
+	const bool unitFits = parts.unit.empty()
+		|| (unit.quantity && unit.scale == 1 && lower(entry.label()).find(std::string(unit.quantity).substr(0, 6)) != std::string::npos);
+	long number = 0;
+	if (unitFits && parseWholeNumber(parts.number, number) && double(number) >= entry.info.min_value
+		&& double(number) <= entry.info.max_value) {
+		const std::string printed = text(entry, double(number)), wanted = std::to_string(number);
+		const bool printsAsWord = !splitNumber(printed).hasDigits && std::find(texts.begin(), texts.end(), wanted) == texts.end();
+		if (printed == wanted || splitNumber(printed).number == wanted || printsAsWord) {
+			value = double(number);
+			return true;
+		}
+	}
+	// Labels in any case, and either name of a note: "C#" or "db" for "C#/Db".
 	for (std::size_t i = 0; i < texts.size(); ++i) {
-		if (equalsIgnoringCase(texts[i], t)) {
+		bool fits = equalsIgnoringCase(texts[i], t);
+		for (std::size_t from = 0; !fits && texts[i].find('/') != std::string::npos && from <= texts[i].size();) {
+			const auto to = std::min(texts[i].find('/', from), texts[i].size());
+			fits = equalsIgnoringCase(texts[i].substr(from, to - from), t);
+			from = to + 1;
+		}
+		if (fits) {
 			value = std::ceil(entry.info.min_value) + double(i);
 			return true;
 		}
@@ -269,6 +330,19 @@ bool ParamTable::readRanged(const ParamEntry &entry, const std::string &t, doubl
 
 	auto parts = splitNumber(t);
 	std::string understood = t;
+	if (parts.hasDigits && !parts.unit.empty() && !units.count(parts.unit)) {
+		// A unit as people type it ("1s", "500ms", "6db") in the one the
+		// parameter prints ("sec", "dB"), converted where it is another size.
+		const UnitMeaning typed = unitMeaning(parts.unit);
+		for (const auto &printed : units) {
+			const UnitMeaning own = printed.empty() ? UnitMeaning{} : unitMeaning(printed);
+			if (typed.quantity && own.quantity && std::string(typed.quantity) == own.quantity) {
+				parts.number = scaledNumber(parts.number, typed.scale / own.scale);
+				parts.unit = printed;
+				break;
+			}
+		}
+	}
 	if (parts.hasDigits) {
 		// A bare number is in the unit the parameter prints, which is how the
 		// plug-in reads it too; another unit would be taken as that one.

@@ -8,6 +8,9 @@
 
 namespace lumbrel::render {
 
+// Levenshtein distance, for suggesting what a person may have meant.
+std::size_t editDistance(const std::string &a, const std::string &b);
+
 // One parameter as the host sees it, with the key path that the plug-in's
 // saved state gives it (CLAP's own info carries no module path).
 struct ParamEntry {

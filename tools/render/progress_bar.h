@@ -1,13 +1,16 @@
 #pragma once
+#include <chrono>
 #include <cstdio>
 #include <string>
 
 namespace lumbrel::render {
 
 // A one-line progress bar, redrawn in place on a terminal:
-//   swell             [##########----------]  50%
-// Draws nothing unless `stream` is a terminal, so that logs and pipes get
-// only the summary lines. Redraws only when the whole percentage changes.
+//   out.wav [##########----------]  50%  0:04, 0:04 left
+// It fits the terminal's width (the bar shrinks, then the label goes), so a
+// narrow terminal still gets one line. Draws nothing unless `stream` is a
+// terminal, so that logs and pipes get only the summary lines. Redraws when
+// the whole percentage or the second changes.
 class ProgressBar {
 public:
 	ProgressBar(std::string label, std::FILE *stream = stderr);
@@ -24,8 +27,9 @@ public:
 private:
 	std::string label;
 	std::FILE *stream;
-	bool enabled_ = false, drawn = false;
-	int shown = -1;
+	bool enabled_ = false;
+	int shown = -1, shownSecond = -1, drawnWidth = 0;
+	std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
 };
 
 } // namespace lumbrel::render

@@ -114,7 +114,8 @@ TEST_F(ParamTableTest, RangedValuesAreNumbersInTheParametersUnit) {
 	EXPECT_EQ(readAs("latency", "5,5ms"), "5.5ms") << "the plug-in alone would stop at the comma";
 	EXPECT_EQ(readAs("decay.rt20", "2.5sec"), "2.5sec");
 
-	EXPECT_NE(readError("latency", "5 sec").find("\"ms\""), std::string::npos) << "the wrong unit names the right one";
+	EXPECT_NE(readError("latency", "5 Hz").find("\"ms\""), std::string::npos) << "the wrong unit names the right one";
+	EXPECT_EQ(readAs("latency", "0.005 s"), "5ms") << "another size of the same unit is converted";
 	EXPECT_NE(readError("latency", "fast").find("give a number"), std::string::npos);
 	EXPECT_NE(readError("latency", "20ms").find("outside the range"), std::string::npos);
 	EXPECT_NE(readError("latency", "-1").find("outside the range"), std::string::npos);

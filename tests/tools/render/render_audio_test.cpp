@@ -109,9 +109,10 @@ TEST_F(RenderAudio, FormatsFollowTheFileNameAndKeepTheLevel) {
 		int format;
 		double toleranceDb;
 	} cases[] = {
-		{"out.wav", {}, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0.5},
+		{"out.wav", {}, SF_FORMAT_WAV | SF_FORMAT_PCM_24, 0.5}, // the input's 24 bits
 		{"out16.wav", {"--bits", "16"}, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0.5},
-		{"out.aiff", {}, SF_FORMAT_AIFF | SF_FORMAT_FLOAT, 0.5},
+		{"out32.wav", {"--bits=32"}, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0.5},
+		{"out.aiff", {}, SF_FORMAT_AIFF | SF_FORMAT_PCM_24, 0.5},
 		{"out.flac", {}, SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 0.5},
 		{"OUT.OGG", {}, SF_FORMAT_OGG | SF_FORMAT_VORBIS, 1.0},
 	};

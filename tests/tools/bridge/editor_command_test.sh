@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# lumbrel-editor as a user runs it after installing: installed into a home of
+# its own, run from outside the repository with nothing of the repository on
+# its paths, and the browser opener stubbed by $BROWSER with a program that
+# fetches the page it is handed. Usage: editor_command_test.sh BUILD_DIR
+set -euo pipefail
+build=$(cd "$1" && pwd)
+repo=$(cd "$(dirname "$0")/../../.." && pwd)
+if [ ! -f "$repo/node_modules/ws/package.json" ] || ! command -v node > /dev/null; then
+	echo "skipped: needs Node.js and node_modules/ws (scripts/setup-web.sh --runtime)"
+	exit 77
+fi
+root=$(mktemp -d)
+pid=
+trap '[ -n "$pid" ] && kill "$pid" 2> /dev/null; rm -rf "$root"' EXIT
+fail() { echo "FAIL: $*"; cat "$root/out.txt" "$root/err.txt" 2> /dev/null; exit 1; }
+
+DESTDIR=$root cmake --install "$build" > "$root/install.log"
+editor=$(find "$root" -path '*/bin/lumbrel-editor' -type f)
+bundle=$(find "$root" -name Lumbrel.clap -type f)
+[ -x "$editor" ] && [ -f "$bundle" ] || fail "the install holds no lumbrel-editor or Lumbrel.clap"
+home=$(dirname "$(dirname "$bundle")") # .../.clap/Lumbrel.clap
+
+cat > "$root/browser" << 'STUB'
+#!/bin/sh
+node -e 'fetch(process.argv[1]).then((r) => r.text()).then((t) => require("fs").writeFileSync(process.argv[2], t))' "$1" "$BROWSER_PAGE.part"
+echo "$1" > "$BROWSER_PAGE.url"
+mv "$BROWSER_PAGE.part" "$BROWSER_PAGE"
+STUB
+chmod +x "$root/browser"
+cd "$root"
+# A simple command, so that the background one's process id is the program's.
+run() { env -i HOME="$home" PATH="$(dirname "$editor"):/usr/local/bin:/usr/bin:/bin" \
+	BROWSER="$root/browser" BROWSER_PAGE="$root/page.html" "$@"; }
+
+run lumbrel-editor --help > "$root/out.txt" || fail "--help"
+grep -q "lumbrel-editor swell" "$root/out.txt" || fail "--help shows no example"
+run lumbrel-editor --list > "$root/out.txt" || fail "--list"
+grep -q "varkesh.lumbrel.swell" "$root/out.txt" || fail "--list lacks swell"
+if run lumbrel-editor no-such-effect > "$root/out.txt" 2> "$root/err.txt"; then fail "an unknown effect started"; fi
+[ "$(wc -l < "$root/err.txt")" -ge 1 ] || fail "an unknown effect gave no message"
+
+# The one command of the README.
+env -i HOME="$home" PATH="$(dirname "$editor"):/usr/local/bin:/usr/bin:/bin" \
+	BROWSER="$root/browser" BROWSER_PAGE="$root/page.html" lumbrel-editor swell > "$root/out.txt" 2> "$root/err.txt" &
+pid=$!
+for _ in $(seq 100); do
+	[ -f "$root/page.html" ] && break
+	kill -0 "$pid" 2> /dev/null || fail "lumbrel-editor stopped"
+	sleep 0.2
+done
+[ -f "$root/page.html" ] || fail "no browser was opened within 20 s"
+grep -q "?ws=" "$root/page.html.url" || fail "the address carries no WebSocket port: $(cat "$root/page.html.url")"
+grep -qi "<html" "$root/page.html" || fail "the address serves no page"
+grep -q "Lumbrel: Swell" "$root/out.txt" || fail "no line names the effect"
+kill -TERM "$pid" # as Ctrl-C in its terminal: both stop it in order
+wait "$pid" || fail "it did not stop cleanly"
+pid=
+echo "lumbrel-editor: installed, --help, --list, and the editor served to the browser"

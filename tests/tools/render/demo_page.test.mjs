@@ -1,0 +1,103 @@
+// The demo page (lumbrel-render --demo) in headless Chromium, as a reader
+// sees it: a contents list, a line on what to listen for and the command of
+// each example, spectrogram axes whose labels are readable and apart at the
+// page's width, automation drawn as a course; and the commands on the page
+// make the same files again. LUMBREL_UPDATE_DOCS=1 also writes the README's
+// before/after pictures to docs/.
+//
+// Run by CTest with LUMBREL_RENDER and LUMBREL_BUNDLE set; skipped without
+// them or without playwright-core (scripts/setup-web.sh).
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { copyFileSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { dirname, join, resolve } from 'node:path';
+import { fileURLToPath, pathToFileURL } from 'node:url';
+
+const repoDir = resolve(dirname(fileURLToPath(import.meta.url)), '..', '..', '..');
+const { LUMBREL_RENDER: tool, LUMBREL_BUNDLE: bundle } = process.env;
+let launchChromium = null;
+try {
+  ({ launchChromium } = await import(join(repoDir, 'tests', 'web', 'page', 'headless-chromium.mjs')));
+} catch {
+  // no playwright-core: skipped below
+}
+const skip = !tool || !bundle ? 'needs LUMBREL_RENDER and LUMBREL_BUNDLE' : !launchChromium ? 'needs playwright-core' : false;
+
+test('the demo page reads well and its commands make its files again', { skip, timeout: 600000 }, async () => {
+  const folder = mkdtempSync(join(tmpdir(), 'lumbrel-demo-page-'));
+  const browser = await launchChromium({ width: 1280, height: 900 });
+  try {
+    execFileSync(tool, ['--demo', folder, bundle], { stdio: 'ignore' });
+    const page = await browser.newPage();
+    await page.goto(pathToFileURL(join(folder, 'index.html')).href);
+    await page.waitForFunction(() => Array.from(document.images).every((i) => i.complete));
+
+    const sections = await page.$$eval('section', (all) => all.map((s) => ({
+      id: s.id,
+      listen: s.querySelector('.listen')?.textContent ?? '',
+      command: s.querySelector('pre.command')?.textContent ?? '',
+      automation: s.querySelectorAll('.automation polyline').length,
+    })));
+    assert.equal(sections.length, 10);
+    const contents = await page.$$eval('#contents a', (links) => links.map((a) => a.getAttribute('href')));
+    assert.deepEqual(contents, sections.map((s) => `#${s.id}`), 'the contents list every example, in order');
+    for (const s of sections) {
+      assert.match(s.listen, /^Listen for: \S/, s.id);
+      assert.match(s.command, new RegExp(`^lumbrel-render --plugin ${s.id} .*input\\.wav \\S*${s.id}\\.wav$`), s.command);
+      assert.equal(s.automation, s.command.includes('--automate') ? 1 : 0, `${s.id}: automation drawn as a course`);
+    }
+    assert.ok(sections.some((s) => s.automation), 'one example automates');
+
+    // Every picture loaded; the axis labels of each are at least 12 px and
+    // don't touch one another.
+    const figures = await page.$$eval('.spectrogram', (all) => all.map((figure) => {
+      const img = figure.querySelector('img');
+      const boxes = (selector) => Array.from(figure.querySelectorAll(selector)).map((e) => {
+        const r = e.getBoundingClientRect();
+        return { text: e.textContent, top: r.top, bottom: r.bottom, left: r.left, right: r.right,
+          size: parseFloat(getComputedStyle(e).fontSize) };
+      });
+      const frame = img.getBoundingClientRect();
+      return { loaded: img.complete && img.naturalWidth === 800, hz: boxes('.hz'), seconds: boxes('.seconds span'),
+        top: frame.top, bottom: frame.bottom };
+    }));
+    assert.equal(figures.length, 20);
+    for (const f of figures) {
+      assert.ok(f.loaded);
+      assert.equal(f.hz[0].text, '50 Hz');
+      assert.ok(f.hz.some((b) => b.text === '20 kHz'));
+      for (const b of [...f.hz, ...f.seconds]) assert.ok(b.size >= 12 && b.left >= 0, JSON.stringify(b));
+      const apart = (boxes, a, b) => boxes.slice(1).every((box, i) => box[a] >= boxes[i][b] - 0.5);
+      const hz = [...f.hz].sort((x, y) => x.top - y.top);
+      assert.ok(apart(hz, 'top', 'bottom'), JSON.stringify(hz));
+      assert.ok(hz[0].top >= f.top - 0.5 && hz.at(-1).bottom <= f.bottom + 0.5, 'labels within the picture');
+      assert.ok(apart(f.seconds, 'left', 'right'), JSON.stringify(f.seconds));
+    }
+
+    // The page's commands, run as written, make the same audio (the samples:
+    // a float WAV's header holds the time it was written).
+    const samples = (path) => {
+      const bytes = readFileSync(path);
+      const at = bytes.indexOf('data', 12, 'latin1');
+      return bytes.subarray(at + 8, at + 8 + bytes.readUInt32LE(at + 4));
+    };
+    for (const s of sections.filter((x) => x.id === 'octaver' || x.automation)) {
+      const made = join(folder, `${s.id}.wav`);
+      copyFileSync(made, `${made}.demo`);
+      const command = s.command.replace(/^lumbrel-render/, `'${tool}' --bundle '${bundle}' -q`);
+      execFileSync('sh', ['-c', command], { stdio: 'inherit' });
+      const [again, first] = [samples(made), samples(`${made}.demo`)];
+      assert.ok(first.length > 0 && again.equals(first), `${s.id}: the command makes the same audio`);
+    }
+
+    if (process.env.LUMBREL_UPDATE_DOCS) {
+      await page.locator('#octaver .before .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-input.png') });
+      await page.locator('#octaver .after .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-octaver.png') });
+    }
+  } finally {
+    await browser.closeAndClean();
+    rmSync(folder, { recursive: true, force: true });
+  }
+});
