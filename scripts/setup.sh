@@ -17,8 +17,8 @@ packages=(
   libwebkit2gtk-4.1-dev libgtk-3-dev libx11-dev
   xvfb xauth xdotool imagemagick fonts-dejavu-core
   # The macOS cross build (scripts/build-macos.sh) and its checks: LLVM's ld64
-  # linker, lipo, objdump and nm.
-  lld-14 llvm-14
+  # linker, lipo, objdump and nm; python3 reads Info.plist and the signature.
+  lld-14 llvm-14 python3
   # The arm64 build of the signal path, run under user-mode QEMU.
   g++-aarch64-linux-gnu qemu-user googletest
 )
