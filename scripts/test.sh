@@ -15,3 +15,5 @@ scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"
 scripts/test-sanitizers.sh
 # The macOS bundle, cross-built, and checked as a Mac host would see it.
 scripts/build-macos.sh && scripts/check-macos-bundle.sh
+# The macOS Accelerate code run on Linux against vDSP/vForce as documented.
+scripts/test-accelerate-path.sh
