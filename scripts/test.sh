@@ -17,3 +17,5 @@ scripts/test-sanitizers.sh
 scripts/build-macos.sh && scripts/check-macos-bundle.sh
 # The macOS Accelerate code run on Linux against vDSP/vForce as documented.
 scripts/test-accelerate-path.sh
+# The portable signal path built for arm64 and run under qemu-aarch64.
+scripts/test-arm64.sh
