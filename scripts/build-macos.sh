@@ -27,5 +27,5 @@ llvm-lipo-14 -create "$out/x86_64/Lumbrel.clap/Contents/MacOS/Lumbrel" "$out/arm
 rm -rf "$bundle"
 mv "$bundle.tmp" "$bundle"
 llvm-objdump-14 --macho --universal-headers "$bundle/Contents/MacOS/Lumbrel" |
-  awk '/cputype/ { arch = $2 } /^ *size / { printf "build-macos: %s slice %d KiB\n", arch, $2 / 1024 }'
+  awk '/cputype/ { arch = tolower($2); sub("cpu_type_", "", arch) } /^ *size / { printf "build-macos: %s slice %d KiB\n", arch, $2 / 1024 }'
 echo "build-macos: $bundle in $((SECONDS - start)) s"
