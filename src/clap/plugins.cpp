@@ -1,18 +1,16 @@
 #include "clap/plugins.h"
 
-#include <filesystem>
-#include <system_error>
+#include <sys/stat.h>
 
 namespace quorl::clap {
 
 bool Plugins::clap_init(const char *path) {
 	bundleResourcePath = path;
 	std::string resources = bundleResourcePath + "/Contents/Resources";
-	std::error_code error;
-	auto status = std::filesystem::directory_entry(resources, error).status(error);
-	if (status.type() != std::filesystem::file_type::none && status.type() != std::filesystem::file_type::not_found) {
-		bundleResourcePath = resources;
-	}
+	// stat rather than std::filesystem, which macOS's libc++ has only from 10.15 on:
+	// any entry that resolves, of whatever type, counts.
+	struct stat entry;
+	if (::stat(resources.c_str(), &entry) == 0) bundleResourcePath = resources;
 	return true;
 }
 

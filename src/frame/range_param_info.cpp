@@ -5,6 +5,12 @@
 #include <cstddef>
 #include <charconv>
 #include <stdexcept>
+#if defined(__APPLE__)
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <xlocale.h>
+#endif
 
 namespace quorl {
 
@@ -13,11 +19,24 @@ namespace {
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Writes `value` in fixed notation with `precision` decimals into text[0, 360),
+// rounding as printf does but never by the process's locale; returns the end.
+char *fixedText(char *text, double value, int precision) {
+#if defined(__APPLE__)
+	// macOS's libc++ has floating-point to_chars only from macOS 13.3 on; the
+	// xlocale functions take a null locale as the C locale.
+	int length = snprintf_l(text, 360, nullptr, "%.*f", precision, value);
+	return text + (length > 0 && length < 360 ? length : 0);
+#else
+	const auto written = std::to_chars(text, text + 360, value, std::chars_format::fixed, precision);
+	return written.ec == std::errc() ? written.ptr : text;
+#endif
+}
+
 // "%f" of a double, whatever the process's locale.
 std::string plainText(double value) {
 	char text[360];
-	const auto written = std::to_chars(text, text + sizeof(text), value, std::chars_format::fixed, 6);
-	return std::string(text, written.ec == std::errc() ? written.ptr : text);
+	return std::string(text, fixedText(text, value, 6));
 }
 
 // The number at the start of `text` (after blanks), as strtod reads it in the
@@ -26,8 +45,17 @@ double leadingNumber(const std::string &text) {
 	std::size_t start = 0;
 	while (start < text.size() && isBlank(text[start])) ++start;
 	double value = 0;
+#if defined(__APPLE__)
+	// macOS's libc++ has no floating-point from_chars.
+	char *end = nullptr;
+	errno = 0;
+	value = strtod_l(text.c_str() + start, &end, nullptr);
+	if (errno == ERANGE && std::isinf(value)) throw std::out_of_range("number out of range: " + text);
+	if (end == text.c_str() + start) value = 0;
+#else
 	const auto read = std::from_chars(text.data() + start, text.data() + text.size(), value);
 	if (read.ec == std::errc::result_out_of_range) throw std::out_of_range("number out of range: " + text);
+#endif
 	return value;
 }
 
@@ -50,16 +78,16 @@ void RangeParamInfo::UnitEntry::toString(double value, std::string &number, std:
 	// Lean towards the next digit: the shown number is at or just above the value.
 	d += std::copysign(0.45 * std::pow(10.0, -precision), d);
 	char text[360]; // room for any double in fixed notation
-	std::to_chars_result written;
+	char *end;
 	if (precision < 1 && std::fabs(d) < 9.2e18) {
-		written = std::to_chars(text, text + sizeof(text), static_cast<long long>(d)); // truncates towards zero
+		auto written = std::to_chars(text, text + sizeof(text), static_cast<long long>(d)); // truncates towards zero
+		end = written.ec == std::errc() ? written.ptr : text;
 	} else {
 		// Also the integer branch's fallback for magnitudes beyond long long,
-		// where a double has no fraction left to truncate. to_chars rounds as
-		// printf does, but never by the process's locale.
-		written = std::to_chars(text, text + sizeof(text), d, std::chars_format::fixed, precision < 0 ? 0 : precision);
+		// where a double has no fraction left to truncate.
+		end = fixedText(text, d, precision < 0 ? 0 : precision);
 	}
-	number.assign(text, written.ec == std::errc() ? written.ptr : text);
+	number.assign(text, end);
 
 	if (!keepZeros && !number.empty() && number.find('.') != std::string::npos) {
 		std::size_t end = number.size();

@@ -6,6 +6,8 @@
 #include "linear/platform_fft_stages.h"
 #if defined(__x86_64__)
 #include "linear/simd_sse2.h"
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+#include "linear/simd_neon.h"
 #else
 #include "linear/simd_generic.h"
 #endif
@@ -39,9 +41,14 @@ bool cpuHasAvx2Fma() {
 	return has;
 }
 #else
-// Other processors: the generic four-lane build stands in for the baseline.
+// Other processors: NEON on AArch64, else the generic four-lane build, stands
+// in for the baseline.
 void fftStagesSse2(const FFTPlan &plan, const float *inReal, const float *inImag, float *outReal, float *outImag) {
+#if defined(__aarch64__) && defined(__ARM_NEON)
+	FFTStages<VecNeon>::run(plan, inReal, inImag, outReal, outImag);
+#else
 	FFTStages<VecGeneric>::run(plan, inReal, inImag, outReal, outImag);
+#endif
 }
 bool cpuHasAvx2Fma() { return false; }
 #endif

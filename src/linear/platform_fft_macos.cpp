@@ -1,7 +1,7 @@
 // The platform FFT on macOS: Accelerate's vDSP.
 #include "linear/platform_fft.h"
 
-#include <Accelerate/Accelerate.h>
+#include "linear/accelerate.h"
 
 #include <new>
 

@@ -1,7 +1,7 @@
 // Row operations on macOS: one Accelerate call each.
 #include "linear/platform_vector.h"
 
-#include <Accelerate/Accelerate.h>
+#include "linear/accelerate.h"
 
 #include <cstring>
 

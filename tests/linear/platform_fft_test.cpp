@@ -2,7 +2,7 @@
 // every size from 1 to 8192, both directions, and (on Linux) both builds of the
 // vector stages; and the split complex product.
 #include "linear/platform_fft.h"
-#if !defined(__APPLE__)
+#if !defined(LUMBREL_PLATFORM_ACCELERATE)
 #include "linear/platform_fft_plan.h"
 #endif
 
@@ -59,7 +59,7 @@ TEST(PlatformFFT, MatchesDirectDftAtEverySize) {
 	}
 }
 
-#if !defined(__APPLE__)
+#if !defined(LUMBREL_PLATFORM_ACCELERATE)
 // The baseline build must be right even on a machine that runs AVX2, since
 // some users' machines will run it.
 TEST(PlatformFFT, BothVectorBuildsMatchDirectDft) {
