@@ -6,9 +6,7 @@
 #include <charconv>
 #include <stdexcept>
 #if defined(__APPLE__)
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <xlocale.h>
 #endif
 
@@ -45,17 +43,9 @@ double leadingNumber(const std::string &text) {
 	std::size_t start = 0;
 	while (start < text.size() && isBlank(text[start])) ++start;
 	double value = 0;
-#if defined(__APPLE__)
-	// macOS's libc++ has no floating-point from_chars.
-	char *end = nullptr;
-	errno = 0;
-	value = strtod_l(text.c_str() + start, &end, nullptr);
-	if (errno == ERANGE && std::isinf(value)) throw std::out_of_range("number out of range: " + text);
-	if (end == text.c_str() + start) value = 0;
-#else
-	const auto read = std::from_chars(text.data() + start, text.data() + text.size(), value);
-	if (read.ec == std::errc::result_out_of_range) throw std::out_of_range("number out of range: " + text);
-#endif
+	bool outOfRange = false;
+	typed_text::readDouble(text.substr(start), value, outOfRange);
+	if (outOfRange) throw std::out_of_range("number out of range: " + text);
 	return value;
 }
 

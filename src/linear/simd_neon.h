@@ -2,6 +2,7 @@
 // Four-float vectors with AArch64 NEON, the same operations as VecSse2, with
 // fused multiply-adds (every AArch64 processor has them). Internal linkage
 // throughout.
+#if defined(__ARM_NEON)
 #include <arm_neon.h>
 
 #include <cstddef>
@@ -38,3 +39,5 @@ struct VecNeon {
 
 } // namespace
 } // namespace varkesh::linear::platform::detail
+
+#endif // __ARM_NEON
