@@ -37,8 +37,8 @@ if [ "$mode" = save ]; then
 	exit 0
 fi
 status=0
-for part in values hz output; do
-	"$check" compare "$dir/engine.$part.f32" "$out/engine.$part.f32" || status=1
+for ref in "$dir"/engine-*.f32; do
+	"$check" compare "$ref" "$out/$(basename "$ref")" || status=1
 done
 for ref in "$dir"/demo/*.wav; do
 	name=$(basename "$ref")

@@ -6,9 +6,9 @@
 //
 // `bands` runs the engine in several settings (rates, all bands tracked, 1 and 8
 // refinement rounds), stereo, in blocks of 256, with a pass-through effect, and
-// writes as raw 32-bit floats: for every step and input channel the rows
-// inputReal and inputImag to PREFIX.values.f32, inputHz to PREFIX.hz.f32, and
-// the output samples to PREFIX.output.f32. `compare` takes two
+// writes as raw 32-bit floats, per setting: for every step and input channel
+// the rows inputReal and inputImag to PREFIX-SETTING.values.f32, inputHz to
+// PREFIX-SETTING.hz.f32, and the output samples to PREFIX-SETTING.output.f32. `compare` takes two
 // such files, or two audio files (anything libsndfile reads), and prints the
 // energy of the difference relative to the energy of the reference, overall
 // and for the worst 0.1-second stretch with signal in it.
@@ -34,12 +34,12 @@ struct Setting {
 };
 
 const Setting settings[] = {
-	{"48 kHz defaults", 48000, true, 4},
-	{"44.1 kHz defaults", 44100, true, 4},
-	{"96 kHz defaults", 96000, true, 4},
-	{"48 kHz, all bands tracked", 48000, false, 4},
-	{"48 kHz, 1 round", 48000, true, 1},
-	{"48 kHz, 8 rounds", 48000, true, 8},
+	{"48k", 48000, true, 4},
+	{"44.1k", 44100, true, 4},
+	{"96k", 96000, true, 4},
+	{"48k-all-tracked", 48000, false, 4},
+	{"48k-1-round", 48000, true, 1},
+	{"48k-8-rounds", 48000, true, 8},
 };
 
 struct Recorder {
@@ -102,8 +102,9 @@ bool save(const std::string &path, const std::vector<float> &data) {
 }
 
 int bands(const std::string &prefix) {
-	std::vector<float> values, hz, out;
-	for (const Setting &s : settings) {
+	for (std::size_t n = 0; n < sizeof settings / sizeof settings[0]; ++n) {
+		const Setting &s = settings[n];
+		std::vector<float> values, hz, out;
 		varkesh_lumbrel_config config = varkesh_lumbrel_config_default();
 		config.directCopy = s.directCopy;
 		config.iterations = s.iterations;
@@ -125,10 +126,9 @@ int bands(const std::string &prefix) {
 		out.insert(out.end(), outLeft.begin(), outLeft.end());
 		out.insert(out.end(), outRight.begin(), outRight.end());
 		varkesh_lumbrel_engine_float_delete(recorder.engine);
+		std::string name = prefix + "-" + s.name;
+		if (!save(name + ".values.f32", values) || !save(name + ".hz.f32", hz) || !save(name + ".output.f32", out)) return 1;
 	}
-	if (!save(prefix + ".values.f32", values) || !save(prefix + ".hz.f32", hz) || !save(prefix + ".output.f32", out))
-		return 1;
-	std::printf("wrote %s.{values,hz,output}.f32\n", prefix.c_str());
 	return 0;
 }
 
@@ -203,7 +203,7 @@ int compare(const char *refPath, const char *newPath) {
 		if (stretchSignal[i] > 1e-6 * loudest) worst = std::max(worst, toDb(stretchDiff[i] / stretchSignal[i]));
 	}
 	double overall = toDb(diff / std::max(signal, 1e-300));
-	std::printf("%-28s overall %7.1f dB, worst stretch %7.1f dB, largest sample difference %.3g%s\n",
+	std::printf("%-34s overall %7.1f dB, worst stretch %7.1f dB, largest sample difference %.3g%s\n",
 		std::strrchr(newPath, '/') ? std::strrchr(newPath, '/') + 1 : newPath, overall, worst, peak,
 		nonFinite ? " (NaN or infinity differs)" : "");
 	return nonFinite ? 2 : 0;

@@ -60,12 +60,18 @@ float EngineImpl<float>::gather(const float *paddedRow, std::size_t band) const 
 	return (1 - f) * at[0] + f * at[1];
 }
 
-void EngineImpl<float>::scatter(float value, std::size_t band, float *paddedRow) const {
-	std::size_t bin = bandBin[band];
-	if (bin >= fftBins) return;
-	float f = bandFraction[band];
-	paddedRow[bin + padded::before] += (1 - f) * value;
-	if (bin < fftBins - 1) paddedRow[bin + padded::before + 1] += f * value;
+// Scatter: see scatterPair in engine_impl.h.
+void EngineImpl<float>::scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const {
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	for (const BinRun &run : runs) {
+		float lo = row[run.bin], hi = row[run.bin + 1];
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			lo += below[b] * values[b];
+			hi += above[b] * values[b];
+		}
+		row[run.bin] = lo;
+		if (run.upper) row[run.bin + 1] = hi;
+	}
 }
 
 void EngineImpl<float>::lumbrelAnalysis() {
@@ -147,10 +153,8 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	const float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
 	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	for (std::size_t b = 0; b < bandCount; ++b) {
-		scatter(xr[b], b, scatterReal.data());
-		scatter(xi[b], b, scatterImag.data());
-	}
+	scatterPair(allRuns, [xr, xi](std::size_t b, float &re, float &im) { re = xr[b], im = xi[b]; }, scatterReal.data(),
+		scatterImag.data());
 	convolve<false>(scatterReal.data(), convolvedReal.data());
 	convolve<true>(scatterImag.data(), convolvedImag.data());
 
@@ -164,6 +168,12 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 		localReal[b] = gather(r0r, b);
 		localImag[b] = gather(r0i, b);
 	}
+	// Above the low region every evaluation's residual is this one.
+	float tail = 0;
+	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
+		tail += r0r[i] * r0r[i] + r0i[i] * r0i[i];
+	}
+	tailError = tail;
 }
 
 // The closed-form start: each band's share of its bin's energy (the bands'
@@ -171,9 +181,13 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 void EngineImpl<float>::firstGains(float *e) {
 	std::size_t low = grid.lowBands;
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
-	for (std::size_t b = 0; b < low; ++b) scatter(e[b], b, scatterReal.data());
-	convolve<false>(scatterReal.data(), convolvedReal.data());
-	std::copy(convolvedReal.begin(), convolvedReal.end(), energySpectrum.begin());
+	scatterRow(lowRuns, e, scatterReal.data());
+	// Read at the low bands' bins only.
+	if (lowRegionOnly) {
+		stftWindowConvolveLow<false>(scatterReal.data(), energySpectrum.data(), kernel, lowScatterEnd);
+	} else {
+		convolve<false>(scatterReal.data(), energySpectrum.data());
+	}
 
 	for (std::size_t b = 0; b < low; ++b) {
 		const float *at = energySpectrum.data() + bandBin[b] + padded::before;
@@ -192,21 +206,39 @@ void EngineImpl<float>::refineGains(const float *e) {
 	std::size_t low = grid.lowBands;
 	const float *fr = localReal.data(), *fi = localImag.data();
 	float *gr = gainReal.data(), *gi = gainImag.data();
+	// What stays the same through the rounds: the scatter rows are zero above the
+	// low region, the energy per bin, |F|^2.
+	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
+	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
+	std::fill(energyPerBin.begin(), energyPerBin.begin() + lowScatterEnd, 1e-30f);
+	scatterRow(lowRuns, e, energyPerBin.data());
+	float *norm = localNorm.data();
+	for (std::size_t b = 0; b < low; ++b) norm[b] = fr[b] * fr[b] + fi[b] * fi[b] + 1e-30f;
 	float err = evaluate(e);
 	float stepSize = 1.0f;
 	for (std::size_t round = 0; round < iterations; ++round) {
 		std::copy(gainReal.begin(), gainReal.end(), gainBackupReal.begin());
 		std::copy(gainImag.begin(), gainImag.end(), gainBackupImag.begin());
 		float previous = err;
-		const float *rr = convolvedReal.data(), *ri = convolvedImag.data(); // R per unit of energy
+		// R per unit of energy at the bands, gathered run by run, then the step in
+		// a loop that vectorises.
+		const float *rr = convolvedReal.data(), *ri = convolvedImag.data();
+		float *gatheredR = updateReal.data(), *gatheredI = updateImag.data();
+		const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+		for (const BinRun &run : lowRuns) {
+			float loR = rr[run.bin], hiR = rr[run.bin + 1], loI = ri[run.bin], hiI = ri[run.bin + 1];
+			for (std::size_t b = run.first; b < run.end; ++b) {
+				gatheredR[b] = below[b] * loR + above[b] * hiR;
+				gatheredI[b] = below[b] * loI + above[b] * hiI;
+			}
+		}
 		for (std::size_t b = 0; b < low; ++b) {
-			float vr = gather(rr, b), vi = gather(ri, b);
+			float vr = gatheredR[b], vi = gatheredI[b];
 			float a = stepSize * e[b];
 			float cr = a * fr[b], ci = -(a * fi[b]); // step E conj(F)
 			float ur = cr * vr - ci * vi, ui = cr * vi + ci * vr;
-			float norm = fr[b] * fr[b] + fi[b] * fi[b] + 1e-30f;
-			gr[b] += ur / norm;
-			gi[b] += ui / norm;
+			gr[b] += ur / norm[b];
+			gi[b] += ui / norm[b];
 		}
 		err = evaluate(e);
 		if (previous > err) {
@@ -222,40 +254,45 @@ void EngineImpl<float>::refineGains(const float *e) {
 
 // Residual R0 - convolve(G F) into the convolved pair, its squared sum over the
 // bins, and then R per unit of band energy at each bin: gathered and times E it
-// shares each bin's residual among the bands by energy.
-float EngineImpl<float>::evaluate(const float *e) {
-	std::size_t low = grid.lowBands;
+// shares each bin's residual among the bands by energy. G F lives in the low
+// region; with lowRegionOnly the work stops at its edge, and the sum above it
+// is the step's tailError (so the squared sum is added in two parts).
+float EngineImpl<float>::evaluate(const float *) {
 	const float *fr = localReal.data(), *fi = localImag.data();
 	const float *gr = gainReal.data(), *gi = gainImag.data();
-	float *dr = updateReal.data(), *di = updateImag.data();
-	for (std::size_t b = 0; b < low; ++b) {
-		dr[b] = gr[b] * fr[b] - gi[b] * fi[b];
-		di[b] = gr[b] * fi[b] + gi[b] * fr[b];
-	}
-	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
-	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	for (std::size_t b = 0; b < low; ++b) {
-		scatter(dr[b], b, scatterReal.data());
-		scatter(di[b], b, scatterImag.data());
-	}
-	convolve<false>(scatterReal.data(), convolvedReal.data());
-	convolve<true>(scatterImag.data(), convolvedImag.data());
-
+	float *sr = scatterReal.data(), *si = scatterImag.data();
+	// Without lowRegionOnly the folds write at the top too.
+	std::size_t clearEnd = lowRegionOnly ? lowScatterEnd : paddedBins;
+	std::fill(sr, sr + clearEnd, 0.0f);
+	std::fill(si, si + clearEnd, 0.0f);
+	scatterPair(lowRuns,
+		[fr, fi, gr, gi](std::size_t b, float &re, float &im) {
+			re = gr[b] * fr[b] - gi[b] * fi[b];
+			im = gr[b] * fi[b] + gi[b] * fr[b];
+		},
+		sr, si);
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
+	std::size_t end = lowConvolveEnd;
+	if (lowRegionOnly) {
+		stftWindowConvolveLow<false>(sr, rr, kernel, end);
+		stftWindowConvolveLow<true>(si, ri, kernel, end);
+	} else {
+		convolve<false>(sr, rr);
+		convolve<true>(si, ri);
+	}
+
 	const float *r0r = residualReal.data(), *r0i = residualImag.data();
-	for (std::size_t i = 0; i < paddedBins; ++i) {
+	for (std::size_t i = padded::before; i < end; ++i) {
 		rr[i] = r0r[i] - rr[i];
 		ri[i] = r0i[i] - ri[i];
 	}
 	float err = 0;
-	for (std::size_t i = padded::before, end = padded::before + fftBins; i < end; ++i) {
-		err += rr[i] * rr[i] + ri[i] * ri[i];
-	}
+	for (std::size_t i = padded::before; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
+	if (lowRegionOnly) err += tailError;
 
-	std::fill(scatterReal.begin(), scatterReal.end(), 1e-30f);
-	for (std::size_t b = 0; b < low; ++b) scatter(e[b], b, scatterReal.data());
-	const float *perEnergy = scatterReal.data();
-	for (std::size_t i = 0; i < paddedBins; ++i) {
+	// Read back at the low bands' bins only.
+	const float *perEnergy = energyPerBin.data();
+	for (std::size_t i = padded::before; i < lowScatterEnd; ++i) {
 		rr[i] = rr[i] / perEnergy[i];
 		ri[i] = ri[i] / perEnergy[i];
 	}
