@@ -9,6 +9,7 @@
 // band's frequency is then read from the phase of its value against its
 // prediction. Above the knee, with directCopy, bands are read from the STFT.
 #include "engine/engine_impl.h"
+#include "linear/vector_hints.h"
 
 #include <algorithm>
 
@@ -18,7 +19,7 @@ namespace {
 
 // The element-wise passes over the tracked bands, with unaliased rows so that
 // they vectorise.
-void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict pr, float *__restrict pi,
+LUMBREL_VECTOR_CLONES void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict pr, float *__restrict pi,
 	float *__restrict e, const float *__restrict tr, const float *__restrict ti, const float *__restrict rotR,
 	const float *__restrict rotI, const float *__restrict k, const float *__restrict m, std::size_t low) {
 	for (std::size_t b = 0; b < low; ++b) {
@@ -33,7 +34,7 @@ void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict p
 	}
 }
 
-void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q, float *__restrict hz,
+LUMBREL_VECTOR_CLONES void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q, float *__restrict hz,
 	float *__restrict zr, float *__restrict zi, float *__restrict inc, const float *__restrict xr,
 	const float *__restrict xi, const float *__restrict pr, const float *__restrict pi, const float *__restrict d,
 	const float *__restrict nominal, float rate, std::size_t low) {
@@ -52,7 +53,58 @@ void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q
 	}
 }
 
+// G += step E conj(F) v / (|F|^2 + 1e-30), v the residual per unit of energy.
+LUMBREL_VECTOR_CLONES void stepGains(float *__restrict gr, float *__restrict gi, const float *__restrict vr, const float *__restrict vi,
+	const float *__restrict fr, const float *__restrict fi, const float *__restrict e, const float *__restrict norm,
+	float stepSize, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		float a = stepSize * e[b];
+		float cr = a * fr[b], ci = -(a * fi[b]);
+		float ur = cr * vr[b] - ci * vi[b], ui = cr * vi[b] + ci * vr[b];
+		gr[b] += ur / norm[b];
+		gi[b] += ui / norm[b];
+	}
+}
+
+// The kernel over output indices up to `end`, with the low fold.
+template <bool imaginary>
+LUMBREL_VECTOR_CLONES void convolveLow(float *in, float *out, const WindowKernel &kernel, std::size_t end) {
+	stftWindowConvolveLow<imaginary>(in, out, kernel, end);
+}
+
+template <bool imaginary>
+LUMBREL_VECTOR_CLONES void convolveFolded(float *in, float *out, const WindowKernel &kernel, std::size_t fftBins) {
+	stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
+}
+
+// R = R0 - R over [from, end), and its squared sum in bin order.
+LUMBREL_VECTOR_CLONES float subtractResidual(float *__restrict rr, float *__restrict ri, const float *__restrict r0r,
+	const float *__restrict r0i, std::size_t from, std::size_t end) {
+	for (std::size_t i = from; i < end; ++i) {
+		rr[i] = r0r[i] - rr[i];
+		ri[i] = r0i[i] - ri[i];
+	}
+	float err = 0;
+	for (std::size_t i = from; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
+	return err;
+}
+
+LUMBREL_VECTOR_CLONES void divideRows(float *__restrict rr, float *__restrict ri, const float *__restrict by,
+	std::size_t from, std::size_t end) {
+	for (std::size_t i = from; i < end; ++i) {
+		rr[i] = rr[i] / by[i];
+		ri[i] = ri[i] / by[i];
+	}
+}
+
 } // namespace
+
+template <bool imaginary>
+void EngineImpl<float>::convolve(float *in, float *out) const {
+	convolveFolded<imaginary>(in, out, kernel, fftBins);
+}
+template void EngineImpl<float>::convolve<false>(float *, float *) const;
+template void EngineImpl<float>::convolve<true>(float *, float *) const;
 
 float EngineImpl<float>::gather(const float *paddedRow, std::size_t band) const {
 	const float *at = paddedRow + bandBin[band] + padded::before;
@@ -184,7 +236,7 @@ void EngineImpl<float>::firstGains(float *e) {
 	scatterRow(lowRuns, e, scatterReal.data());
 	// Read at the low bands' bins only.
 	if (lowRegionOnly) {
-		stftWindowConvolveLow<false>(scatterReal.data(), energySpectrum.data(), kernel, lowScatterEnd);
+		convolveLow<false>(scatterReal.data(), energySpectrum.data(), kernel, lowScatterEnd);
 	} else {
 		convolve<false>(scatterReal.data(), energySpectrum.data());
 	}
@@ -232,14 +284,7 @@ void EngineImpl<float>::refineGains(const float *e) {
 				gatheredI[b] = below[b] * loI + above[b] * hiI;
 			}
 		}
-		for (std::size_t b = 0; b < low; ++b) {
-			float vr = gatheredR[b], vi = gatheredI[b];
-			float a = stepSize * e[b];
-			float cr = a * fr[b], ci = -(a * fi[b]); // step E conj(F)
-			float ur = cr * vr - ci * vi, ui = cr * vi + ci * vr;
-			gr[b] += ur / norm[b];
-			gi[b] += ui / norm[b];
-		}
+		stepGains(gr, gi, gatheredR, gatheredI, fr, fi, e, norm, stepSize, low);
 		err = evaluate(e);
 		if (previous > err) {
 			stepSize = std::min(stepSize * 1.5f, 1.0f);
@@ -274,28 +319,16 @@ float EngineImpl<float>::evaluate(const float *) {
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 	std::size_t end = lowConvolveEnd;
 	if (lowRegionOnly) {
-		stftWindowConvolveLow<false>(sr, rr, kernel, end);
-		stftWindowConvolveLow<true>(si, ri, kernel, end);
+		convolveLow<false>(sr, rr, kernel, end);
+		convolveLow<true>(si, ri, kernel, end);
 	} else {
 		convolve<false>(sr, rr);
 		convolve<true>(si, ri);
 	}
-
-	const float *r0r = residualReal.data(), *r0i = residualImag.data();
-	for (std::size_t i = padded::before; i < end; ++i) {
-		rr[i] = r0r[i] - rr[i];
-		ri[i] = r0i[i] - ri[i];
-	}
-	float err = 0;
-	for (std::size_t i = padded::before; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
+	float err = subtractResidual(rr, ri, residualReal.data(), residualImag.data(), padded::before, end);
 	if (lowRegionOnly) err += tailError;
-
 	// Read back at the low bands' bins only.
-	const float *perEnergy = energyPerBin.data();
-	for (std::size_t i = padded::before; i < lowScatterEnd; ++i) {
-		rr[i] = rr[i] / perEnergy[i];
-		ri[i] = ri[i] / perEnergy[i];
-	}
+	divideRows(rr, ri, energyPerBin.data(), padded::before, lowScatterEnd);
 	return err;
 }
 

@@ -114,10 +114,9 @@ private:
 	template <class Value>
 	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
 	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
+	// stftWindowConvolve with folding (analysis.cpp).
 	template <bool imaginary>
-	void convolve(float *in, float *out) const {
-		stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
-	}
+	void convolve(float *in, float *out) const;
 
 	// Synthesis (synthesis.cpp).
 	template <class Read>
