@@ -77,6 +77,27 @@ LUMBREL_VECTOR_CLONES void convolveFolded(float *in, float *out, const WindowKer
 	stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
 }
 
+// D = G F
+LUMBREL_VECTOR_CLONES void multiplyBands(float *__restrict dr, float *__restrict di, const float *__restrict gr,
+	const float *__restrict gi, const float *__restrict fr, const float *__restrict fi, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		dr[b] = gr[b] * fr[b] - gi[b] * fi[b];
+		di[b] = gr[b] * fi[b] + gi[b] * fr[b];
+	}
+}
+
+// T = mix F + keep (r T)
+LUMBREL_VECTOR_CLONES void trackRows(float *__restrict tr, float *__restrict ti, const float *__restrict fr,
+	const float *__restrict fi, const float *__restrict rotR, const float *__restrict rotI, const float *__restrict k,
+	const float *__restrict m, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		float rotatedR = rotR[b] * tr[b] - rotI[b] * ti[b];
+		float rotatedI = rotR[b] * ti[b] + rotI[b] * tr[b];
+		tr[b] = m[b] * fr[b] + k[b] * rotatedR;
+		ti[b] = m[b] * fi[b] + k[b] * rotatedI;
+	}
+}
+
 // R = R0 - R over [from, end), and its squared sum in bin order.
 LUMBREL_VECTOR_CLONES float subtractResidual(float *__restrict rr, float *__restrict ri, const float *__restrict r0r,
 	const float *__restrict r0i, std::size_t from, std::size_t end) {
@@ -149,15 +170,17 @@ void EngineImpl<float>::lumbrelAnalysis() {
 // T = mix F + keep (r T): the STFT at the band, smoothed along the band's rotation.
 void EngineImpl<float>::trackBands(std::size_t c) {
 	const float *sr = padded(spectrumReal, c), *si = padded(spectrumImag, c);
-	float *tr = row(trackedReal, c), *ti = row(trackedImag, c);
-	for (std::size_t b = 0, low = grid.lowBands; b < low; ++b) {
-		float fr = gather(sr, b), fi = gather(si, b);
-		float rr = rotateReal[b], ri = rotateImag[b];
-		float rotatedR = rr * tr[b] - ri * ti[b];
-		float rotatedI = rr * ti[b] + ri * tr[b];
-		tr[b] = mix[b] * fr + keep[b] * rotatedR;
-		ti[b] = mix[b] * fi + keep[b] * rotatedI;
+	float *fr = localReal.data(), *fi = localImag.data();
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	for (const BinRun &run : lowRuns) {
+		float loR = sr[run.bin], hiR = sr[run.bin + 1], loI = si[run.bin], hiI = si[run.bin + 1];
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			fr[b] = below[b] * loR + above[b] * hiR;
+			fi[b] = below[b] * loI + above[b] * hiI;
+		}
 	}
+	trackRows(row(trackedReal, c), row(trackedImag, c), fr, fi, rotateReal.data(), rotateImag.data(), keep.data(),
+		mix.data(), grid.lowBands);
 }
 
 // P = r X, X = keep P, E = E keep^2 + |T|^2 mix.
@@ -268,6 +291,7 @@ void EngineImpl<float>::refineGains(const float *e) {
 	for (std::size_t b = 0; b < low; ++b) norm[b] = fr[b] * fr[b] + fi[b] * fi[b] + 1e-30f;
 	float err = evaluate(e);
 	float stepSize = 1.0f;
+	bool rejected = false;
 	for (std::size_t round = 0; round < iterations; ++round) {
 		std::copy(gainReal.begin(), gainReal.end(), gainBackupReal.begin());
 		std::copy(gainImag.begin(), gainImag.end(), gainBackupImag.begin());
@@ -277,22 +301,29 @@ void EngineImpl<float>::refineGains(const float *e) {
 		const float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 		float *gatheredR = updateReal.data(), *gatheredI = updateImag.data();
 		const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-		for (const BinRun &run : lowRuns) {
-			float loR = rr[run.bin], hiR = rr[run.bin + 1], loI = ri[run.bin], hiI = ri[run.bin + 1];
-			for (std::size_t b = run.first; b < run.end; ++b) {
-				gatheredR[b] = below[b] * loR + above[b] * hiR;
-				gatheredI[b] = below[b] * loI + above[b] * hiI;
+		// After a rejected round the gathered values are those of the restored gains.
+		if (!rejected) {
+			for (const BinRun &run : lowRuns) {
+				float loR = rr[run.bin], hiR = rr[run.bin + 1], loI = ri[run.bin], hiI = ri[run.bin + 1];
+				for (std::size_t b = run.first; b < run.end; ++b) {
+					gatheredR[b] = below[b] * loR + above[b] * hiR;
+					gatheredI[b] = below[b] * loI + above[b] * hiI;
+				}
 			}
 		}
 		stepGains(gr, gi, gatheredR, gatheredI, fr, fi, e, norm, stepSize, low);
 		err = evaluate(e);
 		if (previous > err) {
 			stepSize = std::min(stepSize * 1.5f, 1.0f);
+			rejected = false;
 		} else {
 			std::copy(gainBackupReal.begin(), gainBackupReal.end(), gainReal.begin());
 			std::copy(gainBackupImag.begin(), gainBackupImag.end(), gainImag.begin());
 			stepSize *= 0.5f;
-			err = evaluate(e);
+			// An evaluation of the restored gains would give `previous` again, and
+			// residual rows whose gathered values are still in hand.
+			err = previous;
+			rejected = true;
 		}
 	}
 }
@@ -310,12 +341,9 @@ float EngineImpl<float>::evaluate(const float *) {
 	std::size_t clearEnd = lowRegionOnly ? lowScatterEnd : paddedBins;
 	std::fill(sr, sr + clearEnd, 0.0f);
 	std::fill(si, si + clearEnd, 0.0f);
-	scatterPair(lowRuns,
-		[fr, fi, gr, gi](std::size_t b, float &re, float &im) {
-			re = gr[b] * fr[b] - gi[b] * fi[b];
-			im = gr[b] * fi[b] + gi[b] * fr[b];
-		},
-		sr, si);
+	float *dr = updateReal.data() + bandCount, *di = updateImag.data() + bandCount; // after the gathered values
+	multiplyBands(dr, di, gr, gi, fr, fi, grid.lowBands);
+	scatterPair(lowRuns, [dr, di](std::size_t b, float &re, float &im) { re = dr[b], im = di[b]; }, sr, si);
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 	std::size_t end = lowConvolveEnd;
 	if (lowRegionOnly) {

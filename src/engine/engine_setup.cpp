@@ -66,10 +66,12 @@ EngineImpl<float>::EngineImpl(std::size_t channelsIn, std::size_t channelsOut, f
 			 &predictedImag, &phaseSumReal, &phaseSumImag, &powerSum, &coherenceReal, &coherenceImag, &incoherence}) {
 		storage->assign(perChannel, 0.0f);
 	}
-	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &localNorm,
-			 &updateReal, &updateImag}) {
+	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &localNorm}) {
 		scratch->assign(bandCount, 0.0f);
 	}
+	// D, then the refinement's gathered residual and G F side by side.
+	updateReal.assign(2 * bandCount, 0.0f);
+	updateImag.assign(2 * bandCount, 0.0f);
 	inputRealTable.assign(channelsIn, nullptr);
 	inputImagTable.assign(channelsIn, nullptr);
 	inputHzTable.assign(channelsIn, nullptr);
