@@ -127,10 +127,19 @@ void EngineImpl<float>::convolve(float *in, float *out) const {
 template void EngineImpl<float>::convolve<false>(float *, float *) const;
 template void EngineImpl<float>::convolve<true>(float *, float *) const;
 
-float EngineImpl<float>::gather(const float *paddedRow, std::size_t band) const {
-	const float *at = paddedRow + bandBin[band] + padded::before;
-	float f = bandFraction[band];
-	return (1 - f) * at[0] + f * at[1];
+// Gather: (1 - f) of the lower bin plus f of the one above, for the bands of
+// `runs` from `from` on, each run's two bins loaded once.
+void EngineImpl<float>::gatherPair(const BumpVector<BinRun> &runs, std::size_t from, const float *real,
+	const float *imag, float *outReal, float *outImag) const {
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	for (const BinRun &run : runs) {
+		if (run.end <= from) continue;
+		float loR = real[run.bin], hiR = real[run.bin + 1], loI = imag[run.bin], hiI = imag[run.bin + 1];
+		for (std::size_t b = std::max(run.first, from); b < run.end; ++b) {
+			outReal[b] = below[b] * loR + above[b] * hiR;
+			outImag[b] = below[b] * loI + above[b] * hiI;
+		}
+	}
 }
 
 // Scatter: see scatterPair in engine_impl.h.
@@ -169,16 +178,8 @@ void EngineImpl<float>::lumbrelAnalysis() {
 
 // T = mix F + keep (r T): the STFT at the band, smoothed along the band's rotation.
 void EngineImpl<float>::trackBands(std::size_t c) {
-	const float *sr = padded(spectrumReal, c), *si = padded(spectrumImag, c);
 	float *fr = localReal.data(), *fi = localImag.data();
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-	for (const BinRun &run : lowRuns) {
-		float loR = sr[run.bin], hiR = sr[run.bin + 1], loI = si[run.bin], hiI = si[run.bin + 1];
-		for (std::size_t b = run.first; b < run.end; ++b) {
-			fr[b] = below[b] * loR + above[b] * hiR;
-			fi[b] = below[b] * loI + above[b] * hiI;
-		}
-	}
+	gatherPair(lowRuns, 0, padded(spectrumReal, c), padded(spectrumImag, c), fr, fi);
 	trackRows(row(trackedReal, c), row(trackedImag, c), fr, fi, rotateReal.data(), rotateImag.data(), keep.data(),
 		mix.data(), grid.lowBands);
 }
@@ -198,12 +199,7 @@ void EngineImpl<float>::resolveBands(std::size_t c) {
 	float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	float *e = row(energy, c);
 
-	if (grid.highBands) {
-		for (std::size_t b = low; b < bandCount; ++b) {
-			xr[b] = gather(sr, b);
-			xi[b] = gather(si, b);
-		}
-	}
+	if (grid.highBands) gatherPair(allRuns, low, sr, si, xr, xi);
 	residualBeyondPredictions(c);
 	firstGains(e);
 	refineGains(e);
@@ -239,10 +235,7 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 		r0r[i] = sr[i] - cr[i];
 		r0i[i] = si[i] - ci[i];
 	}
-	for (std::size_t b = 0, low = grid.lowBands; b < low; ++b) {
-		localReal[b] = gather(r0r, b);
-		localImag[b] = gather(r0i, b);
-	}
+	gatherPair(lowRuns, 0, r0r, r0i, localReal.data(), localImag.data());
 	// Above the low region every evaluation's residual is this one.
 	float tail = 0;
 	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
@@ -300,17 +293,8 @@ void EngineImpl<float>::refineGains(const float *e) {
 		// a loop that vectorises.
 		const float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 		float *gatheredR = updateReal.data(), *gatheredI = updateImag.data();
-		const float *below = bandFractionBelow.data(), *above = bandFraction.data();
 		// After a rejected round the gathered values are those of the restored gains.
-		if (!rejected) {
-			for (const BinRun &run : lowRuns) {
-				float loR = rr[run.bin], hiR = rr[run.bin + 1], loI = ri[run.bin], hiI = ri[run.bin + 1];
-				for (std::size_t b = run.first; b < run.end; ++b) {
-					gatheredR[b] = below[b] * loR + above[b] * hiR;
-					gatheredI[b] = below[b] * loI + above[b] * hiI;
-				}
-			}
-		}
+		if (!rejected) gatherPair(lowRuns, 0, rr, ri, gatheredR, gatheredI);
 		stepGains(gr, gi, gatheredR, gatheredI, fr, fi, e, norm, stepSize, low);
 		err = evaluate(e);
 		if (previous > err) {

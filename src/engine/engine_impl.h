@@ -109,11 +109,12 @@ private:
 	void refineGains(const float *bandEnergy);
 	void measureFrequencies(std::size_t channel);
 	float evaluate(const float *bandEnergy);
-	float gather(const float *row, std::size_t band) const;
 	struct BinRun;
 	template <class Value>
 	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
 	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
+	void gatherPair(const BumpVector<BinRun> &runs, std::size_t from, const float *real, const float *imag,
+		float *outReal, float *outImag) const;
 	// stftWindowConvolve with folding (analysis.cpp).
 	template <bool imaginary>
 	void convolve(float *in, float *out) const;
