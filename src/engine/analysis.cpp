@@ -12,6 +12,7 @@
 #include "linear/vector_hints.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace varkesh::lumbrel {
 
@@ -77,6 +78,16 @@ LUMBREL_VECTOR_CLONES void convolveFolded(float *in, float *out, const WindowKer
 	stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
 }
 
+LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, const float *__restrict below,
+	const float *__restrict above, const float *__restrict real, const float *__restrict imag,
+	float *__restrict outReal, float *__restrict outImag, std::size_t from, std::size_t to) {
+	for (std::size_t b = from; b < to; ++b) {
+		std::uint32_t i = index[b];
+		outReal[b] = below[b] * real[i] + above[b] * real[i + 1];
+		outImag[b] = below[b] * imag[i] + above[b] * imag[i + 1];
+	}
+}
+
 // D = G F
 LUMBREL_VECTOR_CLONES void multiplyBands(float *__restrict dr, float *__restrict di, const float *__restrict gr,
 	const float *__restrict gi, const float *__restrict fr, const float *__restrict fi, std::size_t low) {
@@ -127,19 +138,11 @@ void EngineImpl<float>::convolve(float *in, float *out) const {
 template void EngineImpl<float>::convolve<false>(float *, float *) const;
 template void EngineImpl<float>::convolve<true>(float *, float *) const;
 
-// Gather: (1 - f) of the lower bin plus f of the one above, for the bands of
-// `runs` from `from` on, each run's two bins loaded once.
-void EngineImpl<float>::gatherPair(const BumpVector<BinRun> &runs, std::size_t from, const float *real,
-	const float *imag, float *outReal, float *outImag) const {
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-	for (const BinRun &run : runs) {
-		if (run.end <= from) continue;
-		float loR = real[run.bin], hiR = real[run.bin + 1], loI = imag[run.bin], hiI = imag[run.bin + 1];
-		for (std::size_t b = std::max(run.first, from); b < run.end; ++b) {
-			outReal[b] = below[b] * loR + above[b] * hiR;
-			outImag[b] = below[b] * loI + above[b] * hiI;
-		}
-	}
+// Gather: (1 - f) of the lower bin plus f of the one above, for the bands
+// from `from` to `to`.
+void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag,
+	float *outReal, float *outImag) const {
+	gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(), real, imag, outReal, outImag, from, to);
 }
 
 // Scatter: see scatterPair in engine_impl.h.
@@ -179,7 +182,7 @@ void EngineImpl<float>::lumbrelAnalysis() {
 // T = mix F + keep (r T): the STFT at the band, smoothed along the band's rotation.
 void EngineImpl<float>::trackBands(std::size_t c) {
 	float *fr = localReal.data(), *fi = localImag.data();
-	gatherPair(lowRuns, 0, padded(spectrumReal, c), padded(spectrumImag, c), fr, fi);
+	gatherPair(0, grid.lowBands, padded(spectrumReal, c), padded(spectrumImag, c), fr, fi);
 	trackRows(row(trackedReal, c), row(trackedImag, c), fr, fi, rotateReal.data(), rotateImag.data(), keep.data(),
 		mix.data(), grid.lowBands);
 }
@@ -199,7 +202,7 @@ void EngineImpl<float>::resolveBands(std::size_t c) {
 	float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	float *e = row(energy, c);
 
-	if (grid.highBands) gatherPair(allRuns, low, sr, si, xr, xi);
+	if (grid.highBands) gatherPair(low, bandCount, sr, si, xr, xi);
 	residualBeyondPredictions(c);
 	firstGains(e);
 	refineGains(e);
@@ -235,7 +238,7 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 		r0r[i] = sr[i] - cr[i];
 		r0i[i] = si[i] - ci[i];
 	}
-	gatherPair(lowRuns, 0, r0r, r0i, localReal.data(), localImag.data());
+	gatherPair(0, grid.lowBands, r0r, r0i, localReal.data(), localImag.data());
 	// Above the low region every evaluation's residual is this one.
 	float tail = 0;
 	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
@@ -294,7 +297,7 @@ void EngineImpl<float>::refineGains(const float *e) {
 		const float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 		float *gatheredR = updateReal.data(), *gatheredI = updateImag.data();
 		// After a rejected round the gathered values are those of the restored gains.
-		if (!rejected) gatherPair(lowRuns, 0, rr, ri, gatheredR, gatheredI);
+		if (!rejected) gatherPair(0, low, rr, ri, gatheredR, gatheredI);
 		stepGains(gr, gi, gatheredR, gatheredI, fr, fi, e, norm, stepSize, low);
 		err = evaluate(e);
 		if (previous > err) {

@@ -113,8 +113,8 @@ private:
 	template <class Value>
 	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
 	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
-	void gatherPair(const BumpVector<BinRun> &runs, std::size_t from, const float *real, const float *imag,
-		float *outReal, float *outImag) const;
+	void gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag, float *outReal,
+		float *outImag) const;
 	// stftWindowConvolve with folding (analysis.cpp).
 	template <bool imaginary>
 	void convolve(float *in, float *out) const;
@@ -146,6 +146,7 @@ private:
 	BumpVector<std::size_t> bandBin; // lower FFT bin of each band, at most fftBins - 2
 	Row bandFraction;                // position between bandBin and the next; can exceed 1 at the top
 	Row bandFractionBelow;           // 1 - bandFraction
+	BumpVector<std::uint32_t> bandIndex; // padded index of bandBin
 
 	// Bands in runs that share a lower bin, in band order, so that a scatter sums
 	// each bin in registers in the same order as one band at a time would.

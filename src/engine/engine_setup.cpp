@@ -94,7 +94,11 @@ void EngineImpl<float>::buildBandPositions() {
 		bandFraction[b] = p - float(bin);
 	}
 	bandFractionBelow.resize(bandCount);
-	for (std::size_t b = 0; b < bandCount; ++b) bandFractionBelow[b] = 1 - bandFraction[b];
+	bandIndex.resize(bandCount);
+	for (std::size_t b = 0; b < bandCount; ++b) {
+		bandFractionBelow[b] = 1 - bandFraction[b];
+		bandIndex[b] = std::uint32_t(bandBin[b] + padded::before);
+	}
 
 	auto buildRuns = [&](BumpVector<BinRun> &runs, std::size_t count) {
 		runs.clear();
