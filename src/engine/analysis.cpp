@@ -9,8 +9,10 @@
 // band's frequency is then read from the phase of its value against its
 // prediction. Above the knee, with directCopy, bands are read from the STFT.
 #include "engine/engine_impl.h"
+#include "linear/vector_hints.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace varkesh::lumbrel {
 
@@ -18,7 +20,7 @@ namespace {
 
 // The element-wise passes over the tracked bands, with unaliased rows so that
 // they vectorise.
-void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict pr, float *__restrict pi,
+LUMBREL_VECTOR_CLONES void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict pr, float *__restrict pi,
 	float *__restrict e, const float *__restrict tr, const float *__restrict ti, const float *__restrict rotR,
 	const float *__restrict rotI, const float *__restrict k, const float *__restrict m, std::size_t low) {
 	for (std::size_t b = 0; b < low; ++b) {
@@ -33,7 +35,7 @@ void predictRows(float *__restrict xr, float *__restrict xi, float *__restrict p
 	}
 }
 
-void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q, float *__restrict hz,
+LUMBREL_VECTOR_CLONES void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q, float *__restrict hz,
 	float *__restrict zr, float *__restrict zi, float *__restrict inc, const float *__restrict xr,
 	const float *__restrict xi, const float *__restrict pr, const float *__restrict pi, const float *__restrict d,
 	const float *__restrict nominal, float rate, std::size_t low) {
@@ -52,20 +54,109 @@ void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q
 	}
 }
 
-} // namespace
-
-float EngineImpl<float>::gather(const float *paddedRow, std::size_t band) const {
-	const float *at = paddedRow + bandBin[band] + padded::before;
-	float f = bandFraction[band];
-	return (1 - f) * at[0] + f * at[1];
+// G += step E conj(F) v / (|F|^2 + 1e-30), v the residual per unit of energy.
+LUMBREL_VECTOR_CLONES void stepGains(float *__restrict gr, float *__restrict gi, const float *__restrict vr, const float *__restrict vi,
+	const float *__restrict fr, const float *__restrict fi, const float *__restrict e, const float *__restrict norm,
+	float stepSize, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		float a = stepSize * e[b];
+		float cr = a * fr[b], ci = -(a * fi[b]);
+		float ur = cr * vr[b] - ci * vi[b], ui = cr * vi[b] + ci * vr[b];
+		gr[b] += ur / norm[b];
+		gi[b] += ui / norm[b];
+	}
 }
 
-void EngineImpl<float>::scatter(float value, std::size_t band, float *paddedRow) const {
-	std::size_t bin = bandBin[band];
-	if (bin >= fftBins) return;
-	float f = bandFraction[band];
-	paddedRow[bin + padded::before] += (1 - f) * value;
-	if (bin < fftBins - 1) paddedRow[bin + padded::before + 1] += f * value;
+// The kernel over output indices up to `end`, with the low fold.
+template <bool imaginary>
+LUMBREL_VECTOR_CLONES void convolveLow(float *in, float *out, const WindowKernel &kernel, std::size_t end) {
+	stftWindowConvolveLow<imaginary>(in, out, kernel, end);
+}
+
+template <bool imaginary>
+LUMBREL_VECTOR_CLONES void convolveFolded(float *in, float *out, const WindowKernel &kernel, std::size_t fftBins) {
+	stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
+}
+
+LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, const float *__restrict below,
+	const float *__restrict above, const float *__restrict real, const float *__restrict imag,
+	float *__restrict outReal, float *__restrict outImag, std::size_t from, std::size_t to) {
+	for (std::size_t b = from; b < to; ++b) {
+		std::uint32_t i = index[b];
+		outReal[b] = below[b] * real[i] + above[b] * real[i + 1];
+		outImag[b] = below[b] * imag[i] + above[b] * imag[i + 1];
+	}
+}
+
+// D = G F
+LUMBREL_VECTOR_CLONES void multiplyBands(float *__restrict dr, float *__restrict di, const float *__restrict gr,
+	const float *__restrict gi, const float *__restrict fr, const float *__restrict fi, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		dr[b] = gr[b] * fr[b] - gi[b] * fi[b];
+		di[b] = gr[b] * fi[b] + gi[b] * fr[b];
+	}
+}
+
+// T = mix F + keep (r T)
+LUMBREL_VECTOR_CLONES void trackRows(float *__restrict tr, float *__restrict ti, const float *__restrict fr,
+	const float *__restrict fi, const float *__restrict rotR, const float *__restrict rotI, const float *__restrict k,
+	const float *__restrict m, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		float rotatedR = rotR[b] * tr[b] - rotI[b] * ti[b];
+		float rotatedI = rotR[b] * ti[b] + rotI[b] * tr[b];
+		tr[b] = m[b] * fr[b] + k[b] * rotatedR;
+		ti[b] = m[b] * fi[b] + k[b] * rotatedI;
+	}
+}
+
+// R = R0 - R over [from, end), and its squared sum in bin order.
+LUMBREL_VECTOR_CLONES float subtractResidual(float *__restrict rr, float *__restrict ri, const float *__restrict r0r,
+	const float *__restrict r0i, std::size_t from, std::size_t end) {
+	for (std::size_t i = from; i < end; ++i) {
+		rr[i] = r0r[i] - rr[i];
+		ri[i] = r0i[i] - ri[i];
+	}
+	float err = 0;
+	for (std::size_t i = from; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
+	return err;
+}
+
+LUMBREL_VECTOR_CLONES void divideRows(float *__restrict rr, float *__restrict ri, const float *__restrict by,
+	std::size_t from, std::size_t end) {
+	for (std::size_t i = from; i < end; ++i) {
+		rr[i] = rr[i] / by[i];
+		ri[i] = ri[i] / by[i];
+	}
+}
+
+} // namespace
+
+template <bool imaginary>
+void EngineImpl<float>::convolve(float *in, float *out) const {
+	convolveFolded<imaginary>(in, out, kernel, fftBins);
+}
+template void EngineImpl<float>::convolve<false>(float *, float *) const;
+template void EngineImpl<float>::convolve<true>(float *, float *) const;
+
+// Gather: (1 - f) of the lower bin plus f of the one above, for the bands
+// from `from` to `to`.
+void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag,
+	float *outReal, float *outImag) const {
+	gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(), real, imag, outReal, outImag, from, to);
+}
+
+// Scatter: see scatterPair in engine_impl.h.
+void EngineImpl<float>::scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const {
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	for (const BinRun &run : runs) {
+		float lo = row[run.bin], hi = row[run.bin + 1];
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			lo += below[b] * values[b];
+			hi += above[b] * values[b];
+		}
+		row[run.bin] = lo;
+		if (run.upper) row[run.bin + 1] = hi;
+	}
 }
 
 void EngineImpl<float>::lumbrelAnalysis() {
@@ -90,16 +181,10 @@ void EngineImpl<float>::lumbrelAnalysis() {
 
 // T = mix F + keep (r T): the STFT at the band, smoothed along the band's rotation.
 void EngineImpl<float>::trackBands(std::size_t c) {
-	const float *sr = padded(spectrumReal, c), *si = padded(spectrumImag, c);
-	float *tr = row(trackedReal, c), *ti = row(trackedImag, c);
-	for (std::size_t b = 0, low = grid.lowBands; b < low; ++b) {
-		float fr = gather(sr, b), fi = gather(si, b);
-		float rr = rotateReal[b], ri = rotateImag[b];
-		float rotatedR = rr * tr[b] - ri * ti[b];
-		float rotatedI = rr * ti[b] + ri * tr[b];
-		tr[b] = mix[b] * fr + keep[b] * rotatedR;
-		ti[b] = mix[b] * fi + keep[b] * rotatedI;
-	}
+	float *fr = localReal.data(), *fi = localImag.data();
+	gatherPair(0, grid.lowBands, padded(spectrumReal, c), padded(spectrumImag, c), fr, fi);
+	trackRows(row(trackedReal, c), row(trackedImag, c), fr, fi, rotateReal.data(), rotateImag.data(), keep.data(),
+		mix.data(), grid.lowBands);
 }
 
 // P = r X, X = keep P, E = E keep^2 + |T|^2 mix.
@@ -117,12 +202,7 @@ void EngineImpl<float>::resolveBands(std::size_t c) {
 	float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	float *e = row(energy, c);
 
-	if (grid.highBands) {
-		for (std::size_t b = low; b < bandCount; ++b) {
-			xr[b] = gather(sr, b);
-			xi[b] = gather(si, b);
-		}
-	}
+	if (grid.highBands) gatherPair(low, bandCount, sr, si, xr, xi);
 	residualBeyondPredictions(c);
 	firstGains(e);
 	refineGains(e);
@@ -147,10 +227,8 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	const float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
 	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	for (std::size_t b = 0; b < bandCount; ++b) {
-		scatter(xr[b], b, scatterReal.data());
-		scatter(xi[b], b, scatterImag.data());
-	}
+	scatterPair(allRuns, [xr, xi](std::size_t b, float &re, float &im) { re = xr[b], im = xi[b]; }, scatterReal.data(),
+		scatterImag.data());
 	convolve<false>(scatterReal.data(), convolvedReal.data());
 	convolve<true>(scatterImag.data(), convolvedImag.data());
 
@@ -160,10 +238,13 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 		r0r[i] = sr[i] - cr[i];
 		r0i[i] = si[i] - ci[i];
 	}
-	for (std::size_t b = 0, low = grid.lowBands; b < low; ++b) {
-		localReal[b] = gather(r0r, b);
-		localImag[b] = gather(r0i, b);
+	gatherPair(0, grid.lowBands, r0r, r0i, localReal.data(), localImag.data());
+	// Above the low region every evaluation's residual is this one.
+	float tail = 0;
+	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
+		tail += r0r[i] * r0r[i] + r0i[i] * r0i[i];
 	}
+	tailError = tail;
 }
 
 // The closed-form start: each band's share of its bin's energy (the bands'
@@ -171,9 +252,13 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 void EngineImpl<float>::firstGains(float *e) {
 	std::size_t low = grid.lowBands;
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
-	for (std::size_t b = 0; b < low; ++b) scatter(e[b], b, scatterReal.data());
-	convolve<false>(scatterReal.data(), convolvedReal.data());
-	std::copy(convolvedReal.begin(), convolvedReal.end(), energySpectrum.begin());
+	scatterRow(lowRuns, e, scatterReal.data());
+	// Read at the low bands' bins only.
+	if (lowRegionOnly) {
+		convolveLow<false>(scatterReal.data(), energySpectrum.data(), kernel, lowScatterEnd);
+	} else {
+		convolve<false>(scatterReal.data(), energySpectrum.data());
+	}
 
 	for (std::size_t b = 0; b < low; ++b) {
 		const float *at = energySpectrum.data() + bandBin[b] + padded::before;
@@ -192,73 +277,73 @@ void EngineImpl<float>::refineGains(const float *e) {
 	std::size_t low = grid.lowBands;
 	const float *fr = localReal.data(), *fi = localImag.data();
 	float *gr = gainReal.data(), *gi = gainImag.data();
+	// What stays the same through the rounds: the scatter rows are zero above the
+	// low region, the energy per bin, |F|^2.
+	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
+	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
+	std::fill(energyPerBin.begin(), energyPerBin.begin() + lowScatterEnd, 1e-30f);
+	scatterRow(lowRuns, e, energyPerBin.data());
+	float *norm = localNorm.data();
+	for (std::size_t b = 0; b < low; ++b) norm[b] = fr[b] * fr[b] + fi[b] * fi[b] + 1e-30f;
 	float err = evaluate(e);
 	float stepSize = 1.0f;
+	bool rejected = false;
 	for (std::size_t round = 0; round < iterations; ++round) {
 		std::copy(gainReal.begin(), gainReal.end(), gainBackupReal.begin());
 		std::copy(gainImag.begin(), gainImag.end(), gainBackupImag.begin());
 		float previous = err;
-		const float *rr = convolvedReal.data(), *ri = convolvedImag.data(); // R per unit of energy
-		for (std::size_t b = 0; b < low; ++b) {
-			float vr = gather(rr, b), vi = gather(ri, b);
-			float a = stepSize * e[b];
-			float cr = a * fr[b], ci = -(a * fi[b]); // step E conj(F)
-			float ur = cr * vr - ci * vi, ui = cr * vi + ci * vr;
-			float norm = fr[b] * fr[b] + fi[b] * fi[b] + 1e-30f;
-			gr[b] += ur / norm;
-			gi[b] += ui / norm;
-		}
+		// R per unit of energy at the bands, gathered run by run, then the step in
+		// a loop that vectorises.
+		const float *rr = convolvedReal.data(), *ri = convolvedImag.data();
+		float *gatheredR = updateReal.data(), *gatheredI = updateImag.data();
+		// After a rejected round the gathered values are those of the restored gains.
+		if (!rejected) gatherPair(0, low, rr, ri, gatheredR, gatheredI);
+		stepGains(gr, gi, gatheredR, gatheredI, fr, fi, e, norm, stepSize, low);
 		err = evaluate(e);
 		if (previous > err) {
 			stepSize = std::min(stepSize * 1.5f, 1.0f);
+			rejected = false;
 		} else {
 			std::copy(gainBackupReal.begin(), gainBackupReal.end(), gainReal.begin());
 			std::copy(gainBackupImag.begin(), gainBackupImag.end(), gainImag.begin());
 			stepSize *= 0.5f;
-			err = evaluate(e);
+			// An evaluation of the restored gains would give `previous` again, and
+			// residual rows whose gathered values are still in hand.
+			err = previous;
+			rejected = true;
 		}
 	}
 }
 
 // Residual R0 - convolve(G F) into the convolved pair, its squared sum over the
 // bins, and then R per unit of band energy at each bin: gathered and times E it
-// shares each bin's residual among the bands by energy.
-float EngineImpl<float>::evaluate(const float *e) {
-	std::size_t low = grid.lowBands;
+// shares each bin's residual among the bands by energy. G F lives in the low
+// region; with lowRegionOnly the work stops at its edge, and the sum above it
+// is the step's tailError (so the squared sum is added in two parts).
+float EngineImpl<float>::evaluate(const float *) {
 	const float *fr = localReal.data(), *fi = localImag.data();
 	const float *gr = gainReal.data(), *gi = gainImag.data();
-	float *dr = updateReal.data(), *di = updateImag.data();
-	for (std::size_t b = 0; b < low; ++b) {
-		dr[b] = gr[b] * fr[b] - gi[b] * fi[b];
-		di[b] = gr[b] * fi[b] + gi[b] * fr[b];
-	}
-	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
-	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	for (std::size_t b = 0; b < low; ++b) {
-		scatter(dr[b], b, scatterReal.data());
-		scatter(di[b], b, scatterImag.data());
-	}
-	convolve<false>(scatterReal.data(), convolvedReal.data());
-	convolve<true>(scatterImag.data(), convolvedImag.data());
-
+	float *sr = scatterReal.data(), *si = scatterImag.data();
+	// Without lowRegionOnly the folds write at the top too.
+	std::size_t clearEnd = lowRegionOnly ? lowScatterEnd : paddedBins;
+	std::fill(sr, sr + clearEnd, 0.0f);
+	std::fill(si, si + clearEnd, 0.0f);
+	float *dr = updateReal.data() + bandCount, *di = updateImag.data() + bandCount; // after the gathered values
+	multiplyBands(dr, di, gr, gi, fr, fi, grid.lowBands);
+	scatterPair(lowRuns, [dr, di](std::size_t b, float &re, float &im) { re = dr[b], im = di[b]; }, sr, si);
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
-	const float *r0r = residualReal.data(), *r0i = residualImag.data();
-	for (std::size_t i = 0; i < paddedBins; ++i) {
-		rr[i] = r0r[i] - rr[i];
-		ri[i] = r0i[i] - ri[i];
+	std::size_t end = lowConvolveEnd;
+	if (lowRegionOnly) {
+		convolveLow<false>(sr, rr, kernel, end);
+		convolveLow<true>(si, ri, kernel, end);
+	} else {
+		convolve<false>(sr, rr);
+		convolve<true>(si, ri);
 	}
-	float err = 0;
-	for (std::size_t i = padded::before, end = padded::before + fftBins; i < end; ++i) {
-		err += rr[i] * rr[i] + ri[i] * ri[i];
-	}
-
-	std::fill(scatterReal.begin(), scatterReal.end(), 1e-30f);
-	for (std::size_t b = 0; b < low; ++b) scatter(e[b], b, scatterReal.data());
-	const float *perEnergy = scatterReal.data();
-	for (std::size_t i = 0; i < paddedBins; ++i) {
-		rr[i] = rr[i] / perEnergy[i];
-		ri[i] = ri[i] / perEnergy[i];
-	}
+	float err = subtractResidual(rr, ri, residualReal.data(), residualImag.data(), padded::before, end);
+	if (lowRegionOnly) err += tailError;
+	// Read back at the low bands' bins only.
+	divideRows(rr, ri, energyPerBin.data(), padded::before, lowScatterEnd);
 	return err;
 }
 

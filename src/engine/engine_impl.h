@@ -109,12 +109,15 @@ private:
 	void refineGains(const float *bandEnergy);
 	void measureFrequencies(std::size_t channel);
 	float evaluate(const float *bandEnergy);
-	float gather(const float *row, std::size_t band) const;
-	void scatter(float value, std::size_t band, float *row) const;
+	struct BinRun;
+	template <class Value>
+	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
+	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
+	void gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag, float *outReal,
+		float *outImag) const;
+	// stftWindowConvolve with folding (analysis.cpp).
 	template <bool imaginary>
-	void convolve(float *in, float *out) const {
-		stftWindowConvolve<imaginary>(in, out, kernel, fftBins, true);
-	}
+	void convolve(float *in, float *out) const;
 
 	// Synthesis (synthesis.cpp).
 	template <class Read>
@@ -142,6 +145,23 @@ private:
 	std::size_t bandCount = 0;
 	BumpVector<std::size_t> bandBin; // lower FFT bin of each band, at most fftBins - 2
 	Row bandFraction;                // position between bandBin and the next; can exceed 1 at the top
+	Row bandFractionBelow;           // 1 - bandFraction
+	BumpVector<std::uint32_t> bandIndex; // padded index of bandBin
+
+	// Bands in runs that share a lower bin, in band order, so that a scatter sums
+	// each bin in registers in the same order as one band at a time would.
+	struct BinRun {
+		std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
+		bool upper;                  // the bin above exists
+	};
+	BumpVector<BinRun> allRuns, lowRuns;
+	// The low bands' scatter touches padded indices below lowScatterEnd. When that
+	// is far below the top (lowRegionOnly), the refinement convolves, subtracts and
+	// divides only up to lowConvolveEnd, the reach of the kernel beyond it; above
+	// it the residual is that of the step, whose squared sum there is tailError.
+	std::size_t lowScatterEnd = 0, lowConvolveEnd = 0;
+	bool lowRegionOnly = false;
+	float tailError = 0;
 
 	// Tracked bands: rotation per interval, memory of the smoothed STFT, and the
 	// decay of the frequency estimate.
@@ -156,6 +176,7 @@ private:
 	Row spectrumReal, spectrumImag;
 	// Padded scratch for one channel at a time.
 	Row scatterReal, scatterImag, convolvedReal, convolvedImag, residualReal, residualImag, energySpectrum;
+	Row energyPerBin; // 1e-30 plus the band energies scattered, during the refinement
 	Row timeRow; // fftSamples floats
 
 	// Per band and input channel.
@@ -169,6 +190,7 @@ private:
 	// Per band, one channel at a time.
 	Row gainReal, gainImag, gainBackupReal, gainBackupImag; // G
 	Row localReal, localImag;                               // F
+	Row localNorm;                                          // |F|^2 + 1e-30
 	Row updateReal, updateImag;                             // D
 
 	BumpVector<float *> inputRealTable, inputImagTable, inputHzTable;
@@ -177,6 +199,33 @@ private:
 	std::size_t silentSamples = 0;
 	bool isSilent = false;
 };
+
+// Scatter: each band adds (1 - f) of its value to its lower bin and f to the
+// bin above. A run's bands are summed in registers, each bin in band order from
+// the value it held, which is the order of adding one band at a time.
+// value(b, re, im) gives band b's complex value.
+template <class Value>
+inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	for (const BinRun &run : runs) {
+		float loR = real[run.bin], loI = imag[run.bin];
+		float hiR = real[run.bin + 1], hiI = imag[run.bin + 1];
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			float re, im;
+			value(b, re, im);
+			loR += below[b] * re;
+			loI += below[b] * im;
+			hiR += above[b] * re;
+			hiI += above[b] * im;
+		}
+		real[run.bin] = loR;
+		imag[run.bin] = loI;
+		if (run.upper) {
+			real[run.bin + 1] = hiR;
+			imag[run.bin + 1] = hiI;
+		}
+	}
+}
 
 } // namespace varkesh::lumbrel
 

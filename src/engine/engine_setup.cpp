@@ -46,7 +46,7 @@ EngineImpl<float>::EngineImpl(std::size_t channelsIn, std::size_t channelsOut, f
 	spectrumReal.assign(spectrumChannels * paddedBins, 0.0f);
 	spectrumImag.assign(spectrumChannels * paddedBins, 0.0f);
 	for (Row *scratch : {&scatterReal, &scatterImag, &convolvedReal, &convolvedImag, &residualReal, &residualImag,
-			 &energySpectrum}) {
+			 &energySpectrum, &energyPerBin}) {
 		scratch->assign(paddedBins, 0.0f);
 	}
 	timeRow.assign(fftSamples, 0.0f);
@@ -66,10 +66,12 @@ EngineImpl<float>::EngineImpl(std::size_t channelsIn, std::size_t channelsOut, f
 			 &predictedImag, &phaseSumReal, &phaseSumImag, &powerSum, &coherenceReal, &coherenceImag, &incoherence}) {
 		storage->assign(perChannel, 0.0f);
 	}
-	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &updateReal,
-			 &updateImag}) {
+	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &localNorm}) {
 		scratch->assign(bandCount, 0.0f);
 	}
+	// D, then the refinement's gathered residual and G F side by side.
+	updateReal.assign(2 * bandCount, 0.0f);
+	updateImag.assign(2 * bandCount, 0.0f);
 	inputRealTable.assign(channelsIn, nullptr);
 	inputImagTable.assign(channelsIn, nullptr);
 	inputHzTable.assign(channelsIn, nullptr);
@@ -91,6 +93,33 @@ void EngineImpl<float>::buildBandPositions() {
 		bandBin[b] = bin;
 		bandFraction[b] = p - float(bin);
 	}
+	bandFractionBelow.resize(bandCount);
+	bandIndex.resize(bandCount);
+	for (std::size_t b = 0; b < bandCount; ++b) {
+		bandFractionBelow[b] = 1 - bandFraction[b];
+		bandIndex[b] = std::uint32_t(bandBin[b] + padded::before);
+	}
+
+	auto buildRuns = [&](BumpVector<BinRun> &runs, std::size_t count) {
+		runs.clear();
+		for (std::size_t b = 0; b < count; ++b) {
+			std::size_t bin = bandBin[b];
+			if (bin >= fftBins) continue;
+			if (!runs.empty() && runs.back().bin == bin + padded::before && runs.back().end == b) {
+				runs.back().end = b + 1;
+			} else {
+				runs.push_back({bin + padded::before, b, b + 1, bin < fftBins - 1});
+			}
+		}
+	};
+	buildRuns(allRuns, bandCount);
+	buildRuns(lowRuns, grid.lowBands);
+	lowScatterEnd = lowRuns.empty() ? padded::before : lowRuns.back().bin + 2;
+	lowConvolveEnd = lowScatterEnd + kernelReach;
+	// The convolution up to lowConvolveEnd reads kernelReach further, and the
+	// folds at the top touch fftBins - 2 and above.
+	lowRegionOnly = lowConvolveEnd + kernelReach < fftBins - 2;
+	if (!lowRegionOnly) lowConvolveEnd = padded::before + fftBins;
 }
 
 void EngineImpl<float>::buildLowBandTables(double resolutionRatio) {

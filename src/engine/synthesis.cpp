@@ -3,6 +3,9 @@
 // window's kernel (which confines them to the window in time instead of letting
 // them fill and wrap the FFT buffer), flattened and inverse-transformed.
 #include "engine/engine_impl.h"
+#include "linear/vector_hints.h"
+
+#include <algorithm>
 
 #include <cmath>
 #include <cstdint>
@@ -42,43 +45,85 @@ struct InterleavedValues {
 
 template <class Read>
 void EngineImpl<float>::placeAtBands(std::size_t channel, Read read) {
-	float *outR = padded(spectrumReal, channel) + padded::before;
-	float *outI = padded(spectrumImag, channel) + padded::before;
-	for (std::size_t b = 0; b < bandCount; ++b) {
-		std::size_t i = bandBin[b];
-		if (i >= fftBins) continue;
-		float f = bandFraction[b];
-		float re = read.re(b), im = read.im(b);
-		outR[i] += (1 - f) * re;
-		outI[i] += (1 - f) * im;
-		if (i < fftBins - 1) {
-			outR[i + 1] += f * re;
-			outI[i + 1] += f * im;
-		}
+	scatterPair(allRuns, [&read](std::size_t b, float &re, float &im) { re = read.re(b), im = read.im(b); },
+		padded(spectrumReal, channel), padded(spectrumImag, channel));
+}
+
+namespace {
+
+// Bin index and fraction of each frequency, for a run of up to positionChunk
+// values, in a loop that vectorises (floor is one instruction from SSE4.1 on).
+constexpr std::size_t positionChunk = 64;
+
+LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t count, float fftSize, float rate,
+	float *__restrict floored, float *__restrict fraction) {
+	for (std::size_t b = 0; b < count; ++b) {
+		float p = hz[b] * fftSize / rate;
+		float down = std::floor(p);
+		floored[b] = down;
+		fraction[b] = p - down;
 	}
 }
 
+} // namespace
+
+// Values in a row tend to fall on the same or the next bin as the one before,
+// so the two bins in hand are summed in registers and written when the bin
+// changes: the same additions in the same order as one value at a time.
 template <class Read>
 void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *hz, std::size_t count) {
 	if (count == 0) return;
 	float *outR = padded(spectrumReal, channel) + padded::before;
 	float *outI = padded(spectrumImag, channel) + padded::before;
-	float fftSize = float(fftSamples);
-	float rate = sampleRate;
-	for (std::size_t b = 0; b < count; ++b) {
-		float p = hz[b] * fftSize / rate;
-		float floored = std::floor(p);
-		std::size_t i = binIndex(floored);
-		if (i >= fftBins) continue;
-		float f = p - floored;
-		float re = read.re(b), im = read.im(b);
-		outR[i] += (1 - f) * re;
-		outI[i] += (1 - f) * im;
-		if (i < fftBins - 1) {
-			outR[i + 1] += f * re;
-			outI[i + 1] += f * im;
+	std::size_t top = fftBins - 1;
+	std::size_t held = fftBins; // the bin in hand; none yet
+	float loR = 0, loI = 0, hiR = 0, hiI = 0;
+	auto flush = [&] {
+		outR[held] = loR;
+		outI[held] = loI;
+		if (held < top) {
+			outR[held + 1] = hiR;
+			outI[held + 1] = hiI;
+		}
+	};
+	float floored[positionChunk], fraction[positionChunk];
+	for (std::size_t start = 0; start < count; start += positionChunk) {
+		std::size_t n = std::min(positionChunk, count - start);
+		binPositions(hz + start, n, float(fftSamples), sampleRate, floored, fraction);
+		for (std::size_t k = 0; k < n; ++k) {
+			std::size_t i = binIndex(floored[k]);
+			if (i >= fftBins) continue;
+			if (i != held) {
+				if (held < fftBins) {
+					if (i == held + 1) {
+						// The upper bin in hand becomes the lower one.
+						outR[held] = loR;
+						outI[held] = loI;
+						loR = hiR;
+						loI = hiI;
+					} else {
+						flush();
+						loR = outR[i];
+						loI = outI[i];
+					}
+				} else {
+					loR = outR[i];
+					loI = outI[i];
+				}
+				held = i;
+				// The entry above the top bin is padding, read but never written.
+				hiR = outR[i + 1];
+				hiI = outI[i + 1];
+			}
+			float f = fraction[k];
+			float re = read.re(start + k), im = read.im(start + k);
+			loR += (1 - f) * re;
+			loI += (1 - f) * im;
+			hiR += f * re;
+			hiI += f * im;
 		}
 	}
+	if (held < fftBins) flush();
 }
 
 // The quick path compares against the engine's row at the stride of the padded

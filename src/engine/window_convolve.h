@@ -24,7 +24,7 @@ struct WindowKernel {
 namespace detail {
 
 template <bool imaginary>
-inline void foldPadding(float *row, std::size_t fftBins) {
+inline void foldLowPadding(float *row) {
 	for (std::size_t k = 0; k < 5; ++k) {
 		float a = row[k], b = row[10 - k];
 		if (imaginary) {
@@ -35,6 +35,11 @@ inline void foldPadding(float *row, std::size_t fftBins) {
 			row[k] = row[10 - k] = a + b;
 		}
 	}
+}
+
+template <bool imaginary>
+inline void foldPadding(float *row, std::size_t fftBins) {
+	foldLowPadding<imaginary>(row);
 	for (std::size_t m = 1; m <= 6; ++m) {
 		std::size_t a = fftBins + 4 - m, b = fftBins + 4 + m;
 		if (imaginary) {
@@ -48,11 +53,11 @@ inline void foldPadding(float *row, std::size_t fftBins) {
 }
 
 // One form per half-length so the coefficients stay in registers.
+// Output indices from bin 0 up to `end`.
 template <std::size_t T>
-inline void symmetricFir(const float *__restrict in, float *__restrict out, const float *kernel, std::size_t fftBins) {
+inline void symmetricFir(const float *__restrict in, float *__restrict out, const float *kernel, std::size_t end) {
 	float k[T + 1];
 	for (std::size_t t = 0; t <= T; ++t) k[t] = kernel[t];
-	std::size_t end = fftBins + padded::before;
 	for (std::size_t i = padded::before; i < end; ++i) {
 		float sum = k[0] * in[i];
 		for (std::size_t t = 1; t <= T; ++t) sum += k[t] * (in[i - t] + in[i + t]);
@@ -60,19 +65,36 @@ inline void symmetricFir(const float *__restrict in, float *__restrict out, cons
 	}
 }
 
+inline void symmetricFir(const float *in, float *out, const WindowKernel &kernel, std::size_t end) {
+	switch (kernel.taps) {
+	case 6: symmetricFir<5>(in, out, kernel.coefficients, end); break;
+	case 5: symmetricFir<4>(in, out, kernel.coefficients, end); break;
+	case 4: symmetricFir<3>(in, out, kernel.coefficients, end); break;
+	default: symmetricFir<2>(in, out, kernel.coefficients, end); break;
+	}
+}
+
 } // namespace detail
+
+// The kernel reaches at most this many bins either side.
+constexpr std::size_t kernelReach = 5;
 
 // `in` is modified when folding. `out` must not overlap `in`.
 template <bool imaginary>
 inline void stftWindowConvolve(float *in, float *out, const WindowKernel &kernel, std::size_t fftBins, bool fold) {
 	if (fold) detail::foldPadding<imaginary>(in, fftBins);
-	switch (kernel.taps) {
-	case 6: detail::symmetricFir<5>(in, out, kernel.coefficients, fftBins); break;
-	case 5: detail::symmetricFir<4>(in, out, kernel.coefficients, fftBins); break;
-	case 4: detail::symmetricFir<3>(in, out, kernel.coefficients, fftBins); break;
-	default: detail::symmetricFir<2>(in, out, kernel.coefficients, fftBins); break;
-	}
+	detail::symmetricFir(in, out, kernel, fftBins + padded::before);
 	padded::mirror<imaginary>(out, fftBins);
+}
+
+// The same with folding, for a row that is zero from index `end` - kernelReach
+// up to its end, far enough below the top that the folds there would only move
+// zeros: output indices from bin 0 up to `end`, and no padding. Where the full
+// form gives a signed zero, this may give the other sign.
+template <bool imaginary>
+inline void stftWindowConvolveLow(float *in, float *out, const WindowKernel &kernel, std::size_t end) {
+	detail::foldLowPadding<imaginary>(in);
+	detail::symmetricFir(in, out, kernel, end);
 }
 
 } // namespace varkesh::lumbrel
