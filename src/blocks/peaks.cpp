@@ -7,6 +7,7 @@ namespace varkesh::lumbrel {
 void Peaks<float>::init(LumbrelEffect<float> &effect) {
 	energyBuffer.assign(effect.bands, 0.0f);
 	hzBuffer.assign(effect.bands, 0.0f);
+	weightSum.assign(effect.bands, 0.0f);
 	energy = energyBuffer.data();
 	hz = hzBuffer.data();
 	// Sized rather than reserved, so that the capacity is exact; update() clears
@@ -50,9 +51,21 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 			for (std::size_t b = 0; b < n; ++b) h[b] = hz0[b];
 			hz = h;
 		}
-		// Running, unweighted mean across channels.
-		const float count = float(c + 1);
-		for (std::size_t b = 0; b < n; ++b) h[b] += (hzc[b] - h[b]) / count;
+		// Mean across channels weighted by each channel's energy in the band:
+		// a band that is silent in one channel measures there only the leakage
+		// of its neighbours, whose frequency must not pull the band's.
+		const float *__restrict re = effect.inputReal(c);
+		const float *__restrict im = effect.inputImag(c);
+		const float *__restrict re0 = effect.inputReal(0);
+		const float *__restrict im0 = effect.inputImag(0);
+		if (c == 1) {
+			for (std::size_t b = 0; b < n; ++b) weightSum[b] = re0[b] * re0[b] + im0[b] * im0[b] + 1e-30f;
+		}
+		for (std::size_t b = 0; b < n; ++b) {
+			const float w = re[b] * re[b] + im[b] * im[b];
+			weightSum[b] += w;
+			h[b] += (hzc[b] - h[b]) * (w / weightSum[b]);
+		}
 	}
 
 	if (weighted) {

@@ -40,6 +40,7 @@ public:
 	BumpVector<Peak<float>> peaks; // this frame's peaks, in rising band order
 	BumpVector<float> energyBuffer;
 	BumpVector<float> hzBuffer; // the frequency curve when it has to be computed
+	BumpVector<float> weightSum; // working row: energy summed over the channels read so far
 
 	// [set-up, allocates] Sizes the buffers to `bands` and reserves the peak
 	// list at bands/2 + 1, which no frame can exceed: two tops never touch.

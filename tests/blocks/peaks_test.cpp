@@ -207,7 +207,14 @@ TEST(Peaks, EnergySumsChannelsAndFrequencyAveragesThem) {
 				expected += double(e.inputReal(c)[b]) * e.inputReal(c)[b] + double(e.inputImag(c)[b]) * e.inputImag(c)[b];
 			}
 			worstEnergy = std::max(worstEnergy, std::abs(peaks.energy[b] - expected) / expected);
-			double meanHz = 0.5 * (double(e.inputHz(0)[b]) + e.inputHz(1)[b]);
+			// The channels' frequencies weighted by their energy in the band.
+			double weighted = 0, total = 1e-30;
+			for (std::size_t c = 0; c < 2; ++c) {
+				const double energy = double(e.inputReal(c)[b]) * e.inputReal(c)[b] + double(e.inputImag(c)[b]) * e.inputImag(c)[b];
+				weighted += energy * e.inputHz(c)[b];
+				total += energy;
+			}
+			double meanHz = weighted / total;
 			worstHz = std::max(worstHz, std::abs(peaks.hz[b] - meanHz));
 		}
 		++frames;
