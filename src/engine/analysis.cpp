@@ -44,7 +44,7 @@ void measureRows(float *__restrict ar, float *__restrict ai, float *__restrict q
 		ar[b] += 2 * (pr[b] * xr[b] + pi[b] * xi[b]);
 		ai[b] += 2 * (pr[b] * xi[b] - pi[b] * xr[b]);
 		q[b] = q[b] + ((xr[b] * xr[b] + xi[b] * xi[b]) + (pr[b] * pr[b] + pi[b] * pi[b]));
-		hz[b] = nominal[b] + rate * (1 / 6.2831855f) * std::atan2(ai[b], ar[b]);
+		hz[b] = nominal[b] + (rate * ai[b]) / (6.2831855f * q[b] + 1e-30f);
 		float inv = 1 / (q[b] + 1e-30f);
 		zr[b] = ar[b] * inv;
 		zi[b] = ai[b] * inv;
