@@ -27,9 +27,9 @@ class Peaks;
 // - peaks[0].start is 0, each peak's end is the next one's start, the last end
 //   is `bands`, and every peak holds at least one band;
 // - `energy` points at energyBuffer and `hz` at hzBuffer: each band's frequency
-//   from the phase step of its values since the last frame (the analysis'
-//   own frequency row, which trails a glide by its memory, only for a band
-//   with no history).
+//   from the phase step of its values since the last frame (not the
+//   analysis' frequency row, which trails a glide by its memory); a band with
+//   no history reads its own frequency.
 //
 // An owner's reset() zeroes energyBuffer and the peak list; update() keeps
 // only the last frame's band values across frames.
