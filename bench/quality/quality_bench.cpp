@@ -317,9 +317,9 @@ Results measure(const std::function<std::unique_ptr<Shifter>(double)> &make, con
 			const Signal out = hostOutput(*fresh, in);
 			std::vector<double> shifted;
 			for (double hz : chord) shifted.push_back(hz * ratio);
-			const auto spec = toneSpectrum(out, std::size_t(0.5 * rate), 65536, shifted, rate);
+			const auto chordSpectrum = toneSpectrum(out, std::size_t(0.5 * rate), 65536, shifted, rate);
 			double lo = 1e9, hi = -1e9;
-			for (double a : spec.partialAmplitude) {
+			for (double a : chordSpectrum.partialAmplitude) {
 				lo = std::min(lo, dB(a / 0.08));
 				hi = std::max(hi, dB(a / 0.08));
 			}
