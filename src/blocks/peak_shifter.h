@@ -90,7 +90,7 @@ public:
 		float *gainsReal = gains.gainsReal.data();
 		float *gainsImag = gains.gainsImag.data();
 		float *outHz = gains.hz.data();
-		const float *peaksHz = peaks.hz;
+		const float *bandHz = gains.nominalHz.data();
 		// Phase gained per Hz of shift in one frame.
 		const float radiansPerHz = 6.2831855f / effect.subRate;
 
@@ -120,7 +120,7 @@ public:
 			for (std::size_t k = peak.start; k < peak.end; ++k) {
 				gainsReal[k] = re;
 				gainsImag[k] = im;
-				outHz[k] = peaksHz[k] + shift;
+				outHz[k] = bandHz[k] + shift;
 			}
 		}
 		gains.smooth(effect, peaks.energy, false);

@@ -26,11 +26,13 @@ class Peaks;
 // After update():
 // - peaks[0].start is 0, each peak's end is the next one's start, the last end
 //   is `bands`, and every peak holds at least one band;
-// - `energy` points at energyBuffer; `hz` points at hzBuffer or straight at the
-//   engine's inputHz(0) row, so it is valid only inside the same onSpectrum().
+// - `energy` points at energyBuffer and `hz` at hzBuffer: each band's frequency
+//   from the phase step of its values since the last frame (not the
+//   analysis' frequency row, which trails a glide by its memory); a band with
+//   no history reads its own frequency.
 //
-// An owner's reset() zeroes energyBuffer and the peak list; update() keeps no
-// memory across frames.
+// An owner's reset() zeroes energyBuffer and the peak list; update() keeps
+// only the last frame's band values across frames.
 template<>
 class Peaks<float> {
 public:
@@ -40,6 +42,9 @@ public:
 	BumpVector<Peak<float>> peaks; // this frame's peaks, in rising band order
 	BumpVector<float> energyBuffer;
 	BumpVector<float> hzBuffer; // the frequency curve when it has to be computed
+	BumpVector<float> nominalHz, rotateReal, rotateImag; // each band's own frequency and its step per frame
+	BumpVector<float> previousReal, previousImag;        // last frame's band values, channel after channel
+	BumpVector<float> stepReal, stepImag;                // working rows: phase step summed over channels
 
 	// [set-up, allocates] Sizes the buffers to `bands` and reserves the peak
 	// list at bands/2 + 1, which no frame can exceed: two tops never touch.

@@ -13,7 +13,8 @@ namespace platform = varkesh::linear::platform;
 void SmoothedGains<float>::init(LumbrelEffect<float> &effect) {
 	const std::size_t n = effect.bands;
 	hz.resize(n);
-	for (std::size_t b = 0; b < n; ++b) hz[b] = effect.nominalHz(b);
+	nominalHz.resize(n);
+	for (std::size_t b = 0; b < n; ++b) hz[b] = nominalHz[b] = effect.nominalHz(b);
 	for (auto *row : {&gainsReal, &gainsImag, &outReal, &outImag, &magnitudes, &previousEnergy, &weightedReal,
 			 &weightedImag, &weightedAbs, &smoothedAbs}) {
 		row->resize(n);

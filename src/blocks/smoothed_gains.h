@@ -33,6 +33,7 @@ public:
 	float transientBoost = 0;     // extra level on transients
 
 	BumpVector<float> hz;                   // output frequency per band, Hz
+	BumpVector<float> nominalHz;            // each band's own frequency, Hz, fixed by init
 	BumpVector<float> gainsReal, gainsImag; // the complex gain per band
 	BumpVector<float> outReal;              // working row; addOutput's real output
 	BumpVector<float> outImag;              // working row; addOutput's imaginary output

@@ -157,10 +157,12 @@ TEST_F(PitchShifter, EveryPartialLandsWithinFiveCentsOfItsTarget) {
 			const double level = dB(magnitudeAt(out[0], from, window, target, rate) / 0.02);
 			quietest = std::min(quietest, level);
 			EXPECT_LT(std::fabs(error), 5) << semitones << " semitones, partial " << k << " at " << target << " Hz";
-			// Partials resolved one by one keep their level; near the band grid's
-			// knee (about 6.5 kHz) neighbours share bands and the level varies.
+			// Partials resolved one by one keep their level to within the error
+			// of placing moved bands between two bins (up to about 1.7 dB, by
+			// where the partial lands); near the band grid's knee (about
+			// 6.5 kHz) neighbours share bands and the level varies more.
 			if (k * f0 < 5700) {
-				EXPECT_NEAR(level, 0, 1.5) << semitones << " semitones, partial " << k;
+				EXPECT_NEAR(level, 0, 2.0) << semitones << " semitones, partial " << k;
 			}
 		}
 		std::printf("shift %+d: worst partial %+.2f cents (at %.0f Hz); weakest partial %.1f dB re input (all 36)\n", semitones,

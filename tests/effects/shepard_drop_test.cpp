@@ -160,7 +160,10 @@ TEST_F(ShepardDrop, FallingControlGlidesDownWithoutEndAtSteadyLoudness) {
 	// partial is where it was.
 	double worstCents = 0;
 	for (std::size_t i = 0; i + 4 < strongest.size(); ++i) {
-		worstCents = std::max(worstCents, std::fabs(cents(strongest[i + 4], strongest[i])));
+		// The partials are an octave apart and two of them can be equally strong
+		// at the top of the bell: compare pitch classes.
+		const double c = std::fmod(std::fabs(cents(strongest[i + 4], strongest[i])), 1200.0);
+		worstCents = std::max(worstCents, std::min(c, 1200 - c));
 	}
 	std::printf("strongest partial 2 s later: within %.2f cents of where it was\n", worstCents);
 	EXPECT_LT(worstCents, 10);

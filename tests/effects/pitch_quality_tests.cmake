@@ -1,0 +1,1 @@
+lumbrel_add_test(effects_pitch_quality_test SOURCES pitch_quality_test.cpp BUNDLE)
