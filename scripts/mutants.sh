@@ -165,7 +165,7 @@ echo "mutants: copying the tree to ${tree#"$root"/}"
 # Tracked and new files as they are in the working tree, nothing ignored.
 # Files deleted since the last run go too; build/ stays, for the next rebuild.
 find "$tree" -mindepth 1 -maxdepth 1 ! -name build ! -name node_modules -exec rm -rf {} +
-git ls-files -z --cached --others --exclude-standard | rsync -a --from0 --files-from=- ./ "$tree/"
+git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf - | tar -xf - -C "$tree"
 [ -d "$root/node_modules" ] || scripts/setup-web.sh > /dev/null
 ln -sfn "$root/node_modules" "$tree/node_modules"
 
