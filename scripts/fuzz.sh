@@ -52,9 +52,15 @@ fi
 # this tree as it left it and builds nothing twice.
 echo "fuzz: building ${#sources[@]} targets in ${out#"$root"/}"
 mkdir -p "$out"
+# The sanitizer runtime as a shared library for every binary: the bundle and
+# the editor library are linked with --no-undefined, which clang's static
+# runtime (linked into executables only) cannot satisfy.
+runtime="$(dirname "$("$cxx" -print-file-name=libclang_rt.asan-x86_64.so)")"
+link_flags="-shared-libasan -Wl,-rpath,$runtime"
 cmake -S "$root" -B "$out" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" \
 	-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMBREL_SANITIZE=fuzzer-no-link,address,undefined \
 	-DCMAKE_CXX_FLAGS="-fsanitize-coverage-ignorelist=$root/fuzz/coverage_ignorelist.txt" \
+	-DCMAKE_EXE_LINKER_FLAGS="$link_flags" -DCMAKE_SHARED_LINKER_FLAGS="$link_flags" -DCMAKE_MODULE_LINKER_FLAGS="$link_flags" \
 	-DLUMBREL_FUZZ=ON -DLUMBREL_TESTS=ON -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=ON > "$out/configure.log" 2>&1 ||
 	{ cat "$out/configure.log" >&2; echo "fuzz: FAILED to configure the build" >&2; exit 1; }
 targets=()
@@ -87,7 +93,8 @@ for target in "${targets[@]}"; do
 
 	echo "fuzz: running $target for ${seconds} s over $(ls "$corpus" | wc -l) seeds (log: ${log#"$root"/})"
 	# shellcheck disable=SC2086
-	if "$binary" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
+	# libFuzzer's own libraries load before the shared runtime; that is harmless here.
+	if ASAN_OPTIONS="${ASAN_OPTIONS:-}:verify_asan_link_order=0" "$binary" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
 		-print_final_stats=1 -artifact_prefix="$artifacts" ${FUZZ_FLAGS:-} "$corpus" > "$log" 2>&1; then
 		runs="$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || echo '?')"
 		echo "fuzz: $target passed: $runs runs, corpus now $(ls "$corpus" | wc -l) inputs"
