@@ -118,6 +118,10 @@ fault page "templating: a null merge keeps the key" src/web/page/src/zelmar.js \
 fault page "stepper goes past its top" src/web/page/src/page.js \
 	'function stepUp(d) { d.value = Math.min(d.value + 1, d.high); }' \
 	'function stepUp(d) { d.value = Math.min(d.value + 1, d.high + 1); }'
+# ---- later additions, at the end so that earlier numbers stay
+fault effects "engine built from an unclamped resolution" src/effects/lumbrel_quorl.h \
+	'const double resolution = withinRange(engineConfig.resolution.value, 5, 40);' \
+	'const double resolution = engineConfig.resolution.value;'
 
 # Replaces OLD by NEW in FILE, which must hold OLD exactly once.
 substitute() {
