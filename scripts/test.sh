@@ -1,22 +1,42 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs every test. Exits non-zero if any test fails.
+# Sets up, builds and runs every test, printing each stage's time. Exits
+# non-zero if any test fails. What CI runs.
+#
+# Lengths: LUMBREL_STRESS_SECONDS (automation stress, seconds of audio per
+# plug-in and rate; default 20) and LUMBREL_FUZZ_SECONDS (each fuzz target;
+# default 30).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
-scripts/build.sh
+export LUMBREL_STRESS_SECONDS=${LUMBREL_STRESS_SECONDS:-20}
 build_dir=${LUMBREL_BUILD_DIR:-build}
-ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
+
+report=()
+stage() {
+	local name=$1 start=$SECONDS
+	shift
+	echo "test.sh: ---- $name"
+	"$@"
+	report+=("$(printf '%-28s %4d s' "$name" $((SECONDS - start)))")
+	echo "test.sh: $name took $((SECONDS - start)) s"
+}
+trap 'echo "test.sh: stage times:"; printf "  %s\n" "${report[@]}"' EXIT
+
+stage "setup" scripts/setup.sh
+# Node.js, Chromium and the page's npm packages: the page tests, and the
+# ctest tests that run lumbrel-editor and the demo page.
+stage "web setup" scripts/setup-web.sh
+stage "build (Release)" scripts/build.sh
+stage "C++ tests (ctest)" ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"
 # The editor page: codec, templating library, the page in jsdom and in Chromium.
-scripts/test-web.sh
-# Every fuzz target for a bounded time (LUMBREL_FUZZ_SECONDS, default 60 s each).
-scripts/fuzz.sh "${LUMBREL_FUZZ_SECONDS:-60}"
-# The whole C++ suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
-# and the threaded web tests under ThreadSanitizer.
-scripts/test-sanitizers.sh
+stage "page tests" scripts/test-web.sh
+# One clang tree under AddressSanitizer and UndefinedBehaviorSanitizer, with
+# coverage for libFuzzer: the whole C++ suite, then every fuzz target; and the
+# threaded web tests under ThreadSanitizer.
+stage "sanitizers and fuzzing" scripts/test-sanitizers.sh
 # The macOS bundle, cross-built, and checked as a Mac host would see it.
-scripts/build-macos.sh
-scripts/check-macos-bundle.sh
+stage "macOS bundle" scripts/build-macos.sh
+stage "macOS bundle checks" scripts/check-macos-bundle.sh
 # The macOS Accelerate code run on Linux against vDSP/vForce as documented.
-scripts/test-accelerate-path.sh
+stage "Accelerate path" scripts/test-accelerate-path.sh
 # The portable signal path built for arm64 and run under qemu-aarch64.
-scripts/test-arm64.sh
+stage "arm64 under QEMU" scripts/test-arm64.sh

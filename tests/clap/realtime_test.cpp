@@ -5,6 +5,7 @@
 #include "host/events.h"
 #include "host/host.h"
 #include "host/instance.h"
+#include "host/key_paths.h"
 #include "support/alloc_counter.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <mutex>
 #include <random>
 #include <vector>
@@ -50,10 +52,15 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		ASSERT_TRUE(instance.startProcessing());
 		InputEvents events;
 		OutputEvents output;
-		// Host automation of the last parameter (never an engine setting, whose
-		// change rebuilds the effect by design), which also queues page updates.
-		clap_param_info automated{};
-		const bool automate = instance.paramCount() > 0 && instance.paramInfo(instance.paramCount() - 1, automated);
+		// Host automation of every parameter but the engine settings and the
+		// channel mode (whose change rebuilds the effect by design), in range and
+		// far outside it; it also queues page updates.
+		std::vector<clap_id> automated;
+		std::vector<std::uint8_t> state;
+		ASSERT_TRUE(instance.saveState(state));
+		for (const auto &path : stateKeyPaths(state.data(), state.size()))
+			if (path.keys.front() != "engineConfig" && path.keys.front() != "channelMode") automated.push_back(path.id);
+		const double hostile[] = {-1e9, -3, -0.25, 0, 0.5, 1, 1.02, 2, 100, 1e9};
 
 		// Counts only inside process(); with `page`, the main thread takes its
 		// turn between blocks and drains the ring, as a host with the editor open.
@@ -66,9 +73,9 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 					right[i] = std::sin(0.05f * float(i));
 				}
 				events.clear();
-				if (automate && b % 3 == 0) {
-					const double span = automated.max_value - automated.min_value;
-					events.paramValue(frames / 2, automated.id, automated.min_value + span * double(random() % 1000) / 999.0);
+				for (int e = 0; e < 3 && !automated.empty(); ++e) {
+					const double value = random() % 2 ? double(random() % 1000) / 999.0 : hostile[random() % std::size(hostile)];
+					events.paramValue(std::uint32_t(random() % frames), automated[random() % automated.size()], value);
 				}
 				output.clear();
 				const std::size_t allocationsBefore = lumbrel_test::allocationCount();

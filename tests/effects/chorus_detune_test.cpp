@@ -139,14 +139,3 @@ TEST_F(DetuneChorus, CrispModeAlignsTheVoicesAtOnsets) {
 	EXPECT_GT(level[1], level[0] + 1);
 	EXPECT_LT(residual[1], residual[0] - 3);
 }
-
-TEST_F(DetuneChorus, HostileAutomationStaysFiniteAndAllocatesNothing) {
-	PluginRunner runner(*bundle, detuneId);
-	ASSERT_TRUE(runner.ok);
-	const auto result = automate(runner,
-		{chorusParam("mix"), chorusParam("detune"), chorusParam("spin"), chorusParam("width")}, chorusParam("crisp"), 11);
-	std::printf("detune chorus, automation: %zu non-finite samples, peak %.2f\n", result.bad, result.peak);
-	EXPECT_EQ(result.bad, 0u);
-	EXPECT_LT(result.peak, 20);
-	EXPECT_EQ(result.allocations, 0u);
-}

@@ -60,46 +60,4 @@ inline double spreadCents(const std::vector<float> &x, std::size_t from, std::si
 	return std::sqrt(std::max(sumSquares / weight - mean * mean, 0.0));
 }
 
-struct AutomationResult {
-	std::size_t bad = 0; // samples that were not finite
-	double peak = 0;
-	std::size_t allocations = 0; // in the measured part, after a warm-up
-};
-
-// Noise over a tone on the left and gated bursts on the right, in blocks of
-// random length, with four value events a block: `ranged` at random positions
-// from -2 to 3 or at far extremes, `stepped` (if not 0) at integers from -3
-// to 3.
-inline AutomationResult automate(
-	PluginRunner &runner, const std::vector<clap_id> &ranged, clap_id stepped, unsigned seed) {
-	const double extremes[] = {-1e9, -100, -3, -1, -0.25, 0, 1, 1.02, 1.06, 1.25, 2, 7, 100, 1e9};
-	const std::size_t length = 96000; // ten bursts
-	std::vector<float> left(length), right(length);
-	std::mt19937 noiseSeed(seed);
-	std::normal_distribution<float> noise(0, 0.2f);
-	for (std::size_t n = 0; n < length; ++n) {
-		left[n] = 0.3f * std::sin(0.13f * float(n)) + noise(noiseSeed);
-		right[n] = (n / 4800) % 2 ? 0.0f : 0.5f * std::sin(0.021f * float(n));
-	}
-	RandomBlocks blocks(runner, seed, left, right);
-	auto &random = blocks.random;
-	std::uniform_real_distribution<double> position(-2, 3);
-	auto events = [&](std::uint32_t frames) {
-		for (int e = 0; e < 4; ++e) {
-			const auto time = std::uint32_t(random() % frames);
-			if (stepped && random() % 5 == 0) {
-				runner.events.paramValue(time, stepped, double(int(random() % 7) - 3));
-			} else {
-				const double value = random() % 3 ? position(random) : extremes[random() % std::size(extremes)];
-				runner.events.paramValue(time, ranged[random() % ranged.size()], value);
-			}
-		}
-	};
-	blocks.play(200, events);
-	AllocationScope scope;
-	blocks.play(2000, events);
-	const std::size_t allocations = allocationCountingAvailable() ? scope.count() : 0;
-	return {blocks.bad, blocks.peak, allocations};
-}
-
 } // namespace lumbrel_test

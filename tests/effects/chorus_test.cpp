@@ -192,18 +192,3 @@ TEST_F(SpectralChorus, WithoutTheRandomDeviceInstancesStillDiffer) {
 	std::printf("spectral chorus, no random device: difference %.1f dB\n", difference);
 	EXPECT_GT(difference, -10);
 }
-
-TEST_F(SpectralChorus, HostileAutomationStaysFiniteAndAllocatesNothing) {
-	PluginRunner runner(*bundle, chorusId);
-	ASSERT_TRUE(runner.ok);
-	const auto result = automate(runner,
-		{paramId({"peaksConfig", "smoothing"}), paramId({"gainsConfig", "phaseSmoothing"}),
-			paramId({"gainsConfig", "detailBoost"}), paramId({"gainsConfig", "transientReset"}),
-			paramId({"gainsConfig", "transientBoost"}), chorusParam("detune"), chorusParam("antiWarble"),
-			chorusParam("width"), chorusParam("mix")},
-		0, 7);
-	std::printf("spectral chorus, automation: %zu non-finite samples, peak %.2f\n", result.bad, result.peak);
-	EXPECT_EQ(result.bad, 0u);
-	EXPECT_LT(result.peak, 20);
-	EXPECT_EQ(result.allocations, 0u);
-}

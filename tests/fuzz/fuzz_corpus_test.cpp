@@ -1,7 +1,8 @@
 // Replays a fuzz target's seed corpus through the target itself in the
 // ordinary test build: every seed, and prefixes of it (every
 // LUMBREL_FUZZ_PREFIX_STEP-th length), so that a seed also stands for the
-// inputs that stop inside it.
+// inputs that stop inside it. A target's failed check aborts the process,
+// which fails this test; its return value says nothing.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -24,9 +25,9 @@ TEST(FuzzCorpus, SeedsAndTheirPrefixesPassTheChecks) {
 		for (std::size_t length = 0; length <= seed.size(); length += LUMBREL_FUZZ_PREFIX_STEP) {
 			// An exact-size copy, so that a sanitizer build sees any read past the end.
 			const std::vector<std::uint8_t> prefix(seed.begin(), seed.begin() + std::ptrdiff_t(length));
-			EXPECT_EQ(LLVMFuzzerTestOneInput(prefix.data(), prefix.size()), 0);
+			LLVMFuzzerTestOneInput(prefix.data(), prefix.size());
 		}
-		EXPECT_EQ(LLVMFuzzerTestOneInput(seed.data(), seed.size()), 0);
+		LLVMFuzzerTestOneInput(seed.data(), seed.size());
 		++seeds;
 	}
 	EXPECT_GE(seeds, std::size_t(LUMBREL_FUZZ_MIN_SEEDS));
