@@ -13,6 +13,7 @@
 #include "host/bundle.h"
 #include "support/param_ids.h"
 #include "support/plugin_runner.h"
+#include "support/quality_measures.h"
 #include "support/signals.h"
 
 #include <benchmark/benchmark.h>
@@ -174,45 +175,6 @@ double halfPowerTime(const std::vector<float> &x, double steadyPower) {
 		if ((sum[i + half] - sum[i - half]) / double(2 * half) >= 0.5 * steadyPower) return double(i);
 	}
 	return double(x.size());
-}
-
-// In-place radix-2 transform; size a power of two.
-void fft(std::vector<std::complex<double>> &x) {
-	const std::size_t n = x.size();
-	for (std::size_t i = 1, j = 0; i < n; ++i) {
-		std::size_t bit = n >> 1;
-		for (; j & bit; bit >>= 1) j ^= bit;
-		j ^= bit;
-		if (i < j) std::swap(x[i], x[j]);
-	}
-	for (std::size_t length = 2; length <= n; length <<= 1) {
-		const std::complex<double> step = std::polar(1.0, -2 * pi / double(length));
-		for (std::size_t i = 0; i < n; i += length) {
-			std::complex<double> w = 1;
-			for (std::size_t k = 0; k < length / 2; ++k, w *= step) {
-				const auto a = x[i + k], b = x[i + k + length / 2] * w;
-				x[i + k] = a + b;
-				x[i + k + length / 2] = a - b;
-			}
-		}
-	}
-}
-
-// Amplitude spectrum of x[from, from + length) under a 4-term Blackman-Harris
-// window: sidelobes 92 dB down, main lobe 4 bins either side.
-std::vector<double> amplitudeSpectrum(const std::vector<float> &x, std::size_t from, std::size_t length) {
-	std::vector<std::complex<double>> bins(length);
-	double windowSum = 0;
-	for (std::size_t i = 0; i < length; ++i) {
-		const double phase = 2 * pi * double(i) / double(length);
-		const double w = 0.35875 - 0.48829 * std::cos(phase) + 0.14128 * std::cos(2 * phase) - 0.01168 * std::cos(3 * phase);
-		bins[i] = w * double(x[from + i]);
-		windowSum += w;
-	}
-	fft(bins);
-	std::vector<double> amplitude(length / 2);
-	for (std::size_t k = 0; k < length / 2; ++k) amplitude[k] = 2 * std::abs(bins[k]) / windowSum;
-	return amplitude;
 }
 
 struct Quality {
