@@ -108,9 +108,13 @@ void SmoothedGains<float>::smooth(LumbrelEffect<float> &effect, const float *ene
 	if (boost != 0) platform::complexAbs(before, wr, wi, n);
 
 	const float width = phaseSmoothing * 0.01f * resolution;
-	smoothBands(wr, n, width);
-	smoothBands(wi, n, width);
-	if (boost != 0) smoothBands(before, n, width);
+	if (boost != 0) {
+		float *const rows[] = {wr, wi, before};
+		smoothBandsRows(rows, n, width);
+	} else {
+		float *const rows[] = {wr, wi};
+		smoothBandsRows(rows, n, width);
+	}
 
 	float *__restrict after = smoothedAbs.data();
 	platform::complexAbs(after, wr, wi, n);
