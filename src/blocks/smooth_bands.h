@@ -33,6 +33,31 @@ inline void smoothBandsRows(float *const (&x)[K], std::size_t count, float width
 	}
 }
 
+// [audio-thread] smoothBandsRows over `rowCount` rows of any number, eight at a
+// time (enough chains to keep the multipliers and adders busy).
+inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_t count, float width) {
+	for (; rowCount >= 8; rows += 8, rowCount -= 8) {
+		float *const group[8] = {rows[0], rows[1], rows[2], rows[3], rows[4], rows[5], rows[6], rows[7]};
+		smoothBandsRows(group, count, width);
+	}
+	if (rowCount >= 4) {
+		float *const group[4] = {rows[0], rows[1], rows[2], rows[3]};
+		smoothBandsRows(group, count, width);
+		rows += 4;
+		rowCount -= 4;
+	}
+	if (rowCount >= 2) {
+		float *const group[2] = {rows[0], rows[1]};
+		smoothBandsRows(group, count, width);
+		rows += 2;
+		rowCount -= 2;
+	}
+	if (rowCount == 1) {
+		float *const group[1] = {rows[0]};
+		smoothBandsRows(group, count, width);
+	}
+}
+
 inline void smoothBands(float *x, std::size_t count, float width) {
 	float *const rows[1] = {x};
 	smoothBandsRows(rows, count, width);
