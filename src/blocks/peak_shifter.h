@@ -87,6 +87,23 @@ public:
 	// smooths the gains. Allocates nothing.
 	template<class PeakMapFn>
 	void updateWithPeakMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakMapFn &&peakMapFn) {
+		placeWithPeakMap(effect, peaks, peakMapFn);
+		gains.smooth(effect, peaks.energy, false);
+	}
+
+	// [audio-thread, inside onSpectrum] update(effect, peaks) without the
+	// smoothing, for owners that smooth several shifters at once with
+	// SmoothedGains::smoothAll(effect, peaks.energy, false, ...).
+	void place(LumbrelEffect<float> &effect, const Peaks<float> &peaks) {
+		const PitchMap map = pitchMap();
+		placeWithPeakMap(effect, peaks, [&map](const Peak<float> &peak, float &newHz, float &) {
+			newHz = map(peak.hz);
+		});
+	}
+
+	// [audio-thread, inside onSpectrum] updateWithPeakMap without the smoothing.
+	template<class PeakMapFn>
+	void placeWithPeakMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakMapFn &&peakMapFn) {
 		float *gainsReal = gains.gainsReal.data();
 		float *gainsImag = gains.gainsImag.data();
 		float *outHz = gains.hz.data();
@@ -123,7 +140,6 @@ public:
 				outHz[k] = bandHz[k] + shift;
 			}
 		}
-		gains.smooth(effect, peaks.energy, false);
 	}
 };
 

@@ -107,8 +107,12 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] * e[b];
 	}
 	if (width > 1e-18f) {
-		smoothBands(e, n, width);
-		if (weighted) smoothBands(h, n, width);
+		if (weighted) {
+			float *const rows[] = {e, h};
+			smoothBandsRows(rows, n, width);
+		} else {
+			smoothBands(e, n, width);
+		}
 	}
 	if (weighted) {
 		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] / (e[b] + 1e-30f);

@@ -22,33 +22,94 @@ void SmoothedGains<float>::init(LumbrelEffect<float> &effect) {
 	lowCutBands = effect.nominalBand(lowCutHz);
 }
 
+namespace {
+
+// Smooths rows[i] with widths[i], running rows of equal width (adjacent in the
+// list) side by side.
+void smoothRuns(float *const *rows, const float *widths, std::size_t count, std::size_t bands) {
+	for (std::size_t start = 0; start < count;) {
+		std::size_t end = start + 1;
+		while (end < count && widths[end] == widths[start]) ++end;
+		smoothBandsMany(rows + start, end - start, bands, widths[start]);
+		start = end;
+	}
+}
+
+} // namespace
+
 void SmoothedGains<float>::smooth(LumbrelEffect<float> &effect, const float *energy, bool unitGains) {
+	SmoothedGains *const one[] = {this};
+	smoothAll(effect, energy, unitGains, one, 1);
+}
+
+void SmoothedGains<float>::smoothAll(LumbrelEffect<float> &effect, const float *energy, bool unitGains,
+	SmoothedGains *const *sets, std::size_t count) {
+	constexpr std::size_t batch = 8;
+	for (; count > batch; sets += batch, count -= batch) smoothAll(effect, energy, unitGains, sets, batch);
 	const std::size_t n = effect.bands;
 	const float resolution = effect.resolution;
-	bool magnitudeKnown = !unitGains;
+	float *rows[3 * batch];
+	float widths[3 * batch];
+	std::size_t used = 0;
 
-	float *__restrict r = gainsReal.data();
-	float *__restrict m = gainsImag.data();
-	float *__restrict magnitude = magnitudes.data();
-	const float *__restrict e = energy;
+	for (std::size_t k = 0; k < count; ++k) {
+		SmoothedGains &g = *sets[k];
+		g.fadeEnergy(energy, unitGains);
+		if (g.transientSmoothing > 0) {
+			rows[used] = g.outImag.data();
+			widths[used++] = resolution * g.transientSmoothing;
+		}
+	}
+	smoothRuns(rows, widths, used, n);
 
-	if (!unitGains) platform::complexAbs(magnitude, r, m, n);
+	used = 0;
+	for (std::size_t k = 0; k < count; ++k) {
+		SmoothedGains &g = *sets[k];
+		g.weigh(energy, unitGains);
+		const float width = g.phaseSmoothing * 0.01f * resolution;
+		rows[used] = g.weightedReal.data();
+		widths[used++] = width;
+		rows[used] = g.weightedImag.data();
+		widths[used++] = width;
+		if (g.detailBoost != 0) {
+			rows[used] = g.weightedAbs.data();
+			widths[used++] = width;
+		}
+	}
+	smoothRuns(rows, widths, used, n);
+
+	for (std::size_t k = 0; k < count; ++k) sets[k]->restore();
+}
+
+void SmoothedGains<float>::fadeEnergy(const float *energy, bool unitGains) {
+	const std::size_t n = gainsReal.size();
+	magnitudeKnown = !unitGains;
+	if (!unitGains) platform::complexAbs(magnitudes.data(), gainsReal.data(), gainsImag.data(), n);
 
 	// Faded energy of this frame, in outImag until it becomes the history.
-	{
-		float *__restrict faded = outImag.data();
-		std::copy(e, e + n, faded);
-		// Below the low cut, the lower half is ignored and the upper half fades
-		// in, so that rumble and beating don't count as transients.
-		const float lowCut = lowCutBands;
-		if (lowCut > 0) {
-			for (std::size_t i = 0; float(i) < lowCut && i < n; ++i) {
-				float fade = std::max(2 * float(i) / lowCut - 1, 0.0f);
-				faded[i] *= fade * fade;
-			}
+	float *__restrict faded = outImag.data();
+	std::copy(energy, energy + n, faded);
+	// Below the low cut, the lower half is ignored and the upper half fades
+	// in, so that rumble and beating don't count as transients.
+	const float lowCut = lowCutBands;
+	if (lowCut > 0) {
+		for (std::size_t i = 0; float(i) < lowCut && i < n; ++i) {
+			float fade = std::max(2 * float(i) / lowCut - 1, 0.0f);
+			faded[i] *= fade * fade;
 		}
+	}
+}
+
+void SmoothedGains<float>::weigh(const float *energy, bool unitGains) {
+	const std::size_t n = gainsReal.size();
+	float *__restrict r = gainsReal.data();
+	const float *__restrict m = gainsImag.data();
+	float *__restrict magnitude = magnitudes.data();
+	const float *__restrict e = energy;
+	{
+		// The faded energy, smoothed across bands when transientSmoothing > 0.
+		float *__restrict faded = outImag.data();
 		if (transientSmoothing > 0) {
-			smoothBands(faded, n, resolution * transientSmoothing);
 			for (std::size_t i = 0; i < n; ++i) faded[i] = std::max(faded[i], 0.0f);
 		}
 
@@ -106,11 +167,17 @@ void SmoothedGains<float>::smooth(LumbrelEffect<float> &effect, const float *ene
 
 	float *__restrict before = weightedAbs.data();
 	if (boost != 0) platform::complexAbs(before, wr, wi, n);
+}
 
-	const float width = phaseSmoothing * 0.01f * resolution;
-	smoothBands(wr, n, width);
-	smoothBands(wi, n, width);
-	if (boost != 0) smoothBands(before, n, width);
+void SmoothedGains<float>::restore() {
+	const std::size_t n = gainsReal.size();
+	float *__restrict r = gainsReal.data();
+	float *__restrict m = gainsImag.data();
+	const float *__restrict magnitude = magnitudes.data();
+	const float *__restrict wr = weightedReal.data();
+	const float *__restrict wi = weightedImag.data();
+	const float *__restrict before = weightedAbs.data();
+	const float boost = detailBoost;
 
 	float *__restrict after = smoothedAbs.data();
 	platform::complexAbs(after, wr, wi, n);

@@ -53,11 +53,25 @@ public:
 	// energy) gives exactly zero gains. Allocates nothing.
 	void smooth(LumbrelEffect<float> &effect, const float *energy, bool unitGains);
 
+	// [audio-thread, inside onSpectrum] smooth() on `count` independent gain
+	// sets with the same energy, each with exactly the result it would get
+	// alone; their band smoothing runs side by side, which is much faster than
+	// one set after another. Allocates nothing.
+	static void smoothAll(LumbrelEffect<float> &effect, const float *energy, bool unitGains,
+		SmoothedGains *const *sets, std::size_t count);
+
 	// [audio-thread, inside onSpectrum] out = in x gain per band, scaled by
 	// `gain` unless it is exactly 1, added to output `channel` at the
 	// frequencies of hz. Leaves the result in outReal/outImag.
 	void addOutput(LumbrelEffect<float> &effect, std::size_t channel, const float *inReal, const float *inImag,
 		float gain = 1);
+
+private:
+	// The steps of smooth() between its band smoothings; see smoothAll.
+	void fadeEnergy(const float *energy, bool unitGains);
+	void weigh(const float *energy, bool unitGains);
+	void restore();
+	bool magnitudeKnown = false; // between weigh() and restore()
 };
 
 } // namespace varkesh::lumbrel

@@ -73,7 +73,8 @@ public:
 
 		// [audio-thread, inside onSpectrum] Steps the noise filter at each
 		// peak's top, turns its phase step into a frequency offset and its
-		// level into the gain of every band of the peak, then smooths.
+		// level into the gain of every band of the peak; the owner smooths
+		// all channels together.
 		void onSpectrum(Chorus &chorus, const Peaks<float> &peaks) {
 			const float *pole = chorus.noisePole.data();
 			const float *inputGain = chorus.noiseGain.data();
@@ -123,7 +124,6 @@ public:
 					stages[b] = z;
 				}
 			}
-			smooth(chorus, peaks.energy, false);
 		}
 	};
 
@@ -220,8 +220,14 @@ protected:
 		std::fill(sr, sr + n, 0.0f);
 		std::fill(si, si + n, 0.0f);
 		// Draws run through channels and then peaks, in this order.
+		for (Channel &channel : channels) channel.onSpectrum(*this, peaks);
+		for (std::size_t start = 0; start < channels.size(); start += 8) {
+			SmoothedGains<float> *sets[8];
+			const std::size_t count = std::min<std::size_t>(8, channels.size() - start);
+			for (std::size_t k = 0; k < count; ++k) sets[k] = &channels[start + k];
+			SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, count);
+		}
 		for (Channel &channel : channels) {
-			channel.onSpectrum(*this, peaks);
 			const float *gr = channel.gainsReal.data(), *gi = channel.gainsImag.data();
 			for (std::size_t b = 0; b < n; ++b) {
 				sr[b] += gr[b];

@@ -74,11 +74,17 @@ protected:
 		const float base = mix * 0.57735026f * (2 - mix); // 1/sqrt(3) per voice
 
 		static constexpr float offsets[3] = {0, 2.0943952f, 4.1887903f};
+		SmoothedGains<float> *sets[voiceCount];
 		for (int v = 0; v < voiceCount; ++v) {
 			PeakShifter<float> &voice = voices[std::size_t(v)];
 			voice.semitones = std::sin(x + offsets[v]) * 0.01f * detune; // cents to semitones
 			voice.gains.transientReset = crisp ? 4.0f : 0.0f;
-			voice.update(*this, peaks);
+			voice.place(*this, peaks);
+			sets[v] = &voice.gains;
+		}
+		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, voiceCount);
+		for (int v = 0; v < voiceCount; ++v) {
+			PeakShifter<float> &voice = voices[std::size_t(v)];
 			for (std::size_t o = 0; o < outs; ++o) {
 				const std::size_t i = (o + std::size_t(v)) % ins;
 				float gain = base;

@@ -175,8 +175,8 @@ protected:
 			}
 		}
 
-		upGains.smooth(*this, peaks.energy, false);
-		downGains.smooth(*this, peaks.energy, false);
+		SmoothedGains<float> *const sets[] = {&upGains, &downGains};
+		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, 2);
 		for (std::size_t o = 0; o < channelsOut; ++o) {
 			const std::size_t i = o % channelsIn;
 			upGains.addOutput(*this, o, inputReal(i), inputImag(i));

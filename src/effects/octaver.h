@@ -105,10 +105,15 @@ protected:
 		peaks.update(*this, false);
 		const float semitones[4] = {sweep * -24, sweep * -12, sweep * 12, sweep * 24};
 		const float levels[4] = {gainD2, gainD1, gainU1, gainU2};
+		SmoothedGains<float> *sets[4];
+		for (std::size_t k = 0; k < 4; ++k) {
+			shifters[k].semitones = semitones[k];
+			shifters[k].place(*this, peaks);
+			sets[k] = &shifters[k].gains;
+		}
+		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, 4);
 		for (std::size_t k = 0; k < 4; ++k) {
 			auto &shifter = shifters[k];
-			shifter.semitones = semitones[k];
-			shifter.update(*this, peaks);
 			for (std::size_t o = 0; o < channelsOut; ++o) {
 				const std::size_t i = o % channelsIn;
 				shifter.gains.addOutput(*this, o, inputReal(i), inputImag(i), levels[k]);

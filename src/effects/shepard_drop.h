@@ -110,11 +110,16 @@ protected:
 		}
 		const float norm = 1 / std::sqrt(power + 1e-30f);
 
+		// Silent voices run too, so that their phase is right when they come in.
+		SmoothedGains<float> *sets[4];
+		for (std::size_t i = 0; i < 4; ++i) {
+			voices[i].semitones = offsets[i];
+			voices[i].place(*this, peaks);
+			sets[i] = &voices[i].gains;
+		}
+		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, 4);
 		for (std::size_t i = 0; i < 4; ++i) {
 			PeakShifter<float> &voice = voices[i];
-			voice.semitones = offsets[i];
-			// Silent voices run too, so that their phase is right when they come in.
-			voice.update(*this, peaks);
 			const float gain = weights[i] * norm;
 			if (gain == 0) continue; // adding zeros changes nothing
 			for (std::size_t o = 0; o < channelsOut; ++o) {
