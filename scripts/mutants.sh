@@ -36,9 +36,9 @@ fault linear "biquad feedback sign" src/linear/biquad.h \
 	'Sample y = b0 * x + b1 * x1 + b2 * x2 + (a1 * y1 + a2 * y2);'
 # ---- engine: analysis, synthesis, block loop
 fault engine "band rotation with the wrong sign" src/engine/analysis.cpp \
-	'float rotatedI = rr * ti[b] + ri * tr[b];' 'float rotatedI = rr * ti[b] - ri * tr[b];'
+	'float rotatedI = rotR[b] * ti[b] + rotI[b] * tr[b];' 'float rotatedI = rotR[b] * ti[b] - rotI[b] * tr[b];'
 fault engine "band interpolation weights swapped" src/engine/analysis.cpp \
-	'return (1 - f) * at[0] + f * at[1];' 'return f * at[0] + (1 - f) * at[1];'
+	'outReal[b] = below[b] * real[i] + above[b] * real[i + 1];' 'outReal[b] = above[b] * real[i] + below[b] * real[i + 1];'
 fault engine "reported latency one sample long" src/engine/engine_impl.h \
 	'return latencyBlock - latencyReduction; }' 'return latencyBlock - latencyReduction + 1; }'
 fault engine "latency reduction read one sample late" src/engine/block_loop.cpp \
