@@ -102,6 +102,8 @@ void EngineImpl<float>::buildBandPositions() {
 
 	auto buildRuns = [&](BumpVector<BinRun> &runs, std::size_t count) {
 		runs.clear();
+		// One block, never regrown: a bump hook frees nothing.
+		runs.reserve(count);
 		for (std::size_t b = 0; b < count; ++b) {
 			std::size_t bin = bandBin[b];
 			if (bin >= fftBins) continue;
