@@ -368,13 +368,16 @@ bool ParamTable::readRanged(const ParamEntry &entry, const std::string &t, doubl
 		error = entry.label() + " did not take " + quoted(t);
 		return false;
 	}
-	// The plug-in clamps what it reads into the range: a number beyond the
+	// The plug-in clamps what it reads into the range, so a number beyond the
 	// end it landed on was out of range.
 	if (parts.hasDigits && (value <= low || value >= high)) {
 		const double typed = std::strtod(parts.number.c_str(), nullptr);
 		const double end = std::strtod(splitNumber(text(entry, value)).number.c_str(), nullptr);
 		const double step = 1e-9 * std::max(1.0, std::abs(end));
-		if ((value >= high && typed > end + step) || (value <= low && typed < end - step)) value = value >= high ? high + 1 : low - 1;
+		if ((value >= high && typed > end + step) || (value <= low && typed < end - step)) {
+			error = quoted(t) + " is outside the range of " + entry.label() + " (" + rangeText(entry) + ")";
+			return false;
+		}
 	}
 	return true;
 }

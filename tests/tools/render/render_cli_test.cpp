@@ -9,7 +9,6 @@
 
 #include <algorithm>
 
-#include <pty.h>
 
 #include <string>
 #include <vector>
@@ -182,23 +181,9 @@ TEST_F(RenderCli, ReportsLatencyAndRealTimeFactorWithoutAProgressBarOffTerminal)
 TEST_F(RenderCli, DrawsAProgressBarOnATerminal) {
 	std::vector<std::string> args = {
 		LUMBREL_RENDER_PATH, "--bundle", bundle, "--plugin", "swell", input, folder / "out.wav"};
-	std::vector<char *> argv;
-	for (auto &a : args) argv.push_back(a.data());
-	argv.push_back(nullptr);
-	int terminal = -1;
-	const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
-	ASSERT_GE(pid, 0);
-	if (pid == 0) {
-		execv(argv[0], argv.data());
-		_exit(127);
-	}
-	std::string screen;
-	char buffer[512];
-	for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) screen.append(buffer, std::size_t(n));
-	int status = 0;
-	waitpid(pid, &status, 0);
-	close(terminal);
-	EXPECT_EQ(WEXITSTATUS(status), 0) << screen;
+	const RunResult run = runOnTerminal(args);
+	const std::string &screen = run.out;
+	EXPECT_EQ(run.exitCode, 0) << screen;
 	EXPECT_NE(screen.find("out.wav"), std::string::npos) << screen;
 	EXPECT_NE(screen.find("[#"), std::string::npos) << screen;
 	EXPECT_NE(screen.find("100%"), std::string::npos) << screen;

@@ -11,7 +11,6 @@
 #include <map>
 #include <sstream>
 
-#include <pty.h>
 
 namespace {
 
@@ -262,26 +261,9 @@ TEST_F(RenderConventions, ProgressFitsANarrowTerminalWithTimes) {
 	const std::string longer = folder / "long.wav";
 	ASSERT_TRUE(writeSound(longer, tone(48000 * 20, 0.25f), 48000));
 	std::vector<std::string> args = {tool, "--bundle", bundle, "--plugin", "chorus", longer, folder / "a-long-name-for-the-output.wav"};
-	std::vector<char *> argv;
-	for (auto &a : args) argv.push_back(a.data());
-	argv.push_back(nullptr);
-	winsize size{};
-	size.ws_col = 40;
-	size.ws_row = 24;
-	int terminal = -1;
-	const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
-	ASSERT_GE(pid, 0);
-	if (pid == 0) {
-		execv(argv[0], argv.data());
-		_exit(127);
-	}
-	std::string screen;
-	char buffer[512];
-	for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) screen.append(buffer, std::size_t(n));
-	int status = 0;
-	waitpid(pid, &status, 0);
-	close(terminal);
-	ASSERT_EQ(WEXITSTATUS(status), 0) << screen;
+	const RunResult run = runOnTerminal(args, 40);
+	const std::string &screen = run.out;
+	ASSERT_EQ(run.exitCode, 0) << screen;
 	const std::string bar = screen.substr(0, screen.find("Lumbrel"));
 	EXPECT_EQ(bar.find('\n'), std::string::npos) << "one updating line:\n" << bar;
 	std::stringstream updates(bar);

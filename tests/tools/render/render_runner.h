@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
+#include <pty.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,6 +26,32 @@ struct RunResult {
 	int exitCode = -1;
 	std::string out, err;
 };
+
+// Runs a program on a terminal of its own, `columns` wide (0: the default),
+// and returns its exit code and all it drew there.
+inline RunResult runOnTerminal(std::vector<std::string> args, unsigned short columns = 0) {
+	std::vector<char *> argv;
+	for (auto &a : args) argv.push_back(a.data());
+	argv.push_back(nullptr);
+	winsize size{};
+	size.ws_col = columns;
+	size.ws_row = 24;
+	int terminal = -1;
+	RunResult result;
+	const pid_t pid = forkpty(&terminal, nullptr, nullptr, columns ? &size : nullptr);
+	if (pid < 0) return result;
+	if (pid == 0) {
+		execv(argv[0], argv.data());
+		_exit(127);
+	}
+	char buffer[512];
+	for (ssize_t n; (n = read(terminal, buffer, sizeof buffer)) > 0;) result.out.append(buffer, std::size_t(n));
+	int status = 0;
+	waitpid(pid, &status, 0);
+	close(terminal);
+	result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+	return result;
+}
 
 // A fresh folder under the system's temporary folder, removed with its files.
 struct TempFolder {
