@@ -4,9 +4,9 @@
 # Each entry of the list below plants one fault: an exact piece of text in one
 # file and what replaces it. The faults are applied one at a time to a copy of
 # the tree (build-mutants/tree, built in build-mutants/tree/build with ccache),
-# which is rebuilt incrementally; then the fault's own subsystem's tests,
-# then the whole C++ suite (ctest, stopping at the first failure) and the page tests run, the page tests first for a fault in
-# the page. A fault is killed when a test fails, and survives when everything
+# which is rebuilt incrementally; then the fault's own subsystem's tests run,
+# then the whole C++ suite (ctest, stopping at the first failure) and the
+# page tests, the page tests first for a fault in the page. A fault is killed when a test fails, and survives when everything
 # passes. The unchanged copy must pass first. If a text is not found exactly
 # once, the script stops before building anything, so the list cannot rot
 # quietly when the code moves.
