@@ -87,10 +87,10 @@ fault effects "frequency snap tuned a quarter semitone off" src/effects/frequenc
 # ---- clap: the host layer
 fault clap "parameter id CRC seed" src/clap/crc32.h \
 	'std::uint32_t value = 0xFFFFFFFF;' 'std::uint32_t value = 0xFFFFFFFE;'
-fault clap "block cut one frame after the event" src/clap/plugin_instance.h \
-	'end = event->time > start ? event->time : start; // not clamped to the block' \
-	'end = event->time > start ? (event->time + 1 < frames ? event->time + 1 : frames) : start;'
-fault clap "note time counted from the block, not the chunk" src/clap/plugin_instance.h \
+fault clap "block cut one frame after the event" src/clap/block_cutting.h \
+	'end = header->time > start ? header->time : start; // not clamped to the block' \
+	'end = header->time > start ? (header->time + 1 < frames ? header->time + 1 : frames) : start;'
+fault clap "note time counted from the block, not the chunk" src/clap/note_events.h \
 	'const std::uint64_t offset = header->time > start ? header->time - start : 0;' \
 	'const std::uint64_t offset = header->time;'
 # ---- web: the link to the page
