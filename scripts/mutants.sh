@@ -94,10 +94,10 @@ fault clap "note time counted from the block, not the chunk" src/clap/note_event
 	'const std::uint64_t offset = header->time > start ? header->time - start : 0;' \
 	'const std::uint64_t offset = header->time;'
 # ---- web: the link to the page
-fault web "message ring ignores overflow" src/web/web_ui_library_effect.h \
+fault web "message ring ignores overflow" src/web/message_ring.h \
 	'if (slot.ready.load()) {' 'if (false && slot.ready.load()) {'
-fault web "meter lease never runs out" src/web/web_ui_library_effect.h \
-	'meterRemainingSamples -= std::int32_t(length);' 'meterRemainingSamples -= 0;'
+fault web "meter lease never runs out" src/web/meter_lease.h \
+	'remainingSamples -= length;' 'remainingSamples -= 0;'
 # ---- webview: the editor window's helpers
 fault webview "base64 alphabet of URLs" src/webview/base64.cpp \
 	'0123456789+/";' '0123456789-_";'

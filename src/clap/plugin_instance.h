@@ -184,7 +184,7 @@ struct Plugin {
 		p->inputPointers.clear();
 		p->outputPointers.clear();
 
-		if (p->effect.messageWaiting()) p->host->request_callback(p->host);
+		if (p->effect.ring.messageWaiting()) p->host->request_callback(p->host);
 		Params::sendEvents(p, process->out_events);
 		return CLAP_PROCESS_CONTINUE;
 	}
