@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
+  ccache              # rebuilds of the test trees and the mutation check
   libgtest-dev libgmock-dev libbenchmark-dev
   libfftw3-dev        # benchmarks compare the FFT against FFTW; never linked into the bundle
   libsndfile1-dev     # the render tool reads and writes audio files

@@ -7,10 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 start=$SECONDS
 dir=build-accelerate
-launcher=()
-command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 cmake -S . -B $dir -DCMAKE_BUILD_TYPE=Release -DLUMBREL_ACCELERATE_REFERENCE=ON \
-  -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF "${launcher[@]}" >/dev/null
+  -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF >/dev/null
 for folder in linear engine effects; do
   make -s -C $dir/tests/$folder -j "${LUMBREL_JOBS:-2}" all
 done

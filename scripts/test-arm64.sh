@@ -9,19 +9,17 @@ cd "$(dirname "$0")/.."
 start=$SECONDS
 out=$PWD/build-arm64
 jobs=${LUMBREL_JOBS:-2}
-launcher=()
-command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 toolchain=(-DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/arm64/toolchain.cmake -DCMAKE_BUILD_TYPE=Release)
 
 if [ ! -f "$out/googletest/lib/cmake/GTest/GTestConfig.cmake" ]; then
   echo "test-arm64: GoogleTest for aarch64"
-  cmake -S /usr/src/googletest -B "$out/googletest-build" "${toolchain[@]}" "${launcher[@]}" \
+  cmake -S /usr/src/googletest -B "$out/googletest-build" "${toolchain[@]}" \
     -DCMAKE_INSTALL_PREFIX="$out/googletest" >/dev/null
   cmake --build "$out/googletest-build" -j "$jobs" >/dev/null
   cmake --install "$out/googletest-build" >/dev/null
 fi
 
-cmake -S . -B "$out/lumbrel" "${toolchain[@]}" "${launcher[@]}" -DCMAKE_PREFIX_PATH="$out/googletest" \
+cmake -S . -B "$out/lumbrel" "${toolchain[@]}" -DCMAKE_PREFIX_PATH="$out/googletest" \
   -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF >/dev/null
 targets=(linear_fft_tests linear_stft_tests linear_vector_tests lumbrel_engine_tests storage_cbor_tests storage_object_tests
   effects_spectral_pass_test effects_swell_decay_test)
