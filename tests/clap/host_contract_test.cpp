@@ -1,7 +1,8 @@
 // What a CLAP host relies on, tried on all ten plug-ins the way a DAW calls
-// them: a state load asks the host to read the values again; every value's
-// text reads back to it; bad text and foreign states are refused; nothing on
-// the audio thread writes to a stream; parameters are listed under their group.
+// them: the entry and factory; a state load asks the host to read the values
+// again; every value's text reads back to it; bad text and foreign states are
+// refused; nothing on the audio thread writes to a stream; parameters are
+// listed under their group, and every host is offered the editor.
 #include "support/alloc_counter.h"
 #include "support/plugin_runner.h"
 
@@ -11,6 +12,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <set>
 #include <string>
@@ -44,6 +46,35 @@ struct HostContract : ::testing::Test {
 };
 
 } // namespace
+
+TEST_F(HostContract, TheEntryAndFactoryOfferTenPlugInsByIdAndNothingElse) {
+	const clap_plugin_entry &entry = bundle->entry();
+	EXPECT_TRUE(entry.clap_version.major == 1 && entry.clap_version.minor == 2 && entry.clap_version.revision == 7);
+	for (const char *id : {"clap.plugin-factory2", "clap.plugin-factor", "clap.preset-discovery-factory/2", ""})
+		EXPECT_EQ(entry.get_factory(id), nullptr) << id;
+	ASSERT_EQ(bundle->count(), 10u);
+	EXPECT_EQ(bundle->descriptor(10), nullptr);
+	Host host;
+	std::set<std::string> ids;
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const clap_plugin_descriptor *d = bundle->descriptor(p);
+		SCOPED_TRACE(d->id);
+		EXPECT_TRUE(d->clap_version.major == 1 && d->clap_version.minor == 2 && d->clap_version.revision == 7);
+		EXPECT_TRUE(ids.insert(d->id).second);
+		EXPECT_EQ(std::strncmp(d->id, "varkesh.lumbrel.", 16), 0);
+		EXPECT_EQ(std::strncmp(d->name, "Lumbrel", 7), 0);
+		for (const char *text : {d->vendor, d->url, d->manual_url, d->support_url, d->version, d->description})
+			EXPECT_NE(text, nullptr);
+		EXPECT_STREQ(d->features[0], CLAP_PLUGIN_FEATURE_AUDIO_EFFECT);
+		Instance instance(*bundle, d->id, host);
+		ASSERT_TRUE(instance.valid() && instance.init());
+		const clap_plugin *plugin = instance.clapPlugin();
+		EXPECT_EQ(plugin->desc, d);
+		EXPECT_EQ(plugin->get_extension(plugin, "clap.audio-ports.x"), nullptr);
+		EXPECT_NE(plugin->get_extension(plugin, CLAP_EXT_AUDIO_PORTS), nullptr);
+	}
+	for (const char *id : {"varkesh.lumbrel.octave", ""}) EXPECT_FALSE(Instance(*bundle, id, host).valid()) << id;
+}
 
 TEST_F(HostContract, StateLoadRescansOnceAndRefusesWhatIsNoStateOfThisPlugin) {
 	std::vector<std::vector<std::uint8_t>> states;
