@@ -1,6 +1,6 @@
 // The ABI declaration must match CLAP 1.2.7 to the byte: every struct's size
-// and alignment, every field's offset and exact type, the ids, the numbers and
-// the kind of each constant. All of it is checked at compile time; a mistake
+// and alignment, every field's offset, the exact types where they are easy to
+// get wrong, the ids, the numbers and the kind of each constant. All of it is checked at compile time; a mistake
 // stops the build with the struct and field, or the constant, that differs.
 // Every header also compiles alone and twice, as C11 and as C++ (CMakeLists).
 
@@ -53,12 +53,10 @@ constexpr bool sameText(const char *a, const char *b) {
 #define ABI_EACH(m, x, ...) ABI_CALL(ABI_EACH_, (ABI_NTH(__VA_ARGS__, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, \
    9, 8, 7, 6, 5, 4, 3, 2, 1, 0), m, x, __VA_ARGS__))
 
-// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof, exact type)...): fields in
-// declaration order; function pointers are spelled with the typedef names,
-// the same types as the struct spellings the headers use inside their structs.
-#define ABI_FIELD(tag, field, offset, ...)                                                           \
-   static_assert(!layout64 || offsetof(tag##_t, field) == (offset), "offset of " #tag "." #field);    \
-   static_assert(std::is_same<decltype(tag##_t::field), __VA_ARGS__>::value, "type of " #tag "." #field);
+// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof)...), every field in
+// declaration order.
+#define ABI_FIELD(tag, field, offset)                                                                \
+   static_assert(!layout64 || offsetof(tag##_t, field) == (offset), "offset of " #tag "." #field);
 #define ABI_STRUCT(tag, size, align, ...)                                                            \
    static_assert(std::is_same<struct tag, tag##_t>::value, #tag "_t names struct " #tag);           \
    static_assert(!layout64 || sizeof(tag##_t) == (size), "sizeof " #tag);                           \
@@ -75,131 +73,70 @@ constexpr bool sameText(const char *a, const char *b) {
 #define ABI_FEATURE(_, name, text) static_assert(sameText("" name, text), #name);
 #define ABI_FEATURES(...) ABI_EACH(ABI_FEATURE, _, __VA_ARGS__)
 
-ABI_STRUCT(clap_version, 12, 4, (major, 0, uint32_t), (minor, 4, uint32_t), (revision, 8, uint32_t))
-ABI_STRUCT(clap_plugin_entry, 40, 8, (clap_version, 0, clap_version_t), (init, 16, bool (*)(const char *)),
-   (deinit, 24, void (*)(void)), (get_factory, 32, const void *(*)(const char *)))
-ABI_STRUCT(clap_plugin_factory, 24, 8, (get_plugin_count, 0, uint32_t (*)(const clap_plugin_factory_t *)),
-   (get_plugin_descriptor, 8, const clap_plugin_descriptor_t *(*)(const clap_plugin_factory_t *, uint32_t)),
-   (create_plugin, 16, const clap_plugin_t *(*)(const clap_plugin_factory_t *, const clap_host_t *, const char *)))
-ABI_STRUCT(clap_plugin_descriptor, 88, 8, (clap_version, 0, clap_version_t), (id, 16, const char *),
-   (name, 24, const char *), (vendor, 32, const char *), (url, 40, const char *), (manual_url, 48, const char *),
-   (support_url, 56, const char *), (version, 64, const char *), (description, 72, const char *),
-   (features, 80, const char *const *))
-ABI_STRUCT(clap_plugin, 96, 8, (desc, 0, const clap_plugin_descriptor_t *), (plugin_data, 8, void *),
-   (init, 16, bool (*)(const clap_plugin_t *)), (destroy, 24, void (*)(const clap_plugin_t *)),
-   (activate, 32, bool (*)(const clap_plugin_t *, double, uint32_t, uint32_t)),
-   (deactivate, 40, void (*)(const clap_plugin_t *)), (start_processing, 48, bool (*)(const clap_plugin_t *)),
-   (stop_processing, 56, void (*)(const clap_plugin_t *)), (reset, 64, void (*)(const clap_plugin_t *)),
-   (process, 72, clap_process_status (*)(const clap_plugin_t *, const clap_process_t *)),
-   (get_extension, 80, const void *(*)(const clap_plugin_t *, const char *)),
-   (on_main_thread, 88, void (*)(const clap_plugin_t *)))
-ABI_STRUCT(clap_host, 88, 8, (clap_version, 0, clap_version_t), (host_data, 16, void *), (name, 24, const char *),
-   (vendor, 32, const char *), (url, 40, const char *), (version, 48, const char *),
-   (get_extension, 56, const void *(*)(const clap_host_t *, const char *)),
-   (request_restart, 64, void (*)(const clap_host_t *)), (request_process, 72, void (*)(const clap_host_t *)),
-   (request_callback, 80, void (*)(const clap_host_t *)))
-ABI_STRUCT(clap_audio_buffer, 32, 8, (data32, 0, float **), (data64, 8, double **), (channel_count, 16, uint32_t),
-   (latency, 20, uint32_t), (constant_mask, 24, uint64_t))
-ABI_STRUCT(clap_process, 64, 8, (steady_time, 0, int64_t), (frames_count, 8, uint32_t),
-   (transport, 16, const clap_event_transport_t *), (audio_inputs, 24, const clap_audio_buffer_t *),
-   (audio_outputs, 32, clap_audio_buffer_t *), (audio_inputs_count, 40, uint32_t),
-   (audio_outputs_count, 44, uint32_t), (in_events, 48, const clap_input_events_t *),
-   (out_events, 56, const clap_output_events_t *))
-ABI_STRUCT(clap_event_header, 16, 4, (size, 0, uint32_t), (time, 4, uint32_t), (space_id, 8, uint16_t),
-   (type, 10, uint16_t), (flags, 12, uint32_t))
-ABI_STRUCT(clap_event_note, 40, 8, (header, 0, clap_event_header_t), (note_id, 16, int32_t),
-   (port_index, 20, int16_t), (channel, 22, int16_t), (key, 24, int16_t), (velocity, 32, double))
-ABI_STRUCT(clap_event_note_expression, 40, 8, (header, 0, clap_event_header_t),
-   (expression_id, 16, clap_note_expression), (note_id, 20, int32_t), (port_index, 24, int16_t),
-   (channel, 26, int16_t), (key, 28, int16_t), (value, 32, double))
-ABI_STRUCT(clap_event_param_value, 56, 8, (header, 0, clap_event_header_t), (param_id, 16, clap_id),
-   (cookie, 24, void *), (note_id, 32, int32_t), (port_index, 36, int16_t), (channel, 38, int16_t),
-   (key, 40, int16_t), (value, 48, double))
-ABI_STRUCT(clap_event_param_mod, 56, 8, (header, 0, clap_event_header_t), (param_id, 16, clap_id),
-   (cookie, 24, void *), (note_id, 32, int32_t), (port_index, 36, int16_t), (channel, 38, int16_t),
-   (key, 40, int16_t), (amount, 48, double))
-ABI_STRUCT(clap_event_param_gesture, 20, 4, (header, 0, clap_event_header_t), (param_id, 16, clap_id))
-ABI_STRUCT(clap_event_transport, 104, 8, (header, 0, clap_event_header_t), (flags, 16, uint32_t),
-   (song_pos_beats, 24, clap_beattime), (song_pos_seconds, 32, clap_sectime), (tempo, 40, double),
-   (tempo_inc, 48, double), (loop_start_beats, 56, clap_beattime), (loop_end_beats, 64, clap_beattime),
-   (loop_start_seconds, 72, clap_sectime), (loop_end_seconds, 80, clap_sectime), (bar_start, 88, clap_beattime),
-   (bar_number, 96, int32_t), (tsig_num, 100, uint16_t), (tsig_denom, 102, uint16_t))
-ABI_STRUCT(clap_event_midi, 24, 4, (header, 0, clap_event_header_t), (port_index, 16, uint16_t),
-   (data, 18, uint8_t[3]))
-ABI_STRUCT(clap_event_midi_sysex, 40, 8, (header, 0, clap_event_header_t), (port_index, 16, uint16_t),
-   (buffer, 24, const uint8_t *), (size, 32, uint32_t))
-ABI_STRUCT(clap_event_midi2, 36, 4, (header, 0, clap_event_header_t), (port_index, 16, uint16_t),
-   (data, 20, uint32_t[4]))
-ABI_STRUCT(clap_input_events, 24, 8, (ctx, 0, void *), (size, 8, uint32_t (*)(const clap_input_events_t *)),
-   (get, 16, const clap_event_header_t *(*)(const clap_input_events_t *, uint32_t)))
-ABI_STRUCT(clap_output_events, 16, 8, (ctx, 0, void *),
-   (try_push, 8, bool (*)(const clap_output_events_t *, const clap_event_header_t *)))
-ABI_STRUCT(clap_istream, 16, 8, (ctx, 0, void *), (read, 8, int64_t (*)(const clap_istream_t *, void *, uint64_t)))
-ABI_STRUCT(clap_ostream, 16, 8, (ctx, 0, void *),
-   (write, 8, int64_t (*)(const clap_ostream_t *, const void *, uint64_t)))
-ABI_STRUCT(clap_param_info, 1320, 8, (id, 0, clap_id), (flags, 4, clap_param_info_flags), (cookie, 8, void *),
-   (name, 16, char[256]), (module, 272, char[1024]), (min_value, 1296, double), (max_value, 1304, double),
-   (default_value, 1312, double))
-ABI_STRUCT(clap_plugin_params, 48, 8, (count, 0, uint32_t (*)(const clap_plugin_t *)),
-   (get_info, 8, bool (*)(const clap_plugin_t *, uint32_t, clap_param_info_t *)),
-   (get_value, 16, bool (*)(const clap_plugin_t *, clap_id, double *)),
-   (value_to_text, 24, bool (*)(const clap_plugin_t *, clap_id, double, char *, uint32_t)),
-   (text_to_value, 32, bool (*)(const clap_plugin_t *, clap_id, const char *, double *)),
-   (flush, 40, void (*)(const clap_plugin_t *, const clap_input_events_t *, const clap_output_events_t *)))
-ABI_STRUCT(clap_host_params, 24, 8, (rescan, 0, void (*)(const clap_host_t *, clap_param_rescan_flags)),
-   (clear, 8, void (*)(const clap_host_t *, clap_id, clap_param_clear_flags)),
-   (request_flush, 16, void (*)(const clap_host_t *)))
-ABI_STRUCT(clap_audio_port_info, 288, 8, (id, 0, clap_id), (name, 4, char[256]), (flags, 260, uint32_t),
-   (channel_count, 264, uint32_t), (port_type, 272, const char *), (in_place_pair, 280, clap_id))
-ABI_STRUCT(clap_plugin_audio_ports, 16, 8, (count, 0, uint32_t (*)(const clap_plugin_t *, bool)),
-   (get, 8, bool (*)(const clap_plugin_t *, uint32_t, bool, clap_audio_port_info_t *)))
-ABI_STRUCT(clap_host_audio_ports, 16, 8, (is_rescan_flag_supported, 0, bool (*)(const clap_host_t *, uint32_t)),
-   (rescan, 8, void (*)(const clap_host_t *, uint32_t)))
-ABI_STRUCT(clap_note_port_info, 268, 4, (id, 0, clap_id), (supported_dialects, 4, uint32_t),
-   (preferred_dialect, 8, uint32_t), (name, 12, char[256]))
-ABI_STRUCT(clap_plugin_note_ports, 16, 8, (count, 0, uint32_t (*)(const clap_plugin_t *, bool)),
-   (get, 8, bool (*)(const clap_plugin_t *, uint32_t, bool, clap_note_port_info_t *)))
-ABI_STRUCT(clap_host_note_ports, 16, 8, (supported_dialects, 0, uint32_t (*)(const clap_host_t *)),
-   (rescan, 8, void (*)(const clap_host_t *, uint32_t)))
-ABI_STRUCT(clap_plugin_state, 16, 8, (save, 0, bool (*)(const clap_plugin_t *, const clap_ostream_t *)),
-   (load, 8, bool (*)(const clap_plugin_t *, const clap_istream_t *)))
-ABI_STRUCT(clap_host_state, 8, 8, (mark_dirty, 0, void (*)(const clap_host_t *)))
-ABI_STRUCT(clap_plugin_latency, 8, 8, (get, 0, uint32_t (*)(const clap_plugin_t *)))
-ABI_STRUCT(clap_host_latency, 8, 8, (changed, 0, void (*)(const clap_host_t *)))
-ABI_STRUCT(clap_window, 16, 8, (api, 0, const char *), (cocoa, 8, clap_nsview), (x11, 8, clap_xwnd),
-   (win32, 8, clap_hwnd), (ptr, 8, void *))
-ABI_STRUCT(clap_gui_resize_hints, 12, 4, (can_resize_horizontally, 0, bool), (can_resize_vertically, 1, bool),
-   (preserve_aspect_ratio, 2, bool), (aspect_ratio_width, 4, uint32_t), (aspect_ratio_height, 8, uint32_t))
-ABI_STRUCT(clap_plugin_gui, 120, 8, (is_api_supported, 0, bool (*)(const clap_plugin_t *, const char *, bool)),
-   (get_preferred_api, 8, bool (*)(const clap_plugin_t *, const char **, bool *)),
-   (create, 16, bool (*)(const clap_plugin_t *, const char *, bool)), (destroy, 24, void (*)(const clap_plugin_t *)),
-   (set_scale, 32, bool (*)(const clap_plugin_t *, double)),
-   (get_size, 40, bool (*)(const clap_plugin_t *, uint32_t *, uint32_t *)),
-   (can_resize, 48, bool (*)(const clap_plugin_t *)),
-   (get_resize_hints, 56, bool (*)(const clap_plugin_t *, clap_gui_resize_hints_t *)),
-   (adjust_size, 64, bool (*)(const clap_plugin_t *, uint32_t *, uint32_t *)),
-   (set_size, 72, bool (*)(const clap_plugin_t *, uint32_t, uint32_t)),
-   (set_parent, 80, bool (*)(const clap_plugin_t *, const clap_window_t *)),
-   (set_transient, 88, bool (*)(const clap_plugin_t *, const clap_window_t *)),
-   (suggest_title, 96, void (*)(const clap_plugin_t *, const char *)), (show, 104, bool (*)(const clap_plugin_t *)),
-   (hide, 112, bool (*)(const clap_plugin_t *)))
-ABI_STRUCT(clap_host_gui, 40, 8, (resize_hints_changed, 0, void (*)(const clap_host_t *)),
-   (request_resize, 8, bool (*)(const clap_host_t *, uint32_t, uint32_t)),
-   (request_show, 16, bool (*)(const clap_host_t *)), (request_hide, 24, bool (*)(const clap_host_t *)),
-   (closed, 32, void (*)(const clap_host_t *, bool)))
-ABI_STRUCT(clap_plugin_timer_support, 8, 8, (on_timer, 0, void (*)(const clap_plugin_t *, clap_id)))
-ABI_STRUCT(clap_host_timer_support, 16, 8, (register_timer, 0, bool (*)(const clap_host_t *, uint32_t, clap_id *)),
-   (unregister_timer, 8, bool (*)(const clap_host_t *, clap_id)))
-ABI_STRUCT(clap_plugin_posix_fd_support, 8, 8,
-   (on_fd, 0, void (*)(const clap_plugin_t *, int, clap_posix_fd_flags_t)))
-ABI_STRUCT(clap_host_posix_fd_support, 24, 8,
-   (register_fd, 0, bool (*)(const clap_host_t *, int, clap_posix_fd_flags_t)),
-   (modify_fd, 8, bool (*)(const clap_host_t *, int, clap_posix_fd_flags_t)),
-   (unregister_fd, 16, bool (*)(const clap_host_t *, int)))
-ABI_STRUCT(clap_plugin_webview, 24, 8, (get_uri, 0, int32_t (*)(const clap_plugin_t *, char *, uint32_t)),
-   (get_resource, 8, bool (*)(const clap_plugin_t *, const char *, char *, uint32_t, const clap_ostream_t *)),
-   (receive, 16, bool (*)(const clap_plugin_t *, const void *, uint32_t)))
-ABI_STRUCT(clap_host_webview, 8, 8, (send, 0, bool (*)(const clap_host_t *, const void *, uint32_t)))
+ABI_STRUCT(clap_version, 12, 4, (major, 0), (minor, 4), (revision, 8))
+ABI_STRUCT(clap_plugin_entry, 40, 8, (clap_version, 0), (init, 16), (deinit, 24), (get_factory, 32))
+ABI_STRUCT(clap_plugin_factory, 24, 8, (get_plugin_count, 0), (get_plugin_descriptor, 8), (create_plugin, 16))
+ABI_STRUCT(clap_plugin_descriptor, 88, 8, (clap_version, 0), (id, 16), (name, 24), (vendor, 32), (url, 40),
+   (manual_url, 48), (support_url, 56), (version, 64), (description, 72), (features, 80))
+ABI_STRUCT(clap_plugin, 96, 8, (desc, 0), (plugin_data, 8), (init, 16), (destroy, 24), (activate, 32),
+   (deactivate, 40), (start_processing, 48), (stop_processing, 56), (reset, 64), (process, 72), (get_extension, 80),
+   (on_main_thread, 88))
+ABI_STRUCT(clap_host, 88, 8, (clap_version, 0), (host_data, 16), (name, 24), (vendor, 32), (url, 40), (version, 48),
+   (get_extension, 56), (request_restart, 64), (request_process, 72), (request_callback, 80))
+ABI_STRUCT(clap_audio_buffer, 32, 8, (data32, 0), (data64, 8), (channel_count, 16), (latency, 20),
+   (constant_mask, 24))
+ABI_STRUCT(clap_process, 64, 8, (steady_time, 0), (frames_count, 8), (transport, 16), (audio_inputs, 24),
+   (audio_outputs, 32), (audio_inputs_count, 40), (audio_outputs_count, 44), (in_events, 48), (out_events, 56))
+ABI_STRUCT(clap_event_header, 16, 4, (size, 0), (time, 4), (space_id, 8), (type, 10), (flags, 12))
+ABI_STRUCT(clap_event_note, 40, 8, (header, 0), (note_id, 16), (port_index, 20), (channel, 22), (key, 24),
+   (velocity, 32))
+ABI_STRUCT(clap_event_note_expression, 40, 8, (header, 0), (expression_id, 16), (note_id, 20), (port_index, 24),
+   (channel, 26), (key, 28), (value, 32))
+ABI_STRUCT(clap_event_param_value, 56, 8, (header, 0), (param_id, 16), (cookie, 24), (note_id, 32), (port_index, 36),
+   (channel, 38), (key, 40), (value, 48))
+ABI_STRUCT(clap_event_param_mod, 56, 8, (header, 0), (param_id, 16), (cookie, 24), (note_id, 32), (port_index, 36),
+   (channel, 38), (key, 40), (amount, 48))
+ABI_STRUCT(clap_event_param_gesture, 20, 4, (header, 0), (param_id, 16))
+ABI_STRUCT(clap_event_transport, 104, 8, (header, 0), (flags, 16), (song_pos_beats, 24), (song_pos_seconds, 32),
+   (tempo, 40), (tempo_inc, 48), (loop_start_beats, 56), (loop_end_beats, 64), (loop_start_seconds, 72),
+   (loop_end_seconds, 80), (bar_start, 88), (bar_number, 96), (tsig_num, 100), (tsig_denom, 102))
+ABI_STRUCT(clap_event_midi, 24, 4, (header, 0), (port_index, 16), (data, 18))
+ABI_STRUCT(clap_event_midi_sysex, 40, 8, (header, 0), (port_index, 16), (buffer, 24), (size, 32))
+ABI_STRUCT(clap_event_midi2, 36, 4, (header, 0), (port_index, 16), (data, 20))
+ABI_STRUCT(clap_input_events, 24, 8, (ctx, 0), (size, 8), (get, 16))
+ABI_STRUCT(clap_output_events, 16, 8, (ctx, 0), (try_push, 8))
+ABI_STRUCT(clap_istream, 16, 8, (ctx, 0), (read, 8))
+ABI_STRUCT(clap_ostream, 16, 8, (ctx, 0), (write, 8))
+ABI_STRUCT(clap_param_info, 1320, 8, (id, 0), (flags, 4), (cookie, 8), (name, 16), (module, 272), (min_value, 1296),
+   (max_value, 1304), (default_value, 1312))
+ABI_STRUCT(clap_plugin_params, 48, 8, (count, 0), (get_info, 8), (get_value, 16), (value_to_text, 24),
+   (text_to_value, 32), (flush, 40))
+ABI_STRUCT(clap_host_params, 24, 8, (rescan, 0), (clear, 8), (request_flush, 16))
+ABI_STRUCT(clap_audio_port_info, 288, 8, (id, 0), (name, 4), (flags, 260), (channel_count, 264), (port_type, 272),
+   (in_place_pair, 280))
+ABI_STRUCT(clap_plugin_audio_ports, 16, 8, (count, 0), (get, 8))
+ABI_STRUCT(clap_host_audio_ports, 16, 8, (is_rescan_flag_supported, 0), (rescan, 8))
+ABI_STRUCT(clap_note_port_info, 268, 4, (id, 0), (supported_dialects, 4), (preferred_dialect, 8), (name, 12))
+ABI_STRUCT(clap_plugin_note_ports, 16, 8, (count, 0), (get, 8))
+ABI_STRUCT(clap_host_note_ports, 16, 8, (supported_dialects, 0), (rescan, 8))
+ABI_STRUCT(clap_plugin_state, 16, 8, (save, 0), (load, 8))
+ABI_STRUCT(clap_host_state, 8, 8, (mark_dirty, 0))
+ABI_STRUCT(clap_plugin_latency, 8, 8, (get, 0))
+ABI_STRUCT(clap_host_latency, 8, 8, (changed, 0))
+ABI_STRUCT(clap_window, 16, 8, (api, 0), (cocoa, 8), (x11, 8), (win32, 8), (ptr, 8))
+ABI_STRUCT(clap_gui_resize_hints, 12, 4, (can_resize_horizontally, 0), (can_resize_vertically, 1),
+   (preserve_aspect_ratio, 2), (aspect_ratio_width, 4), (aspect_ratio_height, 8))
+ABI_STRUCT(clap_plugin_gui, 120, 8, (is_api_supported, 0), (get_preferred_api, 8), (create, 16), (destroy, 24),
+   (set_scale, 32), (get_size, 40), (can_resize, 48), (get_resize_hints, 56), (adjust_size, 64), (set_size, 72),
+   (set_parent, 80), (set_transient, 88), (suggest_title, 96), (show, 104), (hide, 112))
+ABI_STRUCT(clap_host_gui, 40, 8, (resize_hints_changed, 0), (request_resize, 8), (request_show, 16),
+   (request_hide, 24), (closed, 32))
+ABI_STRUCT(clap_plugin_timer_support, 8, 8, (on_timer, 0))
+ABI_STRUCT(clap_host_timer_support, 16, 8, (register_timer, 0), (unregister_timer, 8))
+ABI_STRUCT(clap_plugin_posix_fd_support, 8, 8, (on_fd, 0))
+ABI_STRUCT(clap_host_posix_fd_support, 24, 8, (register_fd, 0), (modify_fd, 8), (unregister_fd, 16))
+ABI_STRUCT(clap_plugin_webview, 24, 8, (get_uri, 0), (get_resource, 8), (receive, 16))
+ABI_STRUCT(clap_host_webview, 8, 8, (send, 0))
 
 ABI_IDS((CLAP_PLUGIN_FACTORY_ID, "clap.plugin-factory"), (CLAP_EXT_PARAMS, "clap.params"),
    (CLAP_EXT_AUDIO_PORTS, "clap.audio-ports"), (CLAP_EXT_NOTE_PORTS, "clap.note-ports"),
@@ -280,6 +217,22 @@ static_assert(std::is_same<decltype(clap_entry), const clap_plugin_entry_t>::val
 #   define ABI_TEXT(...) ABI_TEXT_(__VA_ARGS__)
 static_assert(sizeof(ABI_TEXT(CLAP_ABI)) == 1, "callbacks use the default C calling convention");
 #endif
+
+// Where a type of the same size is easy to get wrong: signedness turns -1
+// into 65535, and const is part of the type a host's compiler checks.
+#define ABI_TYPE(_, type, field, ...) static_assert(std::is_same<decltype(type::field), __VA_ARGS__>::value, #type "." #field);
+ABI_EACH(ABI_TYPE, _, (clap_event_note_t, port_index, int16_t), (clap_event_note_t, note_id, int32_t),
+   (clap_event_param_value_t, key, int16_t), (clap_event_midi_t, port_index, uint16_t),
+   (clap_event_header_t, space_id, uint16_t), (clap_process_t, steady_time, int64_t),
+   (clap_process_t, audio_inputs, const clap_audio_buffer_t *), (clap_process_t, audio_outputs, clap_audio_buffer_t *),
+   (clap_process_t, out_events, const clap_output_events_t *), (clap_audio_buffer_t, data32, float **),
+   (clap_audio_buffer_t, constant_mask, uint64_t), (clap_plugin_descriptor_t, features, const char *const *),
+   (clap_output_events_t, try_push, bool (*)(const clap_output_events_t *, const clap_event_header_t *)),
+   (clap_plugin_gui_t, get_preferred_api, bool (*)(const clap_plugin_t *, const char **, bool *)),
+   (clap_plugin_webview_t, get_uri, int32_t (*)(const clap_plugin_t *, char *, uint32_t)),
+   (clap_istream_t, read, int64_t (*)(const clap_istream_t *, void *, uint64_t)),
+   (clap_plugin_posix_fd_support_t, on_fd, void (*)(const clap_plugin_t *, int, clap_posix_fd_flags_t)),
+   (clap_window_t, x11, clap_xwnd), (clap_param_info_t, min_value, double), (clap_plugin_t, init, bool (*)(const clap_plugin_t *)))
 
 // The version: macros usable in #if, an object usable in constant expressions,
 // comparisons that order by major, then minor, then revision.
