@@ -48,10 +48,9 @@ struct HostContract : ::testing::Test {
 } // namespace
 
 TEST_F(HostContract, TheEntryAndFactoryOfferTenPlugInsByIdAndNothingElse) {
-	const clap_plugin_entry &entry = bundle->entry();
-	EXPECT_TRUE(entry.clap_version.major == 1 && entry.clap_version.minor == 2 && entry.clap_version.revision == 7);
-	for (const char *id : {"clap.plugin-factory2", "clap.plugin-factor", "clap.preset-discovery-factory/2", ""})
-		EXPECT_EQ(entry.get_factory(id), nullptr) << id;
+	const auto is127 = [](const clap_version &v) { return v.major == 1 && v.minor == 2 && v.revision == 7; };
+	EXPECT_TRUE(is127(bundle->entry().clap_version));
+	for (const char *id : {"clap.plugin-factory2", "clap.plugin-factor", ""}) EXPECT_FALSE(bundle->entry().get_factory(id)) << id;
 	ASSERT_EQ(bundle->count(), 10u);
 	EXPECT_EQ(bundle->descriptor(10), nullptr);
 	Host host;
@@ -59,19 +58,15 @@ TEST_F(HostContract, TheEntryAndFactoryOfferTenPlugInsByIdAndNothingElse) {
 	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
 		const clap_plugin_descriptor *d = bundle->descriptor(p);
 		SCOPED_TRACE(d->id);
-		EXPECT_TRUE(d->clap_version.major == 1 && d->clap_version.minor == 2 && d->clap_version.revision == 7);
-		EXPECT_TRUE(ids.insert(d->id).second);
-		EXPECT_EQ(std::strncmp(d->id, "varkesh.lumbrel.", 16), 0);
-		EXPECT_EQ(std::strncmp(d->name, "Lumbrel", 7), 0);
-		for (const char *text : {d->vendor, d->url, d->manual_url, d->support_url, d->version, d->description})
-			EXPECT_NE(text, nullptr);
-		EXPECT_STREQ(d->features[0], CLAP_PLUGIN_FEATURE_AUDIO_EFFECT);
+		EXPECT_TRUE(is127(d->clap_version) && ids.insert(d->id).second && !std::strncmp(d->id, "varkesh.lumbrel.", 16)
+			&& !std::strncmp(d->name, "Lumbrel", 7) && d->vendor && d->url && d->manual_url && d->support_url
+			&& d->version && d->description && !std::strcmp(d->features[0], CLAP_PLUGIN_FEATURE_AUDIO_EFFECT));
 		Instance instance(*bundle, d->id, host);
 		ASSERT_TRUE(instance.valid() && instance.init());
 		const clap_plugin *plugin = instance.clapPlugin();
 		EXPECT_EQ(plugin->desc, d);
-		EXPECT_EQ(plugin->get_extension(plugin, "clap.audio-ports.x"), nullptr);
-		EXPECT_NE(plugin->get_extension(plugin, CLAP_EXT_AUDIO_PORTS), nullptr);
+		EXPECT_FALSE(plugin->get_extension(plugin, "clap.audio-ports.x"));
+		EXPECT_TRUE(plugin->get_extension(plugin, CLAP_EXT_AUDIO_PORTS));
 	}
 	for (const char *id : {"varkesh.lumbrel.octave", ""}) EXPECT_FALSE(Instance(*bundle, id, host).valid()) << id;
 }
@@ -145,20 +140,15 @@ TEST_F(HostContract, EveryValuesTextReadsBackAndBadTextIsRefused) {
 				EXPECT_EQ(instance.paramText(info.id, back), text);
 
 				// As users type it: any case, a blank before the unit or none.
-				std::string number = text, unit;
-				while (!number.empty() && !std::isdigit(static_cast<unsigned char>(number.back()))) {
-					unit.insert(unit.begin(), number.back());
-					number.pop_back();
-				}
-				if (number.empty()) continue; // a label
-				for (const std::string &typed : {number, number + " " + unit, " " + number + unit + " "}) {
+				const std::size_t split = text.find_last_of("0123456789") + 1;
+				std::string upper = text, number = text.substr(0, split), unit = text.substr(split);
+				for (auto &c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
+				for (const std::string &typed : {upper, number, number + " " + unit, " " + number + unit + " "}) {
+					if (split == 0 && typed != upper) continue; // a label
 					double read = -1;
 					ASSERT_TRUE(instance.paramFromText(info.id, typed, read)) << '"' << typed << '"';
 					EXPECT_EQ(instance.paramText(info.id, read), text) << '"' << typed << '"';
 				}
-				std::string upper = text;
-				for (auto &c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
-				EXPECT_TRUE(instance.paramFromText(info.id, upper, back)) << upper;
 			}
 
 			// Nothing else reads, and a refusal leaves the value alone.
