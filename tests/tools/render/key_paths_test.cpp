@@ -58,11 +58,6 @@ std::vector<unsigned char> sampleState() {
 }
 
 TEST(KeyPaths, ParametersOfASavedStateInOrderWithTheirGroupsAndIds) {
-	// The id is the CRC-32 of the keys, each with a zero byte.
-	EXPECT_EQ(keyPathId({"engineConfig", "latencyMs"}), 0x06A04C69u);
-	EXPECT_EQ(keyPathId({"swell", "time"}), 0xD78D7566u);
-	EXPECT_EQ(keyPathId({"channelMode"}), 0x9321A3CBu);
-
 	const auto bytes = sampleState();
 	const auto paths = stateKeyPaths(bytes.data(), bytes.size());
 	std::vector<std::string> dotted, groups;
@@ -77,28 +72,7 @@ TEST(KeyPaths, ParametersOfASavedStateInOrderWithTheirGroupsAndIds) {
 						  "swell.time", "swell.inner.deep"}));
 	EXPECT_EQ(groups, (std::vector<std::string>{"Engine/", "Engine/", "", "Swell/", "Swell//"}));
 	ASSERT_FALSE(paths.empty());
-	EXPECT_EQ(paths[0].id, 0x06A04C69u);
-
-	// Definite maps read like indefinite ones; a map with more than a value is
-	// a group (here with nothing in it).
-	std::vector<unsigned char> definite;
-	varkesh::cbor::CborWriter w(definite);
-	w.writeHead(5, 3);
-	w.addText("version");
-	w.addInt(0);
-	w.addText("mix");
-	w.writeHead(5, 1);
-	w.addText("value");
-	w.addFloat(0.5);
-	w.addText("odd");
-	w.writeHead(5, 2);
-	w.addText("value");
-	w.addFloat(1);
-	w.addText("text");
-	w.addText("1 dB");
-	const auto mix = stateKeyPaths(definite.data(), definite.size());
-	ASSERT_EQ(mix.size(), 1u);
-	EXPECT_EQ(mix[0].dotted(), "mix");
+	EXPECT_EQ(paths[0].id, 0x06A04C69u) << "the CRC-32 of the keys, each with a zero byte";
 }
 
 TEST(KeyPaths, BadBlobsGiveWhatWasReadBeforeTheFault) {
