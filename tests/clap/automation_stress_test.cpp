@@ -132,36 +132,24 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 				done += frames;
 				++block;
 
-				// Now and then, what else a host and a page do between blocks.
+				// Now and then, what else a host and a page do between blocks:
+				// a reset, a state round trip, garbage for a state, a page's
+				// merge, ["meters", 0.02, 0.3], the main thread's turn.
 				std::vector<std::uint8_t> bytes;
-				switch (random() % 200) {
-				case 0: instance.reset(); break;
-				case 1:
-					ASSERT_TRUE(instance.saveState(bytes) && instance.loadState(bytes));
-					break;
-				case 2:
+				const unsigned char meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x94, 0x7a, 0xe1, 0x47,
+					0xae, 0x14, 0x7b, 0xfb, 0x3f, 0xd3, 0x33, 0x33, 0x33, 0x33, 0x33, 0x33};
+				const auto chance = random() % 200;
+				if (chance == 0) instance.reset();
+				if (chance == 1) ASSERT_TRUE(instance.saveState(bytes) && instance.loadState(bytes));
+				if (chance == 2) {
 					bytes.resize(random() % 64);
 					for (auto &b : bytes) b = std::uint8_t(random());
 					instance.loadState(bytes);
-					break;
-				case 3:
-				case 4:
-				case 5:
-					bytes = pageMerge(paths[random() % paths.size()], random);
-					webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
-					break;
-				case 6: {
-					// ["meters", 0.02, 0.3]
-					const unsigned char meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x94, 0x7a, 0xe1,
-						0x47, 0xae, 0x14, 0x7b, 0xfb, 0x3f, 0xd3, 0x33, 0x33, 0x33, 0x33, 0x33, 0x33};
-					webview->receive(instance.clapPlugin(), meters, sizeof(meters));
-					break;
 				}
-				case 7:
-					instance.onMainThread();
-					host.sentMessages.clear();
-					break;
-				}
+				if (chance >= 3 && chance <= 5) bytes = pageMerge(paths[random() % paths.size()], random);
+				if (chance == 6) bytes.assign(std::begin(meters), std::end(meters));
+				if (chance >= 3 && chance <= 6) webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
+				if (chance == 7) instance.onMainThread(), host.sentMessages.clear();
 			}
 			EXPECT_EQ(bad, 0u) << "non-finite output samples";
 			EXPECT_EQ(loud, 0u) << "samples above +24 dBFS";
