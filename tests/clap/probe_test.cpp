@@ -43,6 +43,9 @@ struct Probe : ::testing::Test {
 		float *inputs[2] = {in.data(), in.data()}, *outputs[2] = {out0.data(), out1.data()};
 		instance->process(inputs, 2, outputs, 2, frames, events, output);
 		builds = out1[0];
+		notes.clear();
+		for (std::uint32_t i = 0; i < frames; ++i)
+			if (out1[i] >= 1000) notes.emplace_back(int(i), int(out1[i]) - 1000);
 		Runs runs;
 		for (std::uint32_t i = 0; i < room && out0[i] != -1.0f; i += std::max(int(out0[i]), 1))
 			runs.emplace_back(int(i), int(out0[i]));
@@ -65,6 +68,7 @@ struct Probe : ::testing::Test {
 	InputEvents events;
 	OutputEvents output;
 	float builds = -1;
+	Runs notes; // (sample, key) where a note started
 };
 
 } // namespace
@@ -115,6 +119,16 @@ TEST_F(Probe, BlocksAreCutAtParameterEventsOnly) {
 	}
 	events.paramValue(0, 1234, 0.5);
 	EXPECT_TRUE(chunks(0).empty()) << "a block of no frames processes nothing";
+
+	// Notes start at their own sample, counted from the chunk they fall in.
+	events.clear();
+	events.note(30, CLAP_EVENT_NOTE_ON, 60, 1.0);
+	events.paramValue(100, 1234, 0.5);
+	events.note(150, CLAP_EVENT_NOTE_ON, 62, 1.0);
+	events.paramValue(200, 1234, 0.5);
+	events.midi(220, 0x90, 64, 100);
+	chunks(256);
+	EXPECT_EQ(notes, (Runs{{30, 60}, {150, 62}, {220, 64}}));
 }
 
 TEST_F(Probe, ActivationRebuildsOnEqualOrLargerBlocksAndNewRates) {
