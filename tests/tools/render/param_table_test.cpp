@@ -78,12 +78,12 @@ TEST_F(ParamTable, EveryParameterGetsTheKeyPathWhoseCrcIsItsIdAndIsFoundByAnyOfI
 	for (const char *name : {"auto-gain", "autogain"}) EXPECT_EQ(find(name), find("swell.autoGain")) << name;
 	EXPECT_EQ(find("latency"), find("engineConfig.latencyMs"));
 
-	// Unknown names list close matches, or say where the names are.
-	EXPECT_NE(notFound("tmie").find("no parameter \"tmie\""), std::string::npos);
-	EXPECT_NE(notFound("tmie").find("swell.time"), std::string::npos);
-	EXPECT_NE(notFound("latencyMS.x").find("engineConfig.latencyMs"), std::string::npos);
-	notFound("engineConfig"); // a group is no parameter
-	EXPECT_NE(notFound("zzzzzzzzzz").find("--list --plugin swell"), std::string::npos);
+	// Unknown names list close matches, or say where the names are; a group
+	// is no parameter.
+	for (const auto &[name, words] : std::vector<std::pair<std::string, std::string>>{{"tmie", "no parameter \"tmie\""},
+			 {"tmie", "swell.time"}, {"latencyMS.x", "engineConfig.latencyMs"}, {"engineConfig", "no parameter"},
+			 {"zzzzzzzzzz", "--list --plugin swell"}})
+		EXPECT_NE(notFound(name).find(words), std::string::npos) << name;
 }
 
 TEST_F(ParamTable, RangedValuesAreNumbersInTheUnitAndSteppedOnesTheirLabels) {
@@ -108,11 +108,9 @@ TEST_F(ParamTable, RangedValuesAreNumbersInTheUnitAndSteppedOnesTheirLabels) {
 		{"direct", "maybe", "error: off, on"},
 	};
 	for (const auto &c : cases) {
-		const std::string read = this->read(c.name, c.text);
-		if (std::string(c.read).rfind("error: ", 0) == 0)
-			EXPECT_NE(read.find(c.read + 7), std::string::npos) << c.text << ": " << read;
-		else
-			EXPECT_EQ(read, c.read) << c.text;
+		const std::string read = this->read(c.name, c.text), expected = c.read;
+		if (expected.rfind("error: ", 0) == 0) EXPECT_NE(read.find(expected.substr(7)), read.npos) << c.text << ": " << read;
+		else EXPECT_EQ(read, expected) << c.text;
 	}
 	EXPECT_EQ(table->rangeText(*find("direct")), "off, on");
 	EXPECT_EQ(table->rangeText(*find("latency")), "2ms to 15ms");
