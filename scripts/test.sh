@@ -3,11 +3,11 @@
 # non-zero if any test fails. What CI runs.
 #
 # Lengths: LUMBREL_STRESS_SECONDS (automation stress, seconds of audio per
-# plug-in and rate; default 20) and LUMBREL_FUZZ_SECONDS (each fuzz target;
+# plug-in and rate; default 5) and LUMBREL_FUZZ_SECONDS (each fuzz target;
 # default 30).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-export LUMBREL_STRESS_SECONDS=${LUMBREL_STRESS_SECONDS:-20}
+export LUMBREL_STRESS_SECONDS=${LUMBREL_STRESS_SECONDS:-5}
 build_dir=${LUMBREL_BUILD_DIR:-build}
 
 report=()

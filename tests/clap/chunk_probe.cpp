@@ -1,6 +1,6 @@
 // A test bundle whose one plug-in shows how the instance cut each block: it
 // writes the length of the chunk that produced each sample to output 0 and the
-// number of effect builds so far to output 1. Built on the same Plugin<T> as
+// number of effect builds so far to output 1, where a note starts 1000 + key. Built on the same Plugin<T> as
 // Lumbrel.clap, so block cutting and activation are seen through the ABI.
 #include "blocks/lumbrel_effect.h"
 #include "clap/plugin_instance.h"
@@ -35,6 +35,14 @@ struct ChunkProbeQUORL : Base {
 
 	int builds = 0;
 	bool hasEffect = false;
+	// Notes: the key of the last one started is written at its offset in the
+	// next chunk of output 1.
+	static constexpr std::uint32_t noteInputId = 0x3000000;
+	static constexpr const char *noteInputName = "notes";
+	std::uint64_t noteAt = ~std::uint64_t(0);
+	float noteKey = 0;
+	void noteStart(std::uint64_t offset, std::int64_t, float note, float) { noteAt = offset, noteKey = note; }
+	void noteEnd(std::int64_t, std::int64_t) {}
 
 	template<class Storage>
 	void state(Storage &storage) {
@@ -55,6 +63,8 @@ struct ChunkProbeQUORL : Base {
 		std::size_t length, bool) {
 		if (config.outputChannels > 0) std::fill(outputs[0], outputs[0] + length, float(length));
 		if (config.outputChannels > 1) std::fill(outputs[1], outputs[1] + length, float(builds));
+		if (config.outputChannels > 1 && noteAt < length) outputs[1][noteAt] = 1000 + noteKey;
+		noteAt = ~std::uint64_t(0);
 	}
 };
 

@@ -1,7 +1,8 @@
 // What a CLAP host relies on, tried on all ten plug-ins the way a DAW calls
-// them: a state load asks the host to read the values again; every value's
-// text reads back to it; bad text and foreign states are refused; nothing on
-// the audio thread writes to a stream; parameters are listed under their group.
+// them: the entry and factory; a state load asks the host to read the values
+// again; every value's text reads back to it; bad text and foreign states are
+// refused; nothing on the audio thread writes to a stream; parameters are
+// listed under their group, and every host is offered the editor.
 #include "support/alloc_counter.h"
 #include "support/plugin_runner.h"
 
@@ -11,6 +12,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <random>
 #include <set>
 #include <string>
@@ -44,6 +46,30 @@ struct HostContract : ::testing::Test {
 };
 
 } // namespace
+
+TEST_F(HostContract, TheEntryAndFactoryOfferTenPlugInsByIdAndNothingElse) {
+	const auto is127 = [](const clap_version &v) { return v.major == 1 && v.minor == 2 && v.revision == 7; };
+	EXPECT_TRUE(is127(bundle->entry().clap_version));
+	for (const char *id : {"clap.plugin-factory2", "clap.plugin-factor", ""}) EXPECT_FALSE(bundle->entry().get_factory(id)) << id;
+	ASSERT_EQ(bundle->count(), 10u);
+	EXPECT_EQ(bundle->descriptor(10), nullptr);
+	Host host;
+	std::set<std::string> ids;
+	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+		const clap_plugin_descriptor *d = bundle->descriptor(p);
+		SCOPED_TRACE(d->id);
+		EXPECT_TRUE(is127(d->clap_version) && ids.insert(d->id).second && !std::strncmp(d->id, "varkesh.lumbrel.", 16)
+			&& !std::strncmp(d->name, "Lumbrel", 7) && d->vendor && d->url && d->manual_url && d->support_url
+			&& d->version && d->description && !std::strcmp(d->features[0], CLAP_PLUGIN_FEATURE_AUDIO_EFFECT));
+		Instance instance(*bundle, d->id, host);
+		ASSERT_TRUE(instance.valid() && instance.init());
+		const clap_plugin *plugin = instance.clapPlugin();
+		EXPECT_EQ(plugin->desc, d);
+		EXPECT_FALSE(plugin->get_extension(plugin, "clap.audio-ports.x"));
+		EXPECT_TRUE(plugin->get_extension(plugin, CLAP_EXT_AUDIO_PORTS));
+	}
+	for (const char *id : {"varkesh.lumbrel.octave", ""}) EXPECT_FALSE(Instance(*bundle, id, host).valid()) << id;
+}
 
 TEST_F(HostContract, StateLoadRescansOnceAndRefusesWhatIsNoStateOfThisPlugin) {
 	std::vector<std::vector<std::uint8_t>> states;
@@ -114,20 +140,15 @@ TEST_F(HostContract, EveryValuesTextReadsBackAndBadTextIsRefused) {
 				EXPECT_EQ(instance.paramText(info.id, back), text);
 
 				// As users type it: any case, a blank before the unit or none.
-				std::string number = text, unit;
-				while (!number.empty() && !std::isdigit(static_cast<unsigned char>(number.back()))) {
-					unit.insert(unit.begin(), number.back());
-					number.pop_back();
-				}
-				if (number.empty()) continue; // a label
-				for (const std::string &typed : {number, number + " " + unit, " " + number + unit + " "}) {
+				const std::size_t split = text.find_last_of("0123456789") + 1;
+				std::string upper = text, number = text.substr(0, split), unit = text.substr(split);
+				for (auto &c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
+				for (const std::string &typed : {upper, number, number + " " + unit, " " + number + unit + " "}) {
+					if (split == 0 && typed != upper) continue; // a label
 					double read = -1;
 					ASSERT_TRUE(instance.paramFromText(info.id, typed, read)) << '"' << typed << '"';
 					EXPECT_EQ(instance.paramText(info.id, read), text) << '"' << typed << '"';
 				}
-				std::string upper = text;
-				for (auto &c : upper) c = char(std::toupper(static_cast<unsigned char>(c)));
-				EXPECT_TRUE(instance.paramFromText(info.id, upper, back)) << upper;
 			}
 
 			// Nothing else reads, and a refusal leaves the value alone.

@@ -1,6 +1,6 @@
 // Parameters named by key path and set by text, against the built bundle:
 // key paths from the saved state, lookup by the names a person types, and
-// value texts the plug-in would read as its default.
+// values read in the parameter's unit or as its labels.
 #include "host/key_paths.h"
 #include "render/param_table.h"
 
@@ -17,51 +17,47 @@
 namespace {
 
 using namespace lumbrel;
-using render::ParamEntry;
-using render::ParamTable;
 
-struct ParamTableTest : ::testing::Test {
-	static std::unique_ptr<host::Bundle> bundle;
-	static void SetUpTestSuite() {
-		std::string error;
-		bundle = host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
-		ASSERT_TRUE(bundle) << error;
-	}
-	static void TearDownTestSuite() { bundle.reset(); }
-
+struct ParamTable : ::testing::Test {
+	std::unique_ptr<host::Bundle> bundle;
 	host::Host host;
 	std::unique_ptr<host::Instance> instance;
-	std::unique_ptr<ParamTable> table;
+	std::unique_ptr<render::ParamTable> table;
 
 	void open(const char *id) {
+		std::string error;
+		if (!bundle) bundle = host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
+		ASSERT_TRUE(bundle) << error;
 		instance = std::make_unique<host::Instance>(*bundle, id, host);
 		ASSERT_TRUE(instance->valid() && instance->init());
-		table = std::make_unique<ParamTable>(*instance);
+		table = std::make_unique<render::ParamTable>(*instance);
 	}
-	const ParamEntry &get(const std::string &name) {
+	const render::ParamEntry *find(const std::string &name) {
 		std::string error;
-		const ParamEntry *entry = table->find(name, error);
+		const render::ParamEntry *entry = table->find(name, error);
 		EXPECT_TRUE(entry) << error;
-		return *entry;
+		return entry;
 	}
-	std::string readError(const std::string &name, const std::string &text) {
+	// The plug-in's own text for what `text` was read as, or the error.
+	std::string read(const std::string &name, const std::string &text) {
+		const render::ParamEntry *entry = find(name);
 		double value = 0;
 		std::string error;
-		EXPECT_FALSE(table->readValue(get(name), text, value, error)) << text;
-		EXPECT_EQ(error.find('\n'), std::string::npos);
+		if (!entry) return "(no " + name + ")";
+		if (!table->readValue(*entry, text, value, error)) {
+			EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+			return "error: " + error;
+		}
+		return table->text(*entry, value);
+	}
+	std::string notFound(const std::string &name) {
+		std::string error;
+		EXPECT_FALSE(table->find(name, error)) << name;
 		return error;
 	}
-	// The plug-in's own text for what `text` was read as.
-	std::string readAs(const std::string &name, const std::string &text) {
-		double value = 0;
-		std::string error;
-		EXPECT_TRUE(table->readValue(get(name), text, value, error)) << error;
-		return table->text(get(name), value);
-	}
 };
-std::unique_ptr<host::Bundle> ParamTableTest::bundle;
 
-TEST_F(ParamTableTest, EveryParameterGetsTheKeyPathWhoseCrcIsItsId) {
+TEST_F(ParamTable, EveryParameterGetsTheKeyPathWhoseCrcIsItsIdAndIsFoundByAnyOfItsNames) {
 	open("varkesh.lumbrel.swell");
 	std::vector<std::string> paths;
 	for (const auto &entry : table->entries()) {
@@ -71,84 +67,65 @@ TEST_F(ParamTableTest, EveryParameterGetsTheKeyPathWhoseCrcIsItsId) {
 			dot = entry.keyPath.find('.', from);
 			keys.push_back(entry.keyPath.substr(from, dot - from));
 		}
-		EXPECT_EQ(lumbrel::host::keyPathId(keys), entry.info.id) << entry.keyPath;
+		EXPECT_EQ(host::keyPathId(keys), entry.info.id) << entry.keyPath;
 	}
-	const std::vector<std::string> expected = {"engineConfig.latencyMs", "engineConfig.overlap",
-		"engineConfig.resolution", "engineConfig.iterationsLog2", "engineConfig.directCopy", "swell.time", "swell.sweep",
-		"swell.focus", "swell.autoGain"};
-	EXPECT_EQ(paths, expected);
-	EXPECT_EQ(get("swell.time").groupNames, "Swell");
-	EXPECT_EQ(get("engineConfig.latencyMs").groupNames, "Engine");
+	EXPECT_EQ(paths, (std::vector<std::string>{"engineConfig.latencyMs", "engineConfig.overlap", "engineConfig.resolution",
+						 "engineConfig.iterationsLog2", "engineConfig.directCopy", "swell.time", "swell.sweep",
+						 "swell.focus", "swell.autoGain"}));
+	EXPECT_EQ(find("swell.time")->groupNames, "Swell");
+	EXPECT_EQ(find("engineConfig.latencyMs")->groupNames, "Engine");
+	for (const char *name : {"time", "TIME", "Swell.Time"}) EXPECT_EQ(find(name), find("swell.time")) << name;
+	for (const char *name : {"auto-gain", "autogain"}) EXPECT_EQ(find(name), find("swell.autoGain")) << name;
+	EXPECT_EQ(find("latency"), find("engineConfig.latencyMs"));
+
+	// Unknown names list close matches, or say where the names are; a group
+	// is no parameter.
+	for (const auto &[name, words] : std::vector<std::pair<std::string, std::string>>{{"tmie", "no parameter \"tmie\""},
+			 {"tmie", "swell.time"}, {"latencyMS.x", "engineConfig.latencyMs"}, {"engineConfig", "no parameter"},
+			 {"zzzzzzzzzz", "--list --plugin swell"}})
+		EXPECT_NE(notFound(name).find(words), std::string::npos) << name;
 }
 
-TEST_F(ParamTableTest, FoundByKeyPathDisplayNameOrLastKeyInAnyCase) {
-	open("varkesh.lumbrel.swell");
-	const ParamEntry *time = &get("swell.time");
-	EXPECT_EQ(&get("time"), time);
-	EXPECT_EQ(&get("TIME"), time);
-	EXPECT_EQ(&get("Swell.Time"), time);
-	EXPECT_EQ(&get("auto-gain"), &get("swell.autoGain"));
-	EXPECT_EQ(&get("autogain"), &get("swell.autoGain"));
-	EXPECT_EQ(&get("latency"), &get("engineConfig.latencyMs"));
-}
-
-TEST_F(ParamTableTest, UnknownNamesListCloseMatches) {
-	open("varkesh.lumbrel.swell");
-	std::string error;
-	EXPECT_FALSE(table->find("tmie", error));
-	EXPECT_NE(error.find("no parameter \"tmie\""), std::string::npos) << error;
-	EXPECT_NE(error.find("swell.time"), std::string::npos) << error;
-	EXPECT_FALSE(table->find("latencyMS.x", error));
-	EXPECT_NE(error.find("engineConfig.latencyMs"), std::string::npos) << error;
-	EXPECT_FALSE(table->find("engineConfig", error)) << "a group is no parameter";
-	EXPECT_FALSE(table->find("zzzzzzzzzz", error));
-	EXPECT_NE(error.find("--list --plugin swell"), std::string::npos) << error;
-}
-
-TEST_F(ParamTableTest, RangedValuesAreNumbersInTheParametersUnit) {
+TEST_F(ParamTable, RangedValuesAreNumbersInTheUnitAndSteppedOnesTheirLabels) {
 	open("varkesh.lumbrel.decay-scale");
-	EXPECT_EQ(readAs("latency", "5ms"), "5ms");
-	EXPECT_EQ(readAs("latency", " 5 ms "), "5ms");
-	EXPECT_EQ(readAs("latency", "5"), "5ms") << "a bare number is in the parameter's unit";
-	EXPECT_EQ(readAs("latency", "+5.5ms"), "5.5ms");
-	EXPECT_EQ(readAs("latency", "5,5ms"), "5.5ms") << "the plug-in alone would stop at the comma";
-	EXPECT_EQ(readAs("decay.rt20", "2.5sec"), "2.5sec");
-
-	EXPECT_NE(readError("latency", "5 Hz").find("\"ms\""), std::string::npos) << "the wrong unit names the right one";
-	EXPECT_EQ(readAs("latency", "0.005 s"), "5ms") << "another size of the same unit is converted";
-	EXPECT_NE(readError("latency", "fast").find("give a number"), std::string::npos);
-	EXPECT_NE(readError("latency", "20ms").find("outside the range"), std::string::npos);
-	EXPECT_NE(readError("latency", "-1").find("outside the range"), std::string::npos);
-	EXPECT_NE(readError("decay.factor", "2x").find("plain number"), std::string::npos);
+	struct Case {
+		const char *name, *text, *read; // what the plug-in shows, or words of the error
+	} cases[] = {
+		{"latency", " 5 ms ", "5ms"},
+		{"latency", "5", "5ms"}, // a bare number is in the parameter's unit
+		{"latency", "+5.5ms", "5.5ms"},
+		{"latency", "5,5ms", "5.5ms"}, // the plug-in alone would stop at the comma
+		{"latency", "0.005 s", "5ms"}, // another size of the same unit is converted
+		{"decay.rt20", "2.5sec", "2.5sec"},
+		{"latency", "5 Hz", "error: \"ms\""}, // the wrong unit names the right one
+		{"latency", "fast", "error: give a number"},
+		{"latency", "20ms", "error: outside the range"},
+		{"latency", "-1", "error: outside the range"},
+		{"decay.factor", "2x", "error: plain number"},
+		{"iterations", "8", "8"},
+		{"direct", "ON", "on"},
+		{"iterations", "3", "error: 1, 2, 4, 8"}, // no label; the plug-in would read it as the default
+		{"direct", "maybe", "error: off, on"},
+	};
+	for (const auto &c : cases) {
+		const std::string read = this->read(c.name, c.text), expected = c.read;
+		if (expected.rfind("error: ", 0) == 0) EXPECT_NE(read.find(expected.substr(7)), read.npos) << c.text << ": " << read;
+		else EXPECT_EQ(read, expected) << c.text;
+	}
+	EXPECT_EQ(table->rangeText(*find("direct")), "off, on");
+	EXPECT_EQ(table->rangeText(*find("latency")), "2ms to 15ms");
 }
 
-TEST_F(ParamTableTest, SteppedValuesAreTheirLabels) {
-	open("varkesh.lumbrel.decay-scale");
-	EXPECT_EQ(readAs("iterations", "8"), "8");
-	EXPECT_EQ(readAs("direct", "off"), "off");
-	EXPECT_EQ(readAs("direct", "ON"), "on");
-	// "3" isn't a label of 1, 2, 4, 8, and the plug-in would read it as the default.
-	const std::string error = readError("iterations", "3");
-	EXPECT_NE(error.find("1, 2, 4, 8"), std::string::npos) << error;
-	EXPECT_NE(readError("direct", "maybe").find("off, on"), std::string::npos);
-	EXPECT_EQ(table->rangeText(get("direct")), "off, on");
-	EXPECT_EQ(table->rangeText(get("latency")), "2ms to 15ms");
-}
-
-TEST_F(ParamTableTest, ANameSharedByTwoParametersAsksForTheKeyPath) {
+TEST_F(ParamTable, ANameSharedByTwoParametersAsksForTheKeyPath) {
 	open("varkesh.lumbrel.pitch-shifter-layer1");
-	ASSERT_FALSE(table->entries().empty());
-	// "smoothing" is the display name in both the peaks and the timbre group.
-	std::string error;
-	EXPECT_FALSE(table->find("smoothing", error));
+	const std::string error = notFound("smoothing"); // the peaks' and the timbre's
 	EXPECT_NE(error.find("peaksConfig.smoothing"), std::string::npos) << error;
 	EXPECT_NE(error.find("timbreConfig.smoothing"), std::string::npos) << error;
-	EXPECT_NE(&get("timbreConfig.smoothing"), &get("peaksConfig.smoothing"));
+	EXPECT_NE(find("timbreConfig.smoothing"), find("peaksConfig.smoothing"));
 	// Only 0 has a label; the other steps are read as plain numbers.
-	EXPECT_EQ(readAs("semitones", "+7"), "7");
-	EXPECT_EQ(readAs("semitones", "-12"), "-12");
-	EXPECT_EQ(readAs("semitones", "none"), "none");
-	EXPECT_NE(readError("semitones", "25").find("-24 to 24"), std::string::npos);
+	EXPECT_EQ(read("semitones", "+7"), "7");
+	EXPECT_EQ(read("semitones", "none"), "none");
+	EXPECT_NE(read("semitones", "25").find("-24 to 24"), std::string::npos);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
-// lumbrel-render run as a person runs it: listing, parameters by name and
-// text, presets, and every error a person can make, each a one-line message,
-// a non-zero exit and no output file.
+// lumbrel-render run as a person runs it: what it lists and accepts, what it
+// does to the audio and to files, and every mistake a person can make, each a
+// one-line message, a non-zero exit and no output file.
 #include "tools/render/render_runner.h"
 
 #include "support/signals.h"
@@ -8,221 +8,289 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
-
-#include <string>
-#include <vector>
+#include <cstdlib>
+#include <map>
+#include <sstream>
 
 namespace {
 
 using namespace lumbrel_test;
 
-const std::string bundle = LUMBREL_BUNDLE_PATH;
+const std::string bundle = LUMBREL_BUNDLE_PATH, tool = LUMBREL_RENDER_PATH;
 
 struct RenderCli : ::testing::Test {
 	TempFolder folder;
-	std::string input = folder / "in.wav";
+	std::string input = folder / "in.wav"; // 16-bit stereo tone, half a second
 
-	void SetUp() override {
-		// Half a second of a quiet stereo tone.
-		std::vector<std::vector<float>> tone(2, std::vector<float>(24000));
-		for (std::size_t i = 0; i < tone[0].size(); ++i) tone[0][i] = tone[1][i] = 0.1f * float(std::sin(0.05 * double(i)));
-		ASSERT_TRUE(writeSound(input, tone, 48000));
+	void SetUp() override { ASSERT_TRUE(writeSound(input, tone(24000, 0.25f), 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16)); }
+	static std::vector<std::vector<float>> tone(std::size_t frames, float level) {
+		return std::vector<std::vector<float>>(2, sine(48000 * 0.05 / (2 * M_PI), 48000, frames, level));
 	}
 	RunResult run(std::vector<std::string> args) {
-		args.insert(args.begin(), {"--bundle", bundle});
-		return runRender(folder, args);
+		args.insert(args.begin(), {tool, "--bundle", bundle});
+		return lumbrel_test::run(folder, args);
 	}
-	// A failed run: non-zero exit, one line on stderr holding `words`.
-	void expectError(const RunResult &r, const std::string &words) {
-		EXPECT_NE(r.exitCode, 0);
-		EXPECT_NE(r.err.find(words), std::string::npos) << r.err;
-		EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+	// The row of `keyPath` in the listing that `args` ask for.
+	std::string row(std::vector<std::string> args, const std::string &keyPath) {
+		args.insert(args.begin(), "--list");
+		const auto r = run(args);
+		EXPECT_EQ(r.exitCode, 0) << r.err;
+		const auto at = r.out.find("  " + keyPath + " ");
+		return at == std::string::npos ? "(no " + keyPath + ")" : r.out.substr(at, r.out.find('\n', at) - at);
 	}
-	// The line of a --list --plugin table that starts with `keyPath`.
-	static std::string row(const std::string &listing, const std::string &keyPath) {
-		const auto at = listing.find("  " + keyPath + " ");
-		if (at == std::string::npos) return "";
-		return listing.substr(at, listing.find('\n', at) - at);
+	// A stereo second of silence but for a click at clickAt.
+	static constexpr std::size_t clickAt = 12345;
+	std::string click(std::size_t channels, double rate) {
+		std::vector<std::vector<float>> sound(channels, std::vector<float>(std::size_t(rate)));
+		for (auto &channel : sound) channel[clickAt] = 0.8f;
+		const std::string path = folder / ("click" + std::to_string(channels) + ".wav");
+		EXPECT_TRUE(writeSound(path, sound, rate));
+		return path;
+	}
+	SoundFile render(std::vector<std::string> args, RunResult *report = nullptr) {
+		const auto r = run(args);
+		EXPECT_EQ(r.exitCode, 0) << r.err;
+		if (report) *report = r;
+		SoundFile sound;
+		EXPECT_TRUE(readSound(args.back(), sound)) << args.back();
+		return sound;
 	}
 };
 
-TEST_F(RenderCli, ListsThePlugInsOfTheBundle) {
-	const auto r = run({"--list"});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	for (const char *id : {"varkesh.lumbrel.pitch-shifter-layer1", "varkesh.lumbrel.octaver", "varkesh.lumbrel.cleanup",
-			 "varkesh.lumbrel.chorus", "varkesh.lumbrel.chorus-detune", "varkesh.lumbrel.transients",
-			 "varkesh.lumbrel.swell", "varkesh.lumbrel.decay-scale", "varkesh.lumbrel.frequency-snap",
-			 "varkesh.lumbrel.shepard-drop"}) {
-		EXPECT_NE(r.out.find(id), std::string::npos) << id;
+TEST_F(RenderCli, ListsPlugInsAndParametersAndTakesValuesAndPlugInsAsPeopleTypeThem) {
+	const auto all = run({"--list"});
+	ASSERT_EQ(all.exitCode, 0) << all.err;
+	for (const char *plugin : {"pitch-shifter-layer1", "octaver", "cleanup", "chorus", "chorus-detune", "transients", "swell",
+			 "decay-scale", "frequency-snap", "shepard-drop"})
+		EXPECT_NE(all.out.find(std::string("varkesh.lumbrel.") + plugin), std::string::npos) << plugin;
+	EXPECT_EQ(lumbrel_test::run(folder, {tool, "--list", bundle}).out, all.out) << "the bundle as a plain argument";
+	// Name, range, default and current value, with units.
+	const std::string latency = row({"--plugin", "decay-scale", "--set", "latency=0.005s"}, "engineConfig.latencyMs");
+	for (const char *part : {"latency", "2ms to 15ms", "10ms", "5ms"}) EXPECT_NE(latency.find(part), std::string::npos) << latency;
+	struct Case {
+		const char *plugin, *setting, *keyPath, *shown;
+	} cases[] = {
+		{"swell", "time=500ms", "swell.time", "0.5sec"},
+		{"swell", "autoGain=6 db", "swell.autoGain", "6dB"},
+		{"pitch-shifter", "semitones=-12 s.t.", "peakShifterConfig.semitones", "-12"},
+		{"frequency-snap", "baseNote=db", "chordConfig.baseNote", "C#/Db"},
+	};
+	for (const auto &c : cases)
+		EXPECT_NE(row({"--plugin", c.plugin, "--set", c.setting}, c.keyPath).find(c.shown), std::string::npos) << c.setting;
+	// Plug-ins by any case, unique part or word.
+	for (const auto &[typed, found] : std::map<std::string, std::string>{{"LUMBREL: OCTAVER", "octaver"},
+			 {"chor", "chorus"}, {"detune", "chorus-detune"}, {"snap", "frequency-snap"}, {"shep", "shepard-drop"}}) {
+		const auto r = run({"--list", "--plugin", typed});
+		EXPECT_NE(r.out.substr(0, r.out.find('\n')).find("(varkesh.lumbrel." + found + ")"), std::string::npos) << typed;
 	}
-	EXPECT_NE(r.out.find("Lumbrel: Swell"), std::string::npos);
-	EXPECT_EQ(runRender(folder, {"--list", bundle}).out, r.out) << "the bundle as a plain argument";
 }
 
-TEST_F(RenderCli, ListsParametersWithKeyPathRangeDefaultAndCurrentText) {
-	const auto r = run({"--list", "--plugin", "decay-scale", "--set", "latency=5ms", "--set", "direct=off"});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	const std::string latency = row(r.out, "engineConfig.latencyMs");
-	ASSERT_FALSE(latency.empty()) << r.out;
-	EXPECT_NE(latency.find("latency"), std::string::npos) << latency;
-	EXPECT_NE(latency.find("2ms to 15ms"), std::string::npos) << latency;
-	EXPECT_NE(latency.find("10ms"), std::string::npos) << "default: " << latency;
-	EXPECT_NE(latency.find("5ms"), std::string::npos) << "current: " << latency;
-	EXPECT_NE(row(r.out, "engineConfig.directCopy").find("off, on"), std::string::npos) << r.out;
-	for (const char *path : {"decay.smoothing", "decay.tonalLimit", "decay.rt20", "decay.rangeDb", "decay.factor"}) {
-		EXPECT_FALSE(row(r.out, path).empty()) << path << " in\n" << r.out;
-	}
-}
-
-TEST_F(RenderCli, PresetsSavedAndLoaded) {
+TEST_F(RenderCli, PresetsAndAutomationReachThePlugIn) {
 	const std::string preset = folder / "slow.state";
-	auto r = run({"--plugin", "swell", "--set", "time=1.5sec", "--set", "swell.autoGain=6dB", "--state-out", preset});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	const std::string bytes = readText(preset);
-	ASSERT_FALSE(bytes.empty());
-	EXPECT_EQ(static_cast<unsigned char>(bytes[0]), 0xBF) << "a saved state is one CBOR map";
+	ASSERT_EQ(run({"--plugin", "swell", "--set", "time=1.5sec", "--set", "swell.autoGain=6dB", "--state-out", preset})
+				  .exitCode, 0);
+	EXPECT_EQ(readText(preset).substr(0, 1), "\xBF") << "a saved state is one CBOR map";
+	EXPECT_NE(row({"--plugin", "swell", "--state-in", preset}, "swell.autoGain").find("6dB"), std::string::npos);
+	EXPECT_NE(row({"--plugin", "swell", "--state-in", preset, "--set", "time=0.5sec"}, "swell.time").find("0.5sec"),
+		std::string::npos) << "--set goes on top of the preset";
+	const SoundFile a = render({"--plugin", "swell", "--state-in", preset, input, folder / "a.wav"});
+	const SoundFile b = render({"--plugin", "swell", "--set", "time=1.5sec", "--set", "autoGain=6", input, folder / "b.wav"});
+	EXPECT_EQ(a.channels, b.channels) << "a render from the preset is the render with the same settings";
 
-	r = run({"--list", "--plugin", "swell", "--state-in", preset});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	EXPECT_NE(row(r.out, "swell.time").find("1.5sec"), std::string::npos) << r.out;
-	EXPECT_NE(row(r.out, "swell.autoGain").find("6dB"), std::string::npos) << r.out;
-	// --set goes on top of the preset.
-	r = run({"--list", "--plugin", "swell", "--state-in", preset, "--set", "time=0.5sec"});
-	EXPECT_NE(row(r.out, "swell.time").find("0.5sec"), std::string::npos) << r.out;
-	EXPECT_NE(row(r.out, "swell.autoGain").find("6dB"), std::string::npos) << r.out;
-
-	// A render from the preset is the render with the same --set values.
-	ASSERT_EQ(run({"--plugin", "swell", "--state-in", preset, input, folder / "a.wav"}).exitCode, 0);
-	ASSERT_EQ(
-		run({"--plugin", "swell", "--set", "time=1.5sec", "--set", "autoGain=6", input, folder / "b.wav"}).exitCode, 0);
-	SoundFile a, b;
-	ASSERT_TRUE(readSound(folder / "a.wav", a) && readSound(folder / "b.wav", b));
-	EXPECT_EQ(a.channels, b.channels);
-}
-
-TEST_F(RenderCli, AutomationReachesThePlugIn) {
 	// The state after the render holds each course's last value.
-	const std::string state = folder / "after.state";
-	auto r = run({"--plugin", "swell", "--automate", "time=0:0.1sec,0.25:1.5sec", "--automate",
-		"autoGain=0:0,0.2:24dB,0.2:3dB", "--state-out", state, input, folder / "out.wav"});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	r = run({"--list", "--plugin", "swell", "--state-in", state});
-	EXPECT_NE(row(r.out, "swell.time").find("1.5sec"), std::string::npos) << r.out;
-	EXPECT_NE(row(r.out, "swell.autoGain").find("3dB"), std::string::npos) << r.out;
-
-	expectError(run({"--plugin", "swell", "--automate", "time=0:0.1sec,oops", input, folder / "x.wav"}), "TIME:VALUE");
-	expectError(run({"--plugin", "swell", "--automate", "tiem=0:1sec", input, folder / "x.wav"}), "swell.time");
-	expectError(
-		run({"--plugin", "swell", "--automate", "time=0:1sec,1:9sec", input, folder / "x.wav"}), "outside the range");
+	const std::string after = folder / "after.state";
+	render({"--plugin", "swell", "--automate", "time=0:0.1sec,0.25:1.5sec", "--automate", "autoGain=0:0,0.2:24dB,0.2:3dB",
+		"--state-out", after, input, folder / "out.wav"});
+	const std::string time = row({"--plugin", "swell", "--state-in", after}, "swell.time");
+	EXPECT_NE(time.find("1.5sec"), std::string::npos) << time;
+	EXPECT_NE(row({"--plugin", "swell", "--state-in", after}, "swell.autoGain").find("3dB"), std::string::npos);
 }
 
-TEST_F(RenderCli, UnknownParameterIsAnErrorThatListsCloseMatches) {
-	const auto r = run({"--plugin", "swell", "--set", "tmie=1sec", input, folder / "out.wav"});
-	expectError(r, "no parameter \"tmie\"");
-	EXPECT_NE(r.err.find("swell.time"), std::string::npos) << r.err;
-	EXPECT_FALSE(std::filesystem::exists(folder / "out.wav"));
-}
-
-TEST_F(RenderCli, BadValuesAreErrors) {
-	expectError(run({"--plugin", "swell", "--set", "time=slow", input, folder / "out.wav"}),
-		"\"slow\" is not a value of swell.time");
-	expectError(run({"--plugin", "swell", "--set", "time=1min", input, folder / "out.wav"}), "\"sec\"");
-	expectError(run({"--plugin", "swell", "--set", "time=9sec", input, folder / "out.wav"}), "outside the range");
-	expectError(run({"--plugin", "swell", "--set", "iterations=3", input, folder / "out.wav"}), "1, 2, 4, 8");
-	expectError(run({"--plugin", "swell", "--set", "time", input, folder / "out.wav"}), "KEY=VALUE");
-	EXPECT_FALSE(std::filesystem::exists(folder / "out.wav"));
-}
-
-TEST_F(RenderCli, FileErrorsAreClearAndLeaveNoFiles) {
-	const std::string out = folder / "out.wav";
-	expectError(run({"--plugin", "swell", folder / "missing.wav", out}), "cannot read");
+TEST_F(RenderCli, EveryMistakeIsOneLineAnExitCodeAndNoFile) {
+	const std::string out = folder / "out.wav", whole = readText(input), cut = folder / "cut.wav";
+	std::ofstream(cut, std::ios::binary) << whole.substr(0, whole.size() / 2); // its header promises twice the samples
 	std::ofstream(folder / "junk.wav") << "this is not audio";
-	expectError(run({"--plugin", "swell", folder / "junk.wav", out}), "cannot read");
-	expectError(run({"--plugin", "swell", input, folder / "no-such-folder/out.wav"}), "cannot write");
-	std::filesystem::create_directory(folder / "taken.wav");
-	expectError(run({"--plugin", "swell", input, folder / "taken.wav"}), "cannot write");
-	EXPECT_TRUE(std::filesystem::is_directory(folder / "taken.wav"));
-	expectError(run({"--plugin", "swell", input, folder / "out.mp3"}), "output format");
-	expectError(run({"--plugin", "no-such-effect", input, out}), "no plug-in \"no-such-effect\"");
-	expectError(runRender(folder, {"--bundle", folder / "none.clap", "--plugin", "swell", input, out}), "no bundle");
 	std::ofstream(folder / "junk.state") << "not a state";
-	expectError(run({"--plugin", "swell", "--state-in", folder / "junk.state", input, out}), "not a saved plug-in state");
-	expectError(run({"--plugin", "swell", "--state-in", folder / "none.state", input, out}), "cannot read the state");
-	expectError(run({"--plugin", "swell", "--frobnicate", input, out}), "unknown option --frobnicate");
-	expectError(run({"--plugin", "swell", "--block", "0", input, out}), "--block");
-	expectError(run({"--plugin", "swell", input}), "one input file and one output file");
-	for (const auto &name : folder.files()) {
-		EXPECT_EQ(name.find(".partial"), std::string::npos) << name;
-		EXPECT_NE(name, "out.wav");
+	std::filesystem::create_directory(folder / "taken.wav");
+	const std::string preset = folder / "swell.state";
+	ASSERT_EQ(run({"--plugin", "swell", "--state-out", preset}).exitCode, 0);
+	struct Case {
+		std::vector<std::string> args;
+		int exitCode;
+		const char *words;
+	} cases[] = {
+		{{"--set", "tmie=1sec"}, 2, "no parameter \"tmie\""},
+		{{"--set", "time=slow"}, 2, "\"slow\" is not a value of swell.time"},
+		{{"--set", "time"}, 2, "KEY=VALUE"},
+		{{"--automate", "time=0:0.1sec,oops"}, 2, "TIME:VALUE"},
+		{{"--automate", "time=0:1sec,1:9sec"}, 2, "outside the range"},
+		{{"--frobnicate"}, 2, "unknown option --frobnicate"},
+		{{"--force=yes"}, 2, "--force takes no value"},
+		{{"--block", "0"}, 2, "--block"},
+		{{"--state-in", folder / "junk.state"}, 1, "not a saved plug-in state"},
+		{{"--state-in", folder / "none.state"}, 1, "cannot read the state"},
+		{{"--bits", "16", input, folder / "out.ogg"}, 2, "--bits"},
+		{{input}, 2, "one input file and one output file"},
+		{{folder / "missing.wav", out}, 1, "cannot read"},
+		{{folder / "junk.wav", out}, 1, "cannot read"},
+		{{cut, out}, 1, "truncated"},
+		{{input, folder / "no-such-folder/out.wav"}, 1, "cannot write"},
+		{{input, folder / "taken.wav"}, 1, "cannot write"},
+		{{input, folder / "out.mp3"}, 2, "output format"},
+		{{input, input}, 2, "add --force"},
+		{{"--plugin", "no-such-effect"}, 2, "no plug-in \"no-such-effect\""},
+		{{"--plugin", "chrous"}, 2, "did you mean chorus"},
+		{{"--plugin", "octaver", "--state-in", preset}, 2, "is a saved state of Lumbrel: Swell, not of Lumbrel: Octaver"},
+		{{"--plugin", "decay-scale", "--automate", "latency=0:5ms,0.2:10ms"}, 2, "changes the plug-in's latency"},
+		{{"--bundle", folder / "none.clap"}, 1, "no bundle"},
+	};
+	for (const auto &c : cases) {
+		// Swell, the bundle, and both files unless the case gives its own.
+		std::vector<std::string> args = c.args;
+		const auto given = [&](const std::string &what) { return std::find(args.begin(), args.end(), what) != args.end(); };
+		const bool files = std::any_of(args.begin(), args.end(), [](const std::string &a) {
+			const auto dot = a.rfind('.');
+			return dot != std::string::npos && std::string(".wav.ogg.flac.mp3").find(a.substr(dot)) != std::string::npos;
+		});
+		if (!files) args.insert(args.end(), {input, out});
+		if (!given("--plugin")) args.insert(args.begin(), {"--plugin", "swell"});
+		const auto r = given("--bundle") ? lumbrel_test::run(folder, (args.insert(args.begin(), tool), args)) : run(args);
+		EXPECT_EQ(r.exitCode, c.exitCode) << c.words << ": " << r.err;
+		EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
+		EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 	}
-}
+	EXPECT_EQ(readText(input), whole);
+	EXPECT_TRUE(std::filesystem::is_directory(folder / "taken.wav"));
+	for (const auto &name : folder.files())
+		EXPECT_TRUE(name.find(".partial") == std::string::npos && name.rfind("out.", 0) == std::string::npos) << name;
 
-TEST_F(RenderCli, AFailedRenderLeavesTheOldOutputAsItWas) {
-	const std::string out = folder / "out.wav";
+	// A render that fails after it began (three channels don't fit the stereo
+	// port) leaves the old output as it was; --force replaces a file whole.
 	ASSERT_EQ(run({"--plugin", "swell", input, out}).exitCode, 0);
 	const std::string before = readText(out);
-	// Three channels don't fit the plug-in's stereo port: found after reading.
-	std::vector<std::vector<float>> three(3, std::vector<float>(4800, 0.1f));
-	ASSERT_TRUE(writeSound(folder / "three.wav", three, 48000));
-	expectError(run({"--plugin", "swell", folder / "three.wav", out}), "3 channels");
+	ASSERT_TRUE(writeSound(folder / "three.wav", std::vector<std::vector<float>>(3, std::vector<float>(4800, 0.1f)), 48000));
+	const auto r = run({"--plugin", "swell", folder / "three.wav", out});
+	EXPECT_EQ(r.exitCode, 1);
+	EXPECT_NE(r.err.find("3 channels"), std::string::npos) << r.err;
 	EXPECT_EQ(readText(out), before);
-	EXPECT_EQ(folder.files().size(), 3u) << "in.wav, three.wav, out.wav";
+	EXPECT_EQ(render({"--plugin", "swell", "--force", input, input}).frames(), 24000u);
 }
 
-TEST_F(RenderCli, ReportsLatencyAndRealTimeFactorWithoutAProgressBarOffTerminal) {
-	const auto r = run({"--plugin", "decay-scale", input, folder / "out.wav"});
-	ASSERT_EQ(r.exitCode, 0) << r.err;
-	EXPECT_NE(r.out.find("latency 480 samples (10.00 ms)"), std::string::npos) << r.out;
-	EXPECT_NE(r.out.find("real-time factor"), std::string::npos) << r.out;
-	EXPECT_EQ(r.err, "") << "no progress bar when stderr isn't a terminal";
+TEST_F(RenderCli, UsualOptionsAndStandardInputAndOutput) {
+	auto r = lumbrel_test::run(folder, {tool, "--version"});
+	EXPECT_EQ(r.exitCode, 0);
+	EXPECT_EQ(r.out.rfind("lumbrel-render 1.", 0), 0u) << r.out;
+	for (const char *help : {"-h", "--help"}) {
+		r = lumbrel_test::run(folder, {tool, help});
+		EXPECT_EQ(r.exitCode, 0);
+		EXPECT_NE(r.out.find("Exit status: 0"), std::string::npos) << r.out;
+	}
+	r = run({"--plugin=swell", "--set=time=1s", "-q", input, folder / "a.wav"});
+	EXPECT_EQ(r.exitCode, 0);
+	EXPECT_EQ(r.out + r.err, "") << "quiet";
+
+	const std::string out = folder / "piped.wav", err = folder / "err.txt";
+	const std::string command = "'" + tool + "' --bundle '" + bundle + "' --plugin decay-scale - - < '" + input + "' > '"
+		+ out + "' 2> '" + err + "'";
+	ASSERT_EQ(std::system(command.c_str()), 0) << readText(err);
+	SoundFile sound;
+	ASSERT_TRUE(readSound(out, sound));
+	EXPECT_EQ(sound.frames(), 24000u);
+	EXPECT_EQ(sound.format, SF_FORMAT_WAV | SF_FORMAT_PCM_16) << "the input's format";
+	EXPECT_NE(readText(err).find("wrote standard output"), std::string::npos) << "the summary stays off the audio";
 }
 
-TEST_F(RenderCli, DrawsAProgressBarOnATerminal) {
-	std::vector<std::string> args = {
-		LUMBREL_RENDER_PATH, "--bundle", bundle, "--plugin", "swell", input, folder / "out.wav"};
-	const RunResult run = runOnTerminal(args);
-	const std::string &screen = run.out;
-	EXPECT_EQ(run.exitCode, 0) << screen;
-	EXPECT_NE(screen.find("out.wav"), std::string::npos) << screen;
-	EXPECT_NE(screen.find("[#"), std::string::npos) << screen;
-	EXPECT_NE(screen.find("100%"), std::string::npos) << screen;
-	EXPECT_NE(screen.find("wrote"), std::string::npos) << screen;
+TEST_F(RenderCli, FormatsFollowTheFileNameKeepTheInputsBitsAndTheLevel) {
+	struct Case {
+		const char *name;
+		std::vector<std::string> args;
+		int format;
+		double toleranceDb;
+	} cases[] = {
+		{"same.wav", {}, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0.5},
+		{"same.flac", {}, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 0.5},
+		{"wide.wav", {"--bits", "24"}, SF_FORMAT_WAV | SF_FORMAT_PCM_24, 0.5},
+		{"float.aiff", {"--bits=32"}, SF_FORMAT_AIFF | SF_FORMAT_FLOAT, 0.5},
+		{"OUT.OGG", {}, SF_FORMAT_OGG | SF_FORMAT_VORBIS, 1.0},
+	};
+	const auto in = tone(24000, 0.25f);
+	for (const auto &c : cases) {
+		std::vector<std::string> args = {"--plugin", "decay-scale"};
+		args.insert(args.end(), c.args.begin(), c.args.end());
+		args.insert(args.end(), {input, folder / c.name});
+		const SoundFile out = render(args);
+		EXPECT_EQ(out.format, c.format) << c.name;
+		EXPECT_EQ(out.sampleRate, 48000) << c.name;
+		ASSERT_EQ(out.channels.size(), 2u) << c.name;
+		// A steady tone passes the decay scale at unity gain.
+		for (const auto &channel : out.channels)
+			EXPECT_NEAR(dB(rms(channel, 4800, 19200) / rms(in[0], 4800, 19200)), 0, c.toleranceDb) << c.name;
+	}
+	// Above full scale: clipped to 16 bits, a warning in float.
+	ASSERT_TRUE(writeSound(folder / "loud.wav", tone(24000, 1.5f), 48000));
+	auto r = run({"--plugin", "decay-scale", "--bits", "16", folder / "loud.wav", folder / "clipped.wav"});
+	EXPECT_EQ(r.exitCode, 0) << r.err;
+	EXPECT_NE(r.err.find("clipped "), std::string::npos) << r.err;
+	EXPECT_NE(r.err.find("(peak +"), std::string::npos) << r.err;
+	r = run({"--plugin", "decay-scale", folder / "loud.wav", folder / "float.wav"});
+	EXPECT_NE(r.err.find("warning: peak +"), std::string::npos) << r.err;
 }
 
-} // namespace
-
-namespace {
-
-// The demo writes a file per plug-in, the input's length each, and a page
-// that pairs each with the input.
-TEST(RenderDemo, WritesAFilePerPlugInAndAPageThatPairsThem) {
-	TempFolder folder;
-	const std::string out = folder / "demo";
-	const auto r = runRender(folder, {"--demo", out, bundle});
-	ASSERT_EQ(r.exitCode, 0) << r.err << r.out;
-	SoundFile input;
-	ASSERT_TRUE(readSound(out + "/input.wav", input));
-	EXPECT_EQ(input.channels.size(), 2u);
-	EXPECT_EQ(input.frames(), 8u * 48000u);
-	const std::string page = readText(out + "/index.html");
-	const bool pictures = std::filesystem::exists(out + "/input.png");
-	for (const char *name : {"pitch-shifter-layer1", "octaver", "cleanup", "chorus", "chorus-detune", "transients",
-			 "swell", "decay-scale", "frequency-snap", "shepard-drop"}) {
-		SoundFile sound;
-		ASSERT_TRUE(readSound(out + "/" + name + ".wav", sound)) << name;
-		EXPECT_EQ(sound.frames(), input.frames()) << name;
-		EXPECT_GT(rms(sound.channels[0]), 0.01) << name << " is not silent";
-		EXPECT_NE(page.find(std::string("src=\"") + name + ".wav\""), std::string::npos) << name;
-		if (pictures) {
-			EXPECT_TRUE(std::filesystem::exists(out + "/" + name + ".png")) << name;
+TEST_F(RenderCli, AClickComesOutAtItsOwnIndexOrLateByTheReportedLatency) {
+	const std::string in = click(2, 48000), out = folder / "out.wav";
+	struct Case {
+		std::vector<std::string> args;
+		std::size_t latency; // reported, and the delay with --no-compensate
+	} cases[] = {
+		{{"--plugin", "decay-scale"}, 480}, // 512-frame blocks
+		{{"--plugin", "decay-scale", "--set", "latency=4ms"}, 192},
+		{{"--plugin", "decay-scale", "--set", "latency=15ms", "--block", "37"}, 720}, // blocks that cut the latency
+		{{"--plugin", "decay-scale", "--block", "4096"}, 480},
+		{{"--plugin", "swell", "--set", "swell.time=0.05sec"}, 480},
+	};
+	for (const auto &c : cases) {
+		for (bool compensate : {true, false}) {
+			std::vector<std::string> args = c.args;
+			if (!compensate) args.push_back("--no-compensate");
+			args.insert(args.end(), {in, out});
+			RunResult report;
+			const SoundFile sound = render(args, &report);
+			SCOPED_TRACE(report.out);
+			EXPECT_EQ(sound.frames(), 48000u) << "the same length, the tail cut";
+			ASSERT_EQ(sound.channels.size(), 2u);
+			const std::size_t at = clickAt + (compensate ? 0 : c.latency);
+			for (const auto &channel : sound.channels) {
+				EXPECT_EQ(peakIndex(channel), at);
+				EXPECT_GT(std::abs(channel[at]), 0.05f);
+			}
+			char latency[64];
+			std::snprintf(latency, sizeof latency, "latency %zu samples (%.2f ms)", c.latency, c.latency / 48.0);
+			EXPECT_NE(report.out.find(latency), std::string::npos) << latency;
+			EXPECT_NE(report.out.find("real-time factor"), std::string::npos);
+			EXPECT_EQ(report.err, "") << "no progress bar when stderr isn't a terminal";
 		}
 	}
-	// A setting for a parameter that isn't there yet is a note, not a failure.
-	for (std::size_t at = r.out.find("note:"); at != std::string::npos; at = r.out.find("note:", at + 1)) {
-		const std::string line = r.out.substr(at, r.out.find('\n', at) - at);
-		EXPECT_TRUE(line.find("skipped") != std::string::npos || line.find("spectrograms") != std::string::npos) << line;
-	}
+	// Mono stays mono at its rate, through both of the plug-in's channels: the
+	// output is their mean, a click as high as through a stereo file.
+	const SoundFile stereo = render({"--plugin", "decay-scale", click(2, 44100), folder / "stereo.wav"});
+	const SoundFile mono = render({"--plugin", "decay-scale", click(1, 44100), folder / "mono.wav"});
+	ASSERT_EQ(mono.channels.size(), 1u);
+	EXPECT_EQ(mono.sampleRate, 44100);
+	EXPECT_EQ(peakIndex(mono.channels[0]), clickAt);
+	EXPECT_NEAR(mono.channels[0][clickAt], stereo.channels[0][clickAt], 1e-3);
+}
+
+TEST_F(RenderCli, ProgressIsOneLineThatFitsANarrowTerminal) {
+	ASSERT_TRUE(writeSound(folder / "long.wav", tone(48000 * 20, 0.25f), 48000));
+	const RunResult r = runOnTerminal(
+		{tool, "--bundle", bundle, "--plugin", "chorus", folder / "long.wav", folder / "a-long-name-for-the-output.wav"}, 40);
+	ASSERT_EQ(r.exitCode, 0) << r.out;
+	const std::string bar = r.out.substr(0, r.out.find("Lumbrel"));
+	EXPECT_EQ(bar.find('\n'), std::string::npos) << "one updating line:\n" << bar;
+	std::stringstream updates(bar);
+	for (std::string update; std::getline(updates, update, '\r');) EXPECT_LT(update.size(), 40u) << update;
+	for (const char *part : {"[#", "100%", "0:0", " left"}) EXPECT_NE(bar.find(part), std::string::npos) << part << " in " << bar;
+	EXPECT_NE(r.out.find("wrote"), std::string::npos) << r.out;
 }
 
 } // namespace
