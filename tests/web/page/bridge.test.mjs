@@ -10,11 +10,12 @@
 // screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
 import { test, describe, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { mkdirSync, readFileSync } from 'node:fs';
+import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { request } from 'node:http';
 import { createRequire } from 'node:module';
+import { tmpdir } from 'node:os';
 import { join, resolve } from 'node:path';
-import { assertCompactColumns, launchChromium } from './headless-chromium.mjs';
+import { chromium } from 'playwright-core';
 import WebSocket from 'ws';
 import { startEditorBridge, findBuild, listPlugins, decode, repoDir } from '../../../tools/bridge/editor-bridge.mjs';
 
@@ -93,16 +94,43 @@ const plotInk = (page) => page.$$eval('.plot canvas', (canvases) => canvases.map
   return { cls: c.className, width: c.width, height: c.height, lit, sum };
 }));
 
+/** A page opened with `?compact&columns`: both classes, the small font, controls in a column, no header. */
+async function assertCompactColumns(page) {
+  const style = await page.evaluate(() => ({
+    classes: Array.from(document.documentElement.classList),
+    rootFont: getComputedStyle(document.documentElement).fontSize,
+    body: getComputedStyle(document.body).flexDirection,
+    params: getComputedStyle(document.getElementById('params')).flexDirection,
+    header: getComputedStyle(document.getElementById('header')).display,
+  }));
+  assert.ok(style.classes.includes('compact') && style.classes.includes('columns'), style.classes.join(' '));
+  assert.equal(style.rootFont, '12px'); // 9pt
+  assert.equal(style.body, 'row');
+  assert.equal(style.params, 'column');
+  assert.equal(style.header, 'none');
+}
+
+// Debian's Chromium, headless, in a throw-away profile.
 let context;
+let profile;
 
 before(async () => {
   if (noBuild) return;
   mkdirSync(shots, { recursive: true });
-  context = await launchChromium({ width: 500, height: 300 });
+  profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
+  context = await chromium.launchPersistentContext(profile, {
+    executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium',
+    headless: true,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    viewport: { width: 500, height: 300 },
+    deviceScaleFactor: 1,
+  });
 });
 
 after(async () => {
-  await context?.closeAndClean();
+  await context?.close();
+  if (profile) rmSync(profile, { recursive: true, force: true });
 });
 
 // ------------------------------------------- the bridge without a browser

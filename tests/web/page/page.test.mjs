@@ -1,7 +1,7 @@
 // The generic page as shipped (index.html with both scripts), in jsdom: the
 // committed files match their sources, and the page's own logic (start-up,
 // message handling, dial and stepper rules) sends and shows what it should.
-// The same page against a fake effect in a real browser: browser.test.mjs.
+// The same page against the real plug-ins in a real browser: bridge.test.mjs.
 import { test, describe, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
