@@ -6,13 +6,11 @@
 #include "host/host.h"
 #include "host/instance.h"
 #include "storage/cbor_diagnostic.h"
-#include "support/param_ids.h"
 
 #include <gtest/gtest.h>
 
 #include <clap/clap.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -21,19 +19,12 @@
 
 using namespace lumbrel::host;
 using lumbrel_test::diagnostic;
-using lumbrel_test::hexBytes;
-using lumbrel_test::paramId;
 using varkesh::cbor::CborType;
 using varkesh::cbor::CborWalker;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-Bytes operator+(Bytes a, const Bytes &b) {
-	a.insert(a.end(), b.begin(), b.end());
-	return a;
-}
 
 CborWalker walkerOn(const Bytes &bytes) { return {bytes.data(), bytes.data() + bytes.size()}; }
 
@@ -238,77 +229,4 @@ TEST_F(SavedState, EveryEffectSavesByTheRulesAndLoadsWhileRunning) {
 		EXPECT_NE(latencyMs, 10.0);
 		EXPECT_EQ(running->latency(), engineLatency(latencyMs, 48000)) << latencyMs << " ms";
 	}
-}
-
-TEST_F(SavedState, BadBlobsLoadWithoutHarm) {
-	const char *id = "varkesh.lumbrel.pitch-shifter-layer1";
-	const auto instance = make(id);
-	ASSERT_TRUE(instance->activate(48000, 1, 256));
-	ASSERT_TRUE(instance->startProcessing());
-	const Bytes defaults = save(*instance);
-	const std::string tree = keyTree(defaults);
-	const double defaultLatency = savedValue(defaults, {"engineConfig", "latencyMs"});
-	const double defaultChannelMode = savedValue(defaults, {"channelMode"});
-	ASSERT_EQ(defaultLatency, 10.0);
-	ASSERT_FALSE(std::isnan(defaultChannelMode));
-	const double otherChannelMode = defaultChannelMode == 0 ? 1 : 0;
-
-	auto load = [&](const Bytes &blob, const char *what, bool loads = true) {
-		EXPECT_EQ(instance->loadState(blob), loads) << what;
-		const Bytes after = save(*instance);
-		EXPECT_EQ(keyTree(after), tree) << what;
-		EXPECT_TRUE(runsClean(*instance)) << what;
-		return after;
-	};
-
-	// Unknown keys at the root, in a group and in a parameter object are
-	// passed over; the known ones around them are read.
-	Bytes after = load(hexBytes("bf 63 78797a 01 6c 656e67696e65436f6e666967 bf 63 78797a 9f 01 02 ff"
-								"69 6c6174656e63794d73 bf 63 78797a f5 65 76616c7565 fb 4034000000000000 ff ff ff"),
-		"unknown keys");
-	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 20.0);
-
-	// A definite-length root and groups, with an integer where a float stands.
-	after = load(hexBytes("a2 6c 656e67696e65436f6e666967 a1 69 6c6174656e63794d73 a1 65 76616c7565 0f"
-						  "6b 6368616e6e656c4d6f6465 a1 65 76616c7565")
-			+ Bytes{std::uint8_t(otherChannelMode)},
-		"definite lengths, integer value");
-	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0);
-	EXPECT_EQ(savedValue(after, {"channelMode"}), otherChannelMode);
-	double position = -1;
-	ASSERT_TRUE(instance->paramValue(paramId({"channelMode"}), position));
-	EXPECT_EQ(position, otherChannelMode) << "the host sees the loaded value";
-
-	// {"engineConfig": 1, "channelMode": {"value": default}}: the integer is
-	// skipped and the key behind it read.
-	after = load(hexBytes("bf 6c 656e67696e65436f6e666967 01 6b 6368616e6e656c4d6f6465 bf 65 76616c7565")
-			+ Bytes{std::uint8_t(defaultChannelMode), 0xFF, 0xFF},
-		"engineConfig: 1");
-	EXPECT_EQ(savedValue(after, {"channelMode"}), defaultChannelMode);
-	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0) << "nothing is reset";
-
-	load(hexBytes("a1 6c 656e67696e65436f6e666967 01"), "engineConfig: 1 alone");
-	after = load({}, "empty", false);
-	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 15.0);
-	load(hexBytes("bf 67 76657273696f6e 18 63 ff"), "version 99");
-	load(hexBytes("ff ff ff"), "breaks", false);
-
-	// Cut in the middle, a blob keeps what came before the cut: the latency
-	// near its start loads, the channel mode behind the cut doesn't.
-	Bytes edited = defaults;
-	const Bytes latencyKey = hexBytes("69 6c6174656e63794d73 bf 65 76616c7565 fb");
-	const auto at = std::search(edited.begin(), edited.end(), latencyKey.begin(), latencyKey.end());
-	ASSERT_NE(at, edited.end());
-	const Bytes thirty = hexBytes("403e000000000000"); // 30.0
-	std::copy(thirty.begin(), thirty.end(), at + std::ptrdiff_t(latencyKey.size()));
-	const Bytes channelKey = hexBytes("6b 6368616e6e656c4d6f6465");
-	const auto cut = std::search(edited.begin(), edited.end(), channelKey.begin(), channelKey.end());
-	ASSERT_NE(cut, edited.end());
-	load(hexBytes("a1 6b 6368616e6e656c4d6f6465 a1 65 76616c7565") + Bytes{std::uint8_t(otherChannelMode)}, "channel mode");
-	after = load(Bytes(edited.begin(), cut + 3), "truncated");
-	EXPECT_EQ(savedValue(after, {"engineConfig", "latencyMs"}), 30.0);
-	EXPECT_EQ(savedValue(after, {"channelMode"}), otherChannelMode);
-
-	keyTree(save(*instance));
-	EXPECT_TRUE(runsClean(*instance));
 }
