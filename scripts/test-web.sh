@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Sets up and runs the editor page's tests: the CBOR codec, the templating
 # library and the page in Node (jsdom), then the page in headless Chromium
-# against a fake effect, and against every real plug-in of the C++ build
-# through the editor bridge (tools/bridge). One run of Node's test runner, so
+# against every real plug-in of the C++ build through the editor bridge
+# (tools/bridge). One run of Node's test runner, so
 # its closing "# pass N" / "# fail N" lines count everything. Exits non-zero on
 # failure. Screenshots go to build-page/screenshots, or to $LUMBREL_WEB_OUT.
 #
@@ -21,5 +21,4 @@ node --test --test-concurrency=1 \
   tests/web/page/cbor.test.mjs \
   tests/web/page/zelmar.test.mjs \
   tests/web/page/page.test.mjs \
-  tests/web/page/browser.test.mjs \
   tests/web/page/bridge.test.mjs

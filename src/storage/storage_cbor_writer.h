@@ -85,9 +85,12 @@ public:
 		}
 	}
 
-	// A text for the reader at the other end, which this system never reads back.
-	void extra(const char *key, const char *value) { writeExtra(key, value, value); }
-	void extra(const char *key, std::string &value) { writeExtra(key, value.c_str(), &value); }
+	// A text for the reader at the other end, which this system never reads
+	// back. Texts belong to a full write only: a partial write (the reply to
+	// an edit) carries the changed values and nothing else, whatever the
+	// address of the text.
+	void extra(const char *key, const char *value) { writeExtra(key, value); }
+	void extra(const char *key, const std::string &value) { writeExtra(key, value.c_str()); }
 
 	// A parameter is an object with its own state().
 	template<class Param>
@@ -142,8 +145,8 @@ private:
 		return here.found;
 	}
 
-	void writeExtra(const char *key, const char *text, const void *address) {
-		if (probe || (dirty && !dirty->includes(address))) return;
+	void writeExtra(const char *key, const char *text) {
+		if (probe || dirty) return;
 		writer.addText(key);
 		writer.addText(text);
 	}

@@ -37,17 +37,18 @@ struct Knob {
 	}
 };
 
-// Dirty sets know objects by address, and a first member shares its object's
-// address: each object below starts with an untracked byte so that no two
-// tracked things share one.
+// Dirty sets know objects by address, and a first member shares its
+// object's address. The group's first member is its name, a text of the kind
+// a partial write leaves out even when its address is marked; the root starts
+// with an untracked byte.
 struct Group {
-	char own = 0;
+	std::string name = "Group";
 	int mode = 2;
 	Knob gain{0.5};
 	std::vector<float> curve{1, 2};
 	template<class S>
 	void state(S &s) {
-		s.extra("name", "Group");
+		s.extra("name", name);
 		s("gain", gain);
 		s("mode", mode);
 		s("curve", curve);
@@ -94,16 +95,18 @@ std::string diag(const std::vector<unsigned char> &bytes) { return lumbrel_test:
 
 } // namespace
 
-TEST(ObjectStorage, WholeWriteListsEveryFieldInOrder) {
-	Root root;
-	EXPECT_EQ(diag(write(root)),
+// A whole write lists every field in order, texts included, and reads back
+// into a fresh object; the uiState() only at the root and only when asked.
+TEST(ObjectStorage, WholeWriteRoundTripsThroughAFreshObject) {
+	Root a;
+	EXPECT_EQ(diag(write(a)),
 		"{_ \"title\": \"root\", \"version\": 0, \"group\": {_ \"name\": \"Group\", \"gain\": {_ \"value\": 0.5}, "
 		"\"mode\": 2, \"curve\": 85(h'0000803f00000040')}, \"level\": {_ \"value\": 1.0}, \"flag\": true, "
 		"\"rows\": [85(h'0000803f'), 85(h'0000004000004040')]}");
-}
+	EXPECT_EQ(a.uiCalls, 0);
+	write(a, nullptr, true);
+	EXPECT_EQ(a.uiCalls, 1);
 
-TEST(ObjectStorage, RoundTripThroughAFreshObject) {
-	Root a;
 	a.group.gain.value = -3.25;
 	a.group.mode = -7;
 	a.group.curve = {0.125f, -1, 1e30f};
@@ -113,16 +116,7 @@ TEST(ObjectStorage, RoundTripThroughAFreshObject) {
 	Root b;
 	ASSERT_TRUE(read(b, write(a)));
 	EXPECT_EQ(write(b), write(a));
-	EXPECT_EQ(b.group.curve, a.group.curve);
 	EXPECT_EQ(b.rows, a.rows);
-}
-
-TEST(ObjectStorage, UiStateOnlyAtTheRootAndOnlyWhenAsked) {
-	Root root;
-	write(root, nullptr, false);
-	EXPECT_EQ(root.uiCalls, 0);
-	write(root, nullptr, true);
-	EXPECT_EQ(root.uiCalls, 1);
 }
 
 TEST(ObjectStorage, MergeMarksChangedBranchesAndPartialWriteNamesOnlyThem) {
@@ -185,26 +179,11 @@ TEST(ObjectStorage, LaterPairsWinAndForeignItemsAreSkipped) {
 	EXPECT_FALSE(read(root, {}));
 }
 
-TEST(ObjectStorage, CutOffInputKeepsWhatWasRead) {
-	Root source;
-	source.level.value = 9;
-	source.flag = false;
-	auto bytes = write(source);
-	for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
-		Root root;
-		std::vector<unsigned char> part(bytes.begin(), bytes.begin() + std::ptrdiff_t(cut));
-		read(root, part);
-		// Each field is either the source's or untouched.
-		EXPECT_TRUE(root.level.value == 9 || root.level.value == 1);
-		EXPECT_TRUE(root.group.gain.value == 0.5);
-	}
-}
-
-TEST(ObjectStorage, RandomBytesNeverBreakTheReader) {
+TEST(ObjectStorage, DamagedInputLeavesAnObjectThatRoundTrips) {
 	std::mt19937 random(7);
 	Root reference;
 	const auto valid = write(reference);
-	for (int trial = 0; trial < 20000; ++trial) {
+	for (int trial = 0; trial < 5000; ++trial) {
 		std::vector<unsigned char> bytes = valid;
 		const int flips = 1 + int(random() % 6);
 		for (int f = 0; f < flips; ++f) bytes[random() % bytes.size()] = static_cast<unsigned char>(random());

@@ -1,13 +1,11 @@
 #pragma once
-// Reading what a window shows: an RGB image from a PPM file (what ImageMagick's
-// import writes for "ppm:") or straight from the X server, and the shapes the
-// editor tests look for in it: dark ink, its connected pieces, and the solid
+// Reading what a window shows, straight from the X server, and the shapes
+// the editor tests look for in it: dark ink, its connected pieces, and the solid
 // triangles of the stepper buttons.
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -31,35 +29,6 @@ struct ScreenImage {
 	// Text and dial arcs are black on a light page: anything below this is ink.
 	static constexpr int darkBelow = 90;
 };
-
-// A binary PPM (P6, maxval 255). False on anything else.
-inline bool readPpm(const std::string &bytes, ScreenImage &image) {
-	std::size_t at = 0;
-	auto token = [&]() {
-		while (at < bytes.size()) {
-			if (bytes[at] == '#') {
-				while (at < bytes.size() && bytes[at] != '\n') ++at;
-			} else if (std::isspace(static_cast<unsigned char>(bytes[at]))) {
-				++at;
-			} else {
-				break;
-			}
-		}
-		std::string word;
-		while (at < bytes.size() && !std::isspace(static_cast<unsigned char>(bytes[at]))) word += bytes[at++];
-		return word;
-	};
-	if (token() != "P6") return false;
-	const int width = std::atoi(token().c_str()), height = std::atoi(token().c_str());
-	if (token() != "255" || width <= 0 || height <= 0) return false;
-	++at; // the one whitespace byte before the samples
-	const std::size_t size = std::size_t(width) * std::size_t(height) * 3;
-	if (bytes.size() < at + size) return false;
-	image.width = width;
-	image.height = height;
-	image.rgb.assign(bytes.begin() + std::ptrdiff_t(at), bytes.begin() + std::ptrdiff_t(at + size));
-	return true;
-}
 
 // The window's contents with its children drawn in, as the X server has them.
 inline ScreenImage grabWindow(Display *display, Window window) {
