@@ -142,15 +142,6 @@ TEST(Envelope, RisesWithinAFrameOrTwo) {
 	EXPECT_GT(fall, 15u);
 }
 
-TEST(Envelope, SilenceRestsAtTheFloorFromTheStart) {
-	SyntheticProbe probe;
-	probe.envelope.floor = 1e-8f;
-	probe.init();
-	probe.levels.assign(1, 0.0f);
-	probe.runFrames(20);
-	for (float value : probe.envelope.envelope[0]) ASSERT_EQ(value, 1e-8f);
-}
-
 TEST(Envelope, SmoothingSpreadsEnergyAcrossBandsByItsWidth) {
 	// Half-width (bands until the level halves, above the spike) and the sum of
 	// all bands, for a spike in one band.

@@ -20,26 +20,6 @@ TEST(SmoothBands, WidthAtOrBelowFloorChangesNothing) {
 	}
 }
 
-TEST(SmoothBands, HandWorkedWidthOne) {
-	// a = b = 0.5. Backward from s = x[4] = 0: x3 = 0, x2 = 2, x1 = 1 (x0 and x4
-	// untouched). Forward from s = 1: 0.5, 0.75, 1.375, 0.6875, 0.34375.
-	std::vector<float> x{0, 0, 4, 0, 0};
-	smoothBands(x.data(), x.size(), 1);
-	const std::vector<float> expected{0.5f, 0.75f, 1.375f, 0.6875f, 0.34375f};
-	EXPECT_EQ(x, expected);
-}
-
-TEST(SmoothBands, TwoValuesGetOnlyTheForwardPass) {
-	// s starts at x[1] = 4: x0 = 2 * 0.5 + 4 * 0.5 = 3, x1 = 4 * 0.5 + 3 * 0.5 = 3.5.
-	std::vector<float> x{2, 4};
-	smoothBands(x.data(), x.size(), 1);
-	EXPECT_EQ(x, (std::vector<float>{3, 3.5f}));
-
-	std::vector<float> one{9};
-	smoothBands(one.data(), one.size(), 4); // s = x[0], so x0 = 9
-	EXPECT_FLOAT_EQ(one[0], 9);
-}
-
 // Each pass is a one-pole filter whose impulse response has variance
 // b / a^2 = w (w + 1); the two passes run in opposite directions, so the
 // combined response is symmetric about the impulse with variance 2 w (w + 1).

@@ -22,30 +22,6 @@ using DetuneChorus = BundleTest;
 
 } // namespace
 
-TEST_F(DetuneChorus, ParametersAndSavedState) {
-	PluginRunner runner(*bundle, detuneId);
-	ASSERT_TRUE(runner.ok);
-	auto &instance = *runner.instance;
-	expectParams(instance, {
-		{{"chorusConfig", "mix"}, "mix", "0.8"},
-		{{"chorusConfig", "detune"}, "detune", "8cents"},
-		{{"chorusConfig", "spin"}, "spin", "1Hz"},
-		{{"chorusConfig", "width"}, "width", "1"},
-		{{"chorusConfig", "crisp"}, "mode", "smooth"},
-	});
-	EXPECT_EQ(instance.paramText(chorusParam("mix"), 1), "1.5");
-	EXPECT_EQ(instance.paramText(chorusParam("detune"), 0), "1cents");
-	EXPECT_EQ(instance.paramText(chorusParam("detune"), 0.5), "10cents");
-	EXPECT_EQ(instance.paramText(chorusParam("detune"), 1), "50cents");
-	EXPECT_EQ(instance.paramText(chorusParam("spin"), 0), "0.1Hz");
-	EXPECT_EQ(instance.paramText(chorusParam("spin"), 1), "10Hz");
-	EXPECT_EQ(instance.paramText(chorusParam("crisp"), 1), "crisp");
-
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(instance.saveState(saved));
-	expectKeyOrder(saved, "Lumbrel: Chorus (Pitch-Shifter)", {"engineConfig", "chorusConfig"});
-}
-
 // With the tone on input 0 only, output 1 hears voice 1 alone (voices 0 and 2
 // read input 1 there, and mix 1 leaves no dry part): its pitch, tracked in
 // windows of 2048 samples, sweeps by +-detune once per 1/spin seconds.

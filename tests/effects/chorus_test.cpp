@@ -50,41 +50,6 @@ using SpectralChorus = BundleTest;
 
 } // namespace
 
-TEST_F(SpectralChorus, ParametersAndSavedState) {
-	PluginRunner runner(*bundle, chorusId);
-	ASSERT_TRUE(runner.ok);
-	auto &instance = *runner.instance;
-	// All of them: "transientSmoothing" stays hidden.
-	expectParams(instance, {
-		{{"peaksConfig", "smoothing"}, "smoothing", "1%"},
-		{{"gainsConfig", "phaseSmoothing"}, "phase", "1%"},
-		{{"gainsConfig", "detailBoost"}, "detail", "0.8"},
-		{{"gainsConfig", "transientReset"}, "tr. reset", "2"},
-		{{"gainsConfig", "transientBoost"}, "tr. boost", "0"},
-		{{"chorusConfig", "detune"}, "detune", "1.5%"},
-		{{"chorusConfig", "antiWarble"}, "anti-warble", "0.65"},
-		{{"chorusConfig", "width"}, "width", "0.8"},
-		{{"chorusConfig", "mix"}, "mix", "1"},
-	});
-
-	// Range ends, and the detune's decimals, fewer as it grows.
-	EXPECT_EQ(instance.paramText(chorusParam("detune"), 0.5), "2.5%");
-	EXPECT_EQ(instance.paramText(chorusParam("detune"), 1), "50%");
-	for (auto [typed, shown] : {std::pair{"3.13", "3.13%"}, {"6.66", "6.7%"}, {"25.3", "25%"}}) {
-		EXPECT_EQ(instance.paramText(chorusParam("detune"), valueOf(runner, chorusParam("detune"), typed)), shown);
-	}
-	EXPECT_EQ(instance.paramText(chorusParam("antiWarble"), 0), "0.05");
-	EXPECT_EQ(instance.paramText(chorusParam("antiWarble"), 1), "0.95");
-	EXPECT_EQ(instance.paramText(chorusParam("width"), 1), "1.5");
-	EXPECT_EQ(instance.paramText(chorusParam("mix"), 0.5), "0.75");
-
-	// The saved name reads "Lumbrel3".
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(instance.saveState(saved));
-	expectKeyOrder(saved, "Lumbrel3: Chorus (Spectral)",
-		{"engineConfig", "peaksConfig", "gainsConfig", "chorusConfig", "detune", "antiWarble", "width", "mix"});
-}
-
 // A 1 kHz sine, measured over 1.4 s after 1.5 s of settling, averaged over
 // the two channels, which wander independently. At detune 0 the wander keeps
 // only its floor.

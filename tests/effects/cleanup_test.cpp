@@ -106,29 +106,6 @@ using Cleanup = BundleTest;
 
 } // namespace
 
-TEST_F(Cleanup, ParametersAndSavedState) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"nrMode"}, "mode", "static"},
-		{{"nrCleanup"}, "cleanup", "1"},
-		{{"nrMix"}, "mix", "0.8"},
-	});
-	clap_param_info info{};
-	ASSERT_TRUE(runner.instance->paramInfo(5, info));
-	EXPECT_EQ(info.min_value, 0);
-	EXPECT_EQ(info.max_value, 2);
-	EXPECT_EQ(runner.instance->paramText(modeId, 0), "noise");
-	EXPECT_EQ(runner.instance->paramText(modeId, 2), "adaptive");
-	EXPECT_EQ(runner.instance->paramText(cleanupId, 0.5), "1");
-	EXPECT_EQ(runner.instance->paramText(cleanupId, 1.0), "3");
-
-	// The print is not part of the saved state, and the saved name is the
-	// descriptor's.
-	expectSavedState(*runner.instance, "Lumbrel (WIP): Cleanup",
-		"\"nrMode\": {_ \"value\": 1}, \"nrCleanup\": {_ \"value\": 1.0}, \"nrMix\": {_ \"value\": 0.8}");
-}
-
 // Untrained, the print is empty and the sound passes; "mix" 0 passes it
 // whatever the print.
 TEST_F(Cleanup, UntrainedOrDryItPassesTheSound) {

@@ -118,41 +118,6 @@ using FrequencySnap = BundleTest;
 
 } // namespace
 
-TEST_F(FrequencySnap, ParameterListAndSavedState) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"channelMode"}, "channels", "full"},
-		{{"peaksConfig", "smoothing"}, "smoothing", "1%"},
-		{{"gainsConfig", "phaseSmoothing"}, "phase", "1%"},
-		{{"gainsConfig", "detailBoost"}, "detail", "0.8"},
-		{{"gainsConfig", "transientReset"}, "tr. reset", "2"},
-		{{"gainsConfig", "transientBoost"}, "tr. boost", "0"},
-		{{"chordConfig", "baseNote"}, "base note", "A"},
-		{{"chordConfig", "mode"}, "mode", "octave"},
-		{{"chordConfig", "snapSemitones"}, "range", "8s.t."},
-		{{"chordConfig", "maxHz"}, "max", "8000Hz"},
-		{{"chordConfig", "hz3"}, "harm-3", "600Hz"},
-		{{"chordConfig", "hz5"}, "harm-5", "2000Hz"},
-	});
-	const clap_id baseNote = paramId({"chordConfig", "baseNote"}), mode = paramId({"chordConfig", "mode"});
-	EXPECT_EQ(runner.instance->paramText(baseNote, 0), "C");
-	EXPECT_EQ(runner.instance->paramText(baseNote, 11), "B");
-	EXPECT_EQ(runner.instance->paramText(mode, 0), "none");
-	EXPECT_EQ(runner.instance->paramText(mode, 5), "pentatonic");
-
-	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
-	expectSavedState(*runner.instance, "Lumbrel3 (Bespoke Effect Example): Frequency Snap",
-		"\"channelMode\": {_ \"value\": 1}, "
-		"\"peaksConfig\": {_ \"name\": \"Spectral peaks\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 1.0}}, "
-		"\"gainsConfig\": {_ \"name\": \"Output gains\", \"desc\": \"\", \"version\": 0, "
-		"\"phaseSmoothing\": {_ \"value\": 1.0}, \"detailBoost\": {_ \"value\": 0.8}, \"transientReset\": {_ \"value\": 2.0}, "
-		"\"transientBoost\": {_ \"value\": 0.0}}, "
-		"\"chordConfig\": {_ \"name\": \"Chord\", \"desc\": \"\", \"version\": 0, \"baseNote\": {_ \"value\": 9}, "
-		"\"mode\": {_ \"value\": 1}, \"snapSemitones\": {_ \"value\": 8.0}, \"maxHz\": {_ \"value\": 8000.0}, "
-		"\"hz3\": {_ \"value\": 600.0}, \"hz5\": {_ \"value\": 2000.0}}");
-}
-
 // One note input, "notes", for this plug-in alone; the other nine have none.
 TEST_F(FrequencySnap, ReportsOneNoteInputPort) {
 	for (std::uint32_t p = 0; p < bundle->count(); ++p) {

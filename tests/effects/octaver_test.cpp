@@ -27,40 +27,6 @@ using Octaver = BundleTest;
 
 } // namespace
 
-TEST_F(Octaver, ParameterListFollowsTheDeclaration) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	auto &instance = *runner.instance;
-	expectParams(instance, {
-		{{"octaves", "gainD2"}, "-2", "0"},
-		{{"octaves", "gainD1"}, "-1", "0.5"},
-		{{"octaves", "gainU1"}, "+1", "0.5"},
-		{{"octaves", "gainU2"}, "+2", "0"},
-		{{"mix"}, "mix", "0.5"},
-		{{"sweep"}, "sweep", "1"},
-	});
-	expectRanges(instance, {{{"engineConfig", "iterationsLog2"}, 0, 3}, {{"engineConfig", "directCopy"}, 0, 1}});
-	// The voice gains are curved: the middle of their travel is 0.3.
-	EXPECT_EQ(instance.paramText(paramId({"octaves", "gainU1"}), 0.5), "0.3");
-}
-
-TEST_F(Octaver, SavedStateNamesTheEffectAndKeepsTheKeyOrder) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	setText(runner, {"sweep"}, "0.4");
-	std::vector<std::uint8_t> saved;
-	ASSERT_TRUE(runner.instance->saveState(saved));
-	expectKeyOrder(saved, "Lumbrel: Octaver",
-		{"engineConfig", "octaves", "Octaves", "gainD2", "gainD1", "gainU1", "gainU2", "mix", "sweep"});
-
-	PluginRunner fresh(*bundle, pluginId);
-	ASSERT_TRUE(fresh.ok);
-	ASSERT_TRUE(fresh.instance->loadState(saved));
-	double position = 0;
-	ASSERT_TRUE(fresh.instance->paramValue(paramId({"sweep"}), position));
-	EXPECT_EQ(fresh.instance->paramText(paramId({"sweep"}), position), "0.4");
-}
-
 TEST_F(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGains) {
 	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
 	const std::size_t from = std::size_t(0.8 * rate);

@@ -63,24 +63,6 @@ using ShepardDrop = BundleTest;
 
 } // namespace
 
-TEST_F(ShepardDrop, ParameterListAndSavedState) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"shepard", "octaveOverlap"}, "overlap", "1oct."},
-		{{"shepard", "sensitivity"}, "sensitivity", "1"},
-		{{"shepard", "smoothTime"}, "period", "1"},
-		{{"semitones"}, "shift", "0s.t."},
-	});
-	EXPECT_EQ(runner.instance->paramText(shiftId, 0.0), "-12s.t.");
-	EXPECT_EQ(runner.instance->paramText(shiftId, 1.0), "12s.t.");
-
-	expectSavedState(*runner.instance, "Lumbrel (Bespoke Effect Example): Shepard Drop",
-		"\"shepard\": {_ \"name\": \"Shepard\", \"desc\": \"\", \"version\": 0, \"octaveOverlap\": {_ \"value\": 1.0}, "
-		"\"sensitivity\": {_ \"value\": 1.0}, \"smoothTime\": {_ \"value\": 1.0}}, "
-		"\"semitones\": {_ \"value\": 0.0}");
-}
-
 // At rest with the default overlap the bell is one octave wide: only the
 // unshifted voice sounds, and the output is the input, delayed. The ends of
 // the control (+-12) are the same state as its middle.

@@ -25,17 +25,6 @@ using DecayScale = BundleTest;
 
 } // namespace
 
-TEST_F(Swell, ParameterList) {
-	PluginRunner runner(*bundle, "varkesh.lumbrel.swell");
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"swell", "time"}, "time", "0.25sec"},
-		{{"swell", "sweep"}, "sweep", "0"},
-		{{"swell", "focus"}, "focus", "0.5"},
-		{{"swell", "autoGain"}, "auto-gain", "12dB"},
-	});
-}
-
 TEST_F(Swell, OnsetsRiseOverTheSetTimeAndSteadyTonesPass) {
 	PluginRunner runner(*bundle, "varkesh.lumbrel.swell");
 	ASSERT_TRUE(runner.ok);
@@ -60,18 +49,6 @@ TEST_F(Swell, OnsetsRiseOverTheSetTimeAndSteadyTonesPass) {
 	EXPECT_GT(dB(ratioAt(0.75)), dB(ratioAt(0.55)) + 6);
 	EXPECT_NEAR(dB(ratioAt(2.0)), 0, 1.5);
 	EXPECT_NEAR(dB(ratioAt(2.9)), 0, 1.5);
-}
-
-TEST_F(DecayScale, ParameterList) {
-	PluginRunner runner(*bundle, "varkesh.lumbrel.decay-scale");
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"decay", "smoothing"}, "smoothing", "2%"},
-		{{"decay", "tonalLimit"}, "tonality", "1.25"},
-		{{"decay", "rt20"}, "RT20 (peak)", "15sec"},
-		{{"decay", "rangeDb"}, "range", "30dB"},
-		{{"decay", "factor"}, "rate", "0.5"},
-	});
 }
 
 TEST_F(DecayScale, LengthensOrKeepsTheDecayOfARingingTone) {

@@ -84,30 +84,6 @@ using Transients = BundleTest;
 
 } // namespace
 
-TEST_F(Transients, ParametersAndSavedState) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"envelopeConfig", "smoothing"}, "smoothing", "0.25"}, // the wrapper's own default, not the group's 1
-		{{"envelopeConfig", "periodMs"}, "period", "20ms"},
-		{{"gains", "attack"}, "attack", "1"},
-		{{"gains", "body"}, "body", "1"},
-		{{"gains", "sustain"}, "sustain", "1"},
-	});
-	// The gains run from 0 to 4 with 1 at mid travel.
-	const clap_id attack = paramId({"gains", "attack"});
-	EXPECT_EQ(runner.instance->paramText(attack, 0.0), "0");
-	EXPECT_EQ(runner.instance->paramText(attack, 0.5), "1");
-	EXPECT_EQ(runner.instance->paramText(attack, 1.0), "4");
-
-	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
-	expectSavedState(*runner.instance, "Lumbrel3: Transients",
-		"\"envelopeConfig\": {_ \"name\": \"Envelope\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 0.25}, "
-		"\"periodMs\": {_ \"value\": 20.0}}, "
-		"\"gains\": {_ \"name\": \"Gains\", \"desc\": \"\", \"version\": 0, \"attack\": {_ \"value\": 1.0}, "
-		"\"body\": {_ \"value\": 1.0}, \"sustain\": {_ \"value\": 1.0}}");
-}
-
 TEST_F(Transients, UnitGainsPassTheSound) {
 	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
