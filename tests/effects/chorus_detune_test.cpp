@@ -1,13 +1,7 @@
-// The detune chorus through the plug-in: its parameters, the depth and rate of
-// one voice's sweep, the spread and channel difference of the three voices,
-// transparency at mix 0, crisp onsets, and hostile automation.
+// The detune chorus through the plug-in: the depth and rate of one voice's
+// sweep, the spread and channel difference of the three voices, transparency
+// at mix 0, crisp onsets.
 #include "effects/chorus_measure.h"
-
-#include <algorithm>
-#include <cmath>
-#include <cstdio>
-#include <string>
-#include <vector>
 
 using namespace lumbrel_test;
 
@@ -15,8 +9,6 @@ namespace {
 
 constexpr double rate = 48000;
 const char *const detuneId = "varkesh.lumbrel.chorus-detune";
-
-clap_id chorusParam(const char *key) { return paramId({"chorusConfig", key}); }
 
 using DetuneChorus = BundleTest;
 
@@ -45,8 +37,6 @@ TEST_F(DetuneChorus, OneVoiceSweepsByTheDetuneAtTheSpinRate) {
 			if (c > 5 || c < -5) below = c < -5;
 		}
 		const double perSecond = cycles / (double(track.size()) * 480 / rate);
-		std::printf("detune chorus, voice 1 at 40 cents, spin %.0f Hz: %.1f to %.1f cents, %.2f cycles/s\n", spin, *low,
-			*high, perSecond);
 		EXPECT_NEAR(*high, 40, 6);
 		EXPECT_NEAR(*low, -40, 6);
 		EXPECT_NEAR(perSecond, spin, 0.3 * spin);
@@ -64,7 +54,6 @@ TEST_F(DetuneChorus, DetuneSpreadsTheToneAndTheChannelsDiffer) {
 			runChorus(*bundle, detuneId, {tone, tone}, {{"mix", "1"}, {"detune", std::to_string(detune).c_str()}});
 		const double spread = spreadCents(out[0], from, 65536, 1000, 300, rate);
 		const double difference = residualDb(out[1], out[0], 0, from, out[0].size());
-		std::printf("detune chorus, %.0f cents: spread %.2f cents, L-R %.1f dB\n", detune, spread, difference);
 		EXPECT_NEAR(spread, detune / std::sqrt(2.0), 0.25 * detune);
 		EXPECT_GT(difference, -12);
 	}
@@ -75,11 +64,8 @@ TEST_F(DetuneChorus, MixZeroPassesTheInputThroughAndWidthChangesNothing) {
 	const std::size_t from = std::size_t(0.2 * rate), to = left.size();
 	std::size_t latency = 0;
 	const auto out = runChorus(*bundle, detuneId, {left, right}, {{"mix", "0"}, {"detune", "50"}}, &latency);
-	const double residualLeft = residualDb(out[0], left, latency, from, to);
-	const double residualRight = residualDb(out[1], right, latency, from, to);
-	std::printf("detune chorus, mix 0: residual %.1f dB, %.1f dB\n", residualLeft, residualRight);
-	EXPECT_LT(residualLeft, -30);
-	EXPECT_LT(residualRight, -30);
+	EXPECT_LT(residualDb(out[0], left, latency, from, to), -30);
+	EXPECT_LT(residualDb(out[1], right, latency, from, to), -30);
 
 	// "width" reaches the effect, but no sound depends on it.
 	EXPECT_EQ(runChorus(*bundle, detuneId, {left, right}, {{"width", "0"}}),
@@ -110,7 +96,6 @@ TEST_F(DetuneChorus, CrispModeAlignsTheVoicesAtOnsets) {
 		}
 		level[m] = dB(outLevel / inLevel);
 		residual[m] = error / onsets;
-		std::printf("detune chorus, %s: first 10 ms at %.2f dB, residual %.2f dB\n", modes[m], level[m], residual[m]);
 	}
 	EXPECT_GT(level[1], level[0] + 1);
 	EXPECT_LT(residual[1], residual[0] - 3);

@@ -1,7 +1,6 @@
 #pragma once
 // What the two chorus tests do alike: run an instance with chorus settings,
-// measure the spread of a tone's spectrum, and automate it hostilely.
-#include "support/alloc_counter.h"
+// and measure the spread of a tone's spectrum.
 #include "support/effect_checks.h"
 #include "support/signals.h"
 

@@ -44,7 +44,6 @@ TEST_F(Swell, OnsetsRiseOverTheSetTimeAndSteadyTonesPass) {
 	};
 	// 30 ms after the onset the tone is held well back; by a second it has
 	// risen to its own level.
-	std::printf("swell: %.1f %.1f %.1f %.1f %.1f dB\n", dB(ratioAt(0.53)), dB(ratioAt(0.55)), dB(ratioAt(0.75)), dB(ratioAt(2.0)), dB(ratioAt(2.9)));
 	EXPECT_LT(dB(ratioAt(0.53)), -12);
 	EXPECT_GT(dB(ratioAt(0.75)), dB(ratioAt(0.55)) + 6);
 	EXPECT_NEAR(dB(ratioAt(2.0)), 0, 1.5);
@@ -64,7 +63,6 @@ TEST_F(DecayScale, LengthensOrKeepsTheDecayOfARingingTone) {
 		const std::size_t latency = runner.instance->latency(), window = 2400;
 		const double early = rms(out[0], latency + 9600, latency + 9600 + window);
 		const double late = rms(out[0], latency + 28800, latency + 28800 + window);
-		std::printf("decay rate factor %.1f: %.1f dB/s\n", factor, dB(late / early) / 0.4);
 		return dB(late / early) / 0.4;
 	};
 	// "rate" 1 leaves the decay as it is; 0 slows it; above 1 speeds it up.
