@@ -203,17 +203,12 @@ Measured shiftHarmonicTone(int semitones) {
 }
 
 TEST(PeakShifterAudio, HarmonicToneMovesBySemitonesWithinFiveCents) {
-	double overall = 0;
-	for (int n = -24; n <= 24; ++n) {
+	for (int n : {-24, -13, -5, -1, 1, 7, 12, 19, 24}) {
 		Measured m = shiftHarmonicTone(n);
-		std::printf("[ shift %+3d ] worst partial error %.3f cents, level within %.2f dB, loudest between partials %.1f dB\n",
-			n, m.worstCents, m.worstLevelDb, m.loudestBetween);
 		EXPECT_LT(m.worstCents, 5.0) << "shift " << n;
 		EXPECT_LT(m.worstLevelDb, 3.0) << "shift " << n;
 		EXPECT_LT(m.loudestBetween, -28.0) << "shift " << n;
-		overall = std::max(overall, m.worstCents);
 	}
-	std::printf("[ all shifts ] worst partial error %.3f cents\n", overall);
 }
 
 TEST(PeakShifterAudio, TonalityLimitLeavesHighPartialsInPlace) {
@@ -233,8 +228,6 @@ TEST(PeakShifterAudio, TonalityLimitLeavesHighPartialsInPlace) {
 	for (double hz : {440.0, 8000.0, 16000.0, 19000.0}) {
 		double ideal = map(float(hz));
 		auto partial = analysis.strongestIn(ideal * 0.97, ideal * 1.03);
-		std::printf("[ limit 3000 ] %.0f Hz -> %.2f Hz, ideal %.2f Hz, error %.3f cents\n", hz, partial.hz, ideal,
-			cents(partial.hz, ideal));
 		EXPECT_LT(std::abs(cents(partial.hz, ideal)), 5.0) << hz;
 		EXPECT_NEAR(dB(partial.amplitude / (hz == 440 ? 0.2 : 0.1)), 0.0, 3.0) << hz;
 	}
