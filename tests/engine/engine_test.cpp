@@ -1,10 +1,9 @@
 // The engine's pieces seen from outside: its geometry at each rate and
-// resolution, the band map and its inverse, the emphasis shelf, the analysis
-// window, the window convolution, and the allocation hook.
+// resolution, the band map and its inverse, the emphasis shelf, the window
+// convolution, and the allocation hook.
 #include "engine/bump_allocator.h"
 #include "engine/emphasis_shelf.h"
 #include "engine/engine_impl.h"
-#include "engine/engine_windows.h"
 #include "engine/window_convolve.h"
 #include "engine_harness.h"
 
@@ -99,21 +98,6 @@ TEST(EmphasisShelf, LiftsTheTopByTheGain) {
 		EXPECT_NEAR(gainAt(15000), 12.0, 0.5);
 		EXPECT_NEAR(gainAt(sampleRate * 0.5), 12.0, 0.1);
 		EXPECT_TRUE(gainAt(1200) > 3 && gainAt(1200) < 9) << gainAt(1200);
-	}
-}
-
-TEST(EngineWindows, AnalysisWindowIsAConfinedBellOfPeakOne) {
-	for (auto [length, interval] : {std::pair{720u, 120u}, {662u, 110u}, {144u, 24u}, {1440u, 240u}}) {
-		std::vector<float> w(length);
-		varkesh::lumbrel::fillAnalysisWindow(w.data(), length, interval);
-		SCOPED_TRACE(length);
-		EXPECT_EQ(w[0], 0.0f);
-		EXPECT_NEAR(w[length / 2], 1.0f, 1e-6f);
-		for (std::size_t j = 1; j < length / 2; ++j) {
-			ASSERT_LE(w[j], w[j + 1] + 1e-7f) << j;
-			ASSERT_NEAR(w[length / 2 - j], w[length / 2 + j], 2e-2f) << j;
-		}
-		EXPECT_LT(std::max(w[1], w[length - 1]), 3e-3f);
 	}
 }
 

@@ -90,20 +90,6 @@ TEST(Analysis, BandsMeasureWhatComesIn) {
 	}
 }
 
-// A swapped row lives until the next analysis, which restores the engine's own.
-TEST(Analysis, SwappedRowsComeBackAtTheNextStep) {
-	Probe probe(2);
-	std::vector<float> mine(varkesh_lumbrel_engine_float_bands(probe.engine), 0.0f);
-	std::size_t steps = 0, restored = 0;
-	probe.effect = [&](varkesh_lumbrel_engine_float *e) {
-		if (steps++ > 0 && varkesh_lumbrel_engine_float_inputReal(e, 1) != mine.data()) ++restored;
-		varkesh_lumbrel_engine_float_setInputReal(e, 1, mine.data());
-	};
-	probe.render({Signal(1200, 0.0f), Signal(1200, 0.0f)}, 1200);
-	EXPECT_EQ(steps, 10u);
-	EXPECT_EQ(restored, 9u);
-}
-
 // Any number of refinement rounds passes a tracked sine at its level.
 TEST(Analysis, AnyNumberOfRoundsPassesATrackedSine) {
 	for (std::uint64_t iterations : {0u, 1u, 8u}) {

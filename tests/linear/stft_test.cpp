@@ -2,8 +2,6 @@
 // direct DFT, and reconstruction through analysis and synthesis (noise and a
 // chirp, any step pattern, window shape and skew) below -100 dB, with no
 // allocation in the steps.
-#include "linear/approximate_confined_gaussian.h"
-
 #include "dft_reference.h"
 #include "support/alloc_counter.h"
 
@@ -47,21 +45,6 @@ TEST(DynamicSTFT, WindowsAndOffsets) {
 	for (std::size_t i = 0; i < 720; ++i) ASSERT_EQ(skewed.analysisWindow[i], skewed.synthesisWindow[719 - i]) << i;
 	EXPECT_NE(skewed.analysisOffset, skewed.synthesisOffset);
 	EXPECT_EQ(skewed.synthesisWindow[skewed.synthesisOffset], *std::max_element(skewed.synthesisWindow.begin(), skewed.synthesisWindow.end()));
-}
-
-// The confined Gaussian peaks at 1 in the middle (odd length), is confined and
-// symmetric; a warp moves its peak.
-TEST(DynamicSTFT, ConfinedGaussianWindow) {
-	varkesh::linear::ApproximateConfinedGaussian acg(4.0);
-	std::vector<float> w(721), left(301), right(301);
-	acg.fill(w.data(), w.size(), 0, false);
-	acg.fill(left.data(), left.size(), -0.3, false);
-	acg.fill(right.data(), right.size(), 0.3, false);
-	EXPECT_NEAR(w[360], 1.0, 1e-6);
-	EXPECT_LT(w.front(), 1e-3);
-	for (std::size_t i = 0; i < 721; ++i) ASSERT_NEAR(w[i], w[720 - i], 1e-6) << i;
-	EXPECT_GT(std::max_element(left.begin(), left.end()) - left.begin(), 160);
-	EXPECT_LT(std::max_element(right.begin(), right.end()) - right.begin(), 140);
 }
 
 // Window index i holds the ring sample i - block before the one at inputPos -

@@ -61,23 +61,6 @@ TEST(PlatformFFT, MatchesDirectDftAtEverySizeInBothBuilds) {
 	}
 }
 
-TEST(PlatformFFT, ComplexMultiplyWithAndWithoutConjugateAndInPlace) {
-	const std::size_t n = 37; // leaves a remainder at every vector width
-	auto ar = whiteNoise(n, 1), ai = whiteNoise(n, 2), br = whiteNoise(n, 3), bi = whiteNoise(n, 4);
-	for (bool conjugate : {false, true}) {
-		std::vector<float> outR(n), outI(n);
-		platform::complexMultiply(outR.data(), outI.data(), ar.data(), ai.data(), br.data(), bi.data(), n, conjugate);
-		for (std::size_t i = 0; i < n; ++i) {
-			const auto expected = std::complex<double>(ar[i], conjugate ? -ai[i] : ai[i]) * std::complex<double>(br[i], bi[i]);
-			EXPECT_NEAR(outR[i], expected.real(), 1e-6) << conjugate << " " << i;
-			EXPECT_NEAR(outI[i], expected.imag(), 1e-6) << conjugate << " " << i;
-		}
-		std::vector<float> cr = br, ci = bi; // over b, as the twiddle step does
-		platform::complexMultiply(cr.data(), ci.data(), ar.data(), ai.data(), cr.data(), ci.data(), n, conjugate);
-		EXPECT_TRUE(cr == outR && ci == outI);
-	}
-}
-
 TEST(Pow2FFT, InterleavedFormsInPlaceAndAfterAMove) {
 	for (std::size_t n : {2u, 128u, 1024u}) {
 		Pow2FFT<float> made(n), fft(std::move(made));
