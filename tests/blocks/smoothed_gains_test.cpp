@@ -1,15 +1,17 @@
 // SmoothedGains on its own contracts: transparency for steady unit gains, the
-// transient measure and its phase pull, the low cut, transient boost, the
-// smoothing width and energy weighting across bands, detail boost and cut,
-// silence, and addOutput measured on the engine's output.
+// transient measure and its phase pull, transient boost, the smoothing width
+// and energy weighting across bands, detail boost and cut, silence, addOutput
+// measured on the engine's output; smoothBands under it, and smoothAll.
 #include "block_harness.h"
 
+#include "blocks/smooth_bands.h"
 #include "blocks/smoothed_gains.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <vector>
+#include <array>
+#include <cstring>
+#include <random>
 
 namespace {
 
@@ -276,6 +278,78 @@ TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
 
 	EXPECT_NEAR(levelDb(outputs[2], input, latency, from, n), 0.0, 0.1);
 	EXPECT_NEAR(correlation(outputs[3], input), -0.25, 0.005);
+}
+
+// smoothBands leaves a row alone at widths at or below its floor. Each pass is
+// a one-pole filter whose impulse response has variance w (w + 1); the two
+// run in opposite directions, so the whole response is symmetric about the
+// impulse with variance 2 w (w + 1).
+TEST(SmoothBands, ImpulseSpreadsSymmetricallyByTheWidth) {
+	for (float width : {0.0f, 1e-19f, -3.0f}) {
+		std::vector<float> x{1, 5, -2, 7, 0};
+		const std::vector<float> before = x;
+		varkesh::lumbrel::smoothBands(x.data(), x.size(), width);
+		EXPECT_EQ(x, before) << "width " << width;
+	}
+	const std::size_t n = 2001, centre = 1000;
+	for (float width : {0.5f, 2.0f, 8.0f, 40.0f}) {
+		std::vector<float> x(n, 0.0f);
+		x[centre] = 1;
+		varkesh::lumbrel::smoothBands(x.data(), n, width);
+		double sum = 0, first = 0, second = 0;
+		for (std::size_t i = 0; i < n; ++i) {
+			const double d = double(i) - double(centre);
+			sum += x[i];
+			first += x[i] * d;
+			second += x[i] * d * d;
+		}
+		EXPECT_NEAR(first / sum, 0.0, 1e-3) << "width " << width;
+		EXPECT_NEAR(std::sqrt(second / sum - std::pow(first / sum, 2)) / std::sqrt(2.0 * width * (width + 1)), 1.0, 0.01) << "width " << width;
+	}
+}
+
+// smoothAll gives every set exactly what smooth() gives it alone, whatever
+// mix of settings the sets carry (widths that group and widths that don't,
+// detail boost on and off, more sets than one pass takes).
+TEST(SmoothAll, MatchesSmoothingEachSetAlone) {
+	struct Settings {
+		float phaseSmoothing, detailBoost, transientSmoothing, transientBoost;
+	};
+	constexpr Settings table[] = {{1, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 1, 0.5f}, {3, 0.8f, 0, 0}, {3, -0.5f, 2, 0},
+		{1, 0.8f, 1, 0}, {0, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 0, 0}, {2, 0.3f, 1, 1}};
+	constexpr std::size_t count = std::size(table);
+	ProbeEffect effect{1, 1};
+	std::array<SmoothedGains<float>, count> together, alone;
+	std::array<SmoothedGains<float> *, count> sets;
+	std::mt19937 random(7);
+	std::uniform_real_distribution<float> uniform(-1, 1);
+	for (std::size_t k = 0; k < count; ++k) {
+		for (auto *g : {&together[k], &alone[k]}) {
+			g->init(effect);
+			g->phaseSmoothing = table[k].phaseSmoothing;
+			g->detailBoost = table[k].detailBoost;
+			g->transientSmoothing = table[k].transientSmoothing;
+			g->transientBoost = table[k].transientBoost;
+		}
+		sets[k] = &together[k];
+	}
+	const std::size_t bands = effect.bands;
+	std::vector<float> energy(bands);
+	for (int frame = 0; frame < 3; ++frame) {
+		for (float &e : energy) e = uniform(random) + 1;
+		for (std::size_t k = 0; k < count; ++k) {
+			for (std::size_t b = 0; b < bands; ++b) {
+				together[k].gainsReal[b] = alone[k].gainsReal[b] = uniform(random);
+				together[k].gainsImag[b] = alone[k].gainsImag[b] = uniform(random);
+			}
+			alone[k].smooth(effect, energy.data(), false);
+		}
+		SmoothedGains<float>::smoothAll(effect, energy.data(), false, sets.data(), count);
+		for (std::size_t k = 0; k < count; ++k) {
+			EXPECT_EQ(0, std::memcmp(together[k].gainsReal.data(), alone[k].gainsReal.data(), bands * sizeof(float))) << "set " << k;
+			EXPECT_EQ(0, std::memcmp(together[k].gainsImag.data(), alone[k].gainsImag.data(), bands * sizeof(float))) << "set " << k;
+		}
+	}
 }
 
 } // namespace
