@@ -1,22 +1,13 @@
 #pragma once
 // What the effect tests share: the built bundle per test and setting
 // parameters by their text.
-#include "host/bundle.h"
-#include "host/instance.h"
-#include "storage/cbor_diagnostic.h"
-#include "storage/cbor_writer.h"
 #include "support/param_ids.h"
 #include "support/plugin_runner.h"
 
 #include <gtest/gtest.h>
 
-#include <clap/clap.h>
-#include <clap/ext/draft/webview.h>
-
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <random>
