@@ -1,12 +1,13 @@
 #pragma once
 // Shared helpers of the building-block tests: an effect whose frame is a test's
-// function, a pitch-shifting effect built from the blocks, and a frequency
-// measurement on the audio that comes out.
+// function, a pitch-shifting effect built from the blocks, and the partials of
+// the audio that comes out.
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
 #include "engine/engine_harness.h"
 #include "support/alloc_counter.h"
+#include "support/quality_measures.h"
 
 #include <algorithm>
 #include <cmath>
@@ -106,87 +107,19 @@ inline Signal tones(const std::vector<std::pair<double, double>> &partials, doub
 	return s;
 }
 
-inline Signal harmonicTone(double fundamental, std::size_t count, double sampleRate, std::size_t length) {
-	std::vector<std::pair<double, double>> partials;
-	for (std::size_t k = 1; k <= count; ++k) partials.push_back({fundamental * double(k), 0.25 / double(k)});
-	return tones(partials, sampleRate, length);
-}
-
-inline double cents(double measured, double ideal) { return 1200 * std::log2(measured / ideal); }
-
-// A frequency-domain view of one stretch of audio, for finding partials: a
-// 4-term Blackman-Harris window (side lobes near -92 dB) and a zero-padded FFT,
-// so that neighbouring partials do not bias each other.
-class SpectrumAnalysis {
-public:
-	SpectrumAnalysis(const float *x, std::size_t length, double sampleRate) : sampleRate(sampleRate) {
-		std::size_t size = 1;
-		while (size < 4 * length) size *= 2;
-		std::vector<std::complex<double>> buffer(size);
-		double windowSum = 0;
-		for (std::size_t i = 0; i < length; ++i) {
-			double t = 2 * pi * double(i) / double(length);
-			double w = 0.35875 - 0.48829 * std::cos(t) + 0.14128 * std::cos(2 * t) - 0.01168 * std::cos(3 * t);
-			buffer[i] = w * double(x[i]);
-			windowSum += w;
-		}
-		fft(buffer);
-		binHz = sampleRate / double(size);
-		magnitude.resize(size / 2 + 1);
-		// Scaled so that a sine of amplitude A peaks at A.
-		for (std::size_t k = 0; k < magnitude.size(); ++k) magnitude[k] = 2 * std::abs(buffer[k]) / windowSum;
-	}
-
-	struct Partial {
-		double hz;
-		double amplitude;
-	};
-
-	// The strongest local maximum within [lowHz, highHz], its frequency refined
-	// by a parabola through the log magnitudes of the three bins around it.
-	Partial strongestIn(double lowHz, double highHz) const {
-		std::size_t lo = std::max<std::size_t>(1, std::size_t(lowHz / binHz));
-		std::size_t hi = std::min(magnitude.size() - 2, std::size_t(highHz / binHz) + 1);
-		std::size_t best = lo;
-		for (std::size_t k = lo; k <= hi; ++k) {
-			if (magnitude[k] > magnitude[best]) best = k;
-		}
-		double a = std::log(magnitude[best - 1] + 1e-300), b = std::log(magnitude[best] + 1e-300),
-			   c = std::log(magnitude[best + 1] + 1e-300);
-		double denominator = a - 2 * b + c;
-		double offset = denominator < 0 ? 0.5 * (a - c) / denominator : 0.0;
-		return {(double(best) + offset) * binHz, magnitude[best]};
-	}
-
-	double amplitudeNear(double hz, double halfWidthHz) const { return strongestIn(hz - halfWidthHz, hz + halfWidthHz).amplitude; }
-
-private:
-	double sampleRate;
-	double binHz = 0;
-	std::vector<double> magnitude;
-
-	static void fft(std::vector<std::complex<double>> &x) {
-		const std::size_t n = x.size();
-		for (std::size_t i = 1, j = 0; i < n; ++i) {
-			std::size_t bit = n >> 1;
-			for (; j & bit; bit >>= 1) j ^= bit;
-			j ^= bit;
-			if (i < j) std::swap(x[i], x[j]);
-		}
-		for (std::size_t len = 2; len <= n; len <<= 1) {
-			double angle = -2 * pi / double(len);
-			std::complex<double> step(std::cos(angle), std::sin(angle));
-			for (std::size_t i = 0; i < n; i += len) {
-				std::complex<double> w(1, 0);
-				for (std::size_t k = 0; k < len / 2; ++k) {
-					std::complex<double> u = x[i + k], v = x[i + k + len / 2] * w;
-					x[i + k] = u + v;
-					x[i + k + len / 2] = u - v;
-					w *= step;
-				}
-			}
-		}
-	}
+// The strongest component within [lowHz, highHz] of a spectrum from
+// amplitudeSpectrum (bins binHz apart), its frequency refined by a parabola
+// through the log amplitudes of the three bins around it.
+struct Partial {
+	double hz, amplitude;
 };
+inline Partial strongestIn(const std::vector<double> &spectrum, double binHz, double lowHz, double highHz) {
+	const std::size_t lo = std::max<std::size_t>(1, std::size_t(lowHz / binHz));
+	const std::size_t hi = std::min(spectrum.size() - 2, std::size_t(highHz / binHz) + 1);
+	const std::size_t best = std::size_t(std::max_element(spectrum.begin() + std::ptrdiff_t(lo), spectrum.begin() + std::ptrdiff_t(hi) + 1) - spectrum.begin());
+	const double a = std::log(spectrum[best - 1] + 1e-300), b = std::log(spectrum[best] + 1e-300), c = std::log(spectrum[best + 1] + 1e-300);
+	const double offset = a - 2 * b + c < 0 ? 0.5 * (a - c) / (a - 2 * b + c) : 0.0;
+	return {(double(best) + offset) * binHz, spectrum[best]};
+}
 
 } // namespace lumbrel_test

@@ -1,15 +1,17 @@
 // SmoothedGains on its own contracts: transparency for steady unit gains, the
-// transient measure and its phase pull, the low cut, transient boost, the
-// smoothing width and energy weighting across bands, detail boost and cut,
-// silence, and addOutput measured on the engine's output.
+// transient measure and its phase pull, transient boost, the smoothing width
+// and energy weighting across bands, detail boost and cut, silence, addOutput
+// measured on the engine's output; smoothBands under it, and smoothAll.
 #include "block_harness.h"
 
+#include "blocks/smooth_bands.h"
 #include "blocks/smoothed_gains.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <vector>
+#include <array>
+#include <cstring>
+#include <random>
 
 namespace {
 
@@ -60,76 +62,60 @@ struct GainsFixture : ::testing::Test {
 	double magnitude(std::size_t b) const { return std::hypot(gains.gainsReal[b], gains.gainsImag[b]); }
 };
 
-TEST_F(GainsFixture, SteadyUnitGainsPassUnchangedWithDefaults) {
+// At the defaults steady unit gains pass unchanged (transient boost must not
+// act on steady energy), silence gives exactly zero gains, and nothing is
+// allocated.
+TEST_F(GainsFixture, DefaultsPassSteadyGainsAndSilenceGivesZero) {
 	SmoothedGains<float> defaults;
 	gains.phaseSmoothing = defaults.phaseSmoothing;
 	gains.transientReset = defaults.transientReset;
 	gains.detailBoost = defaults.detailBoost;
 	gains.transientSmoothing = defaults.transientSmoothing;
-	gains.transientBoost = 2; // must not act on steady energy
+	gains.transientBoost = 2;
 	for (std::size_t b = 0; b < bands; ++b) energy[b] = 1 + 0.5f * float(std::sin(0.05 * double(b)));
 	setGains(0, 0);
 	settle();
 	setPhase(0, bands, 1.0);
+	AllocationScope scope;
 	gains.smooth(effect, energy.data(), false);
-	double worstPhase = 0, worstLevel = 0;
 	for (std::size_t b = 0; b < bands; ++b) {
-		worstPhase = std::max(worstPhase, std::abs(phaseDegrees(b) - 1.0 * degrees));
-		worstLevel = std::max(worstLevel, std::abs(dB(magnitude(b))));
+		ASSERT_NEAR(phaseDegrees(b), 1.0 * degrees, 0.01) << b;
+		ASSERT_NEAR(dB(magnitude(b)), 0, 0.001) << b;
 	}
-	EXPECT_LT(worstPhase, 0.01);
-	EXPECT_LT(worstLevel, 0.001);
+	std::fill(energy.begin(), energy.end(), 0.0f);
+	setPhase(0, bands, 0.3);
+	gains.smooth(effect, energy.data(), true);
+	EXPECT_TRUE(scope.count() == 0 || !allocationCountingAvailable());
+	for (std::size_t b = 0; b < bands; ++b) ASSERT_TRUE(gains.gainsReal[b] == 0 && gains.gainsImag[b] == 0) << b;
 }
 
-TEST_F(GainsFixture, FirstFrameAfterResetPullsPhaseTowardZero) {
-	// With no history every band with energy is a full transient (T = 1): the
-	// pull adds T x transientReset x |gain| to the real part, so a gain of j
-	// turns to atan2(1, transientReset).
-	for (float reset : {1.0f, 3.0f}) {
-		gains.transientReset = reset;
-		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
+// A transient T = ((E - previous) / E)^2 of a rise in energy (1 with no
+// history) pulls the phase toward zero by adding T x transientReset x |gain|
+// to the real part: a gain of j turns to atan2(1, T transientReset). Below
+// half the low cut nothing is pulled; above it the energies are faded alike,
+// so the ratio still sees a full transient.
+TEST_F(GainsFixture, TransientsPullThePhaseTowardZero) {
+	struct Case {
+		float previous, energy, reset, transient;
+	};
+	for (const Case c : {Case{0, 1, 1, 1}, Case{0, 1, 3, 1}, Case{1, 1, 1, 0}, Case{1, 4, 1, 0.5625f}, Case{4, 1, 1, 0}}) {
+		gains.transientReset = c.reset;
+		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), c.previous);
+		std::fill(energy.begin(), energy.end(), c.energy);
 		setPhase(0, bands, pi / 2);
 		gains.smooth(effect, energy.data(), false);
-		double expected = std::atan2(1.0, double(reset)) * degrees;
-		for (std::size_t b : {std::size_t(100), std::size_t(400), bands - 1}) {
-			EXPECT_NEAR(phaseDegrees(b), expected, 0.01) << "band " << b << ", transientReset " << reset;
+		const double expected = std::atan2(1.0, double(c.transient * c.reset)) * degrees;
+		for (std::size_t b : {std::size_t(gains.lowCutBands) + 1, std::size_t(400), bands - 1}) {
+			EXPECT_NEAR(phaseDegrees(b), expected, 0.01) << "band " << b << ", energy " << c.previous << " to " << c.energy;
 			EXPECT_NEAR(magnitude(b), 1.0, 1e-5);
 		}
-		// The same energy again is no transient: the phase stays.
-		setPhase(0, bands, pi / 2);
-		gains.smooth(effect, energy.data(), false);
-		EXPECT_NEAR(phaseDegrees(300), 90.0, 0.01);
 	}
-}
-
-TEST_F(GainsFixture, TransientMeasureFollowsTheRiseOfEnergy) {
-	// From 1 to 4: T = ((4 - 1) / 4)^2 = 0.5625; falling back to 1: T = 0.
-	gains.transientReset = 1;
-	settle();
-	std::fill(energy.begin(), energy.end(), 4.0f);
-	setPhase(0, bands, pi / 2);
-	gains.smooth(effect, energy.data(), false);
-	EXPECT_NEAR(phaseDegrees(300), std::atan2(1.0, 0.5625) * degrees, 0.01);
-
-	std::fill(energy.begin(), energy.end(), 1.0f);
-	setPhase(0, bands, pi / 2);
-	gains.smooth(effect, energy.data(), false);
-	EXPECT_NEAR(phaseDegrees(300), 90.0, 0.01);
-}
-
-TEST_F(GainsFixture, LowCutIgnoresTheBottomHalfAndFadesInTheTop) {
-	gains.transientReset = 1;
 	const float cut = gains.lowCutBands;
 	ASSERT_GT(cut, 8);
+	std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
 	setPhase(0, bands, pi / 2);
 	gains.smooth(effect, energy.data(), false);
-	for (std::size_t b = 1; float(b) < cut * 0.5f; ++b) {
-		EXPECT_NEAR(phaseDegrees(b), 90.0, 1e-3) << "band " << b << " is below half the cut";
-	}
-	// Above the cut a full transient turns j to 45 degrees; at 3/4 of the cut
-	// the energy is faded by (2 x 0.75 - 1)^2 but the measure is a ratio of
-	// faded energies, so it is still a full transient.
-	EXPECT_NEAR(phaseDegrees(std::size_t(cut) + 1), 45.0, 0.01);
+	for (std::size_t b = 1; float(b) < cut * 0.5f; ++b) EXPECT_NEAR(phaseDegrees(b), 90.0, 1e-3) << "band " << b;
 	EXPECT_NEAR(phaseDegrees(std::size_t(cut * 0.75f)), 45.0, 0.01);
 }
 
@@ -251,34 +237,6 @@ TEST_F(GainsFixture, DetailBoostRestoresLevelWherePhasesDisagree) {
 	EXPECT_NEAR(far, 1.0, 1e-4);
 }
 
-TEST_F(GainsFixture, SilenceGivesExactlyZeroGains) {
-	SmoothedGains<float> defaults;
-	gains.phaseSmoothing = defaults.phaseSmoothing;
-	gains.transientReset = defaults.transientReset;
-	gains.detailBoost = defaults.detailBoost;
-	gains.transientSmoothing = defaults.transientSmoothing;
-	std::fill(energy.begin(), energy.end(), 0.0f);
-	setPhase(0, bands, 0.3);
-	gains.smooth(effect, energy.data(), false);
-	for (std::size_t b = 0; b < bands; ++b) {
-		ASSERT_EQ(gains.gainsReal[b], 0.0f) << b;
-		ASSERT_EQ(gains.gainsImag[b], 0.0f) << b;
-	}
-}
-
-TEST_F(GainsFixture, SmoothAllocatesNothing) {
-	if (!allocationCountingAvailable()) GTEST_SKIP() << "no allocation counter in this build";
-	SmoothedGains<float> defaults;
-	gains.phaseSmoothing = defaults.phaseSmoothing;
-	gains.transientReset = defaults.transientReset;
-	gains.detailBoost = defaults.detailBoost;
-	gains.transientSmoothing = defaults.transientSmoothing;
-	gains.transientBoost = 1;
-	AllocationScope scope;
-	for (int i = 0; i < 10; ++i) gains.smooth(effect, energy.data(), (i & 1) != 0);
-	EXPECT_EQ(scope.count(), 0u);
-}
-
 // addOutput through the engine: unit gains at the nominal frequencies pass a
 // tone through; a complex gain scales and turns it; the `gain` argument scales.
 TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
@@ -320,6 +278,78 @@ TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
 
 	EXPECT_NEAR(levelDb(outputs[2], input, latency, from, n), 0.0, 0.1);
 	EXPECT_NEAR(correlation(outputs[3], input), -0.25, 0.005);
+}
+
+// smoothBands leaves a row alone at widths at or below its floor. Each pass is
+// a one-pole filter whose impulse response has variance w (w + 1); the two
+// run in opposite directions, so the whole response is symmetric about the
+// impulse with variance 2 w (w + 1).
+TEST(SmoothBands, ImpulseSpreadsSymmetricallyByTheWidth) {
+	for (float width : {0.0f, 1e-19f, -3.0f}) {
+		std::vector<float> x{1, 5, -2, 7, 0};
+		const std::vector<float> before = x;
+		varkesh::lumbrel::smoothBands(x.data(), x.size(), width);
+		EXPECT_EQ(x, before) << "width " << width;
+	}
+	const std::size_t n = 2001, centre = 1000;
+	for (float width : {0.5f, 2.0f, 8.0f, 40.0f}) {
+		std::vector<float> x(n, 0.0f);
+		x[centre] = 1;
+		varkesh::lumbrel::smoothBands(x.data(), n, width);
+		double sum = 0, first = 0, second = 0;
+		for (std::size_t i = 0; i < n; ++i) {
+			const double d = double(i) - double(centre);
+			sum += x[i];
+			first += x[i] * d;
+			second += x[i] * d * d;
+		}
+		EXPECT_NEAR(first / sum, 0.0, 1e-3) << "width " << width;
+		EXPECT_NEAR(std::sqrt(second / sum - std::pow(first / sum, 2)) / std::sqrt(2.0 * width * (width + 1)), 1.0, 0.01) << "width " << width;
+	}
+}
+
+// smoothAll gives every set exactly what smooth() gives it alone, whatever
+// mix of settings the sets carry (widths that group and widths that don't,
+// detail boost on and off, more sets than one pass takes).
+TEST(SmoothAll, MatchesSmoothingEachSetAlone) {
+	struct Settings {
+		float phaseSmoothing, detailBoost, transientSmoothing, transientBoost;
+	};
+	constexpr Settings table[] = {{1, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 1, 0.5f}, {3, 0.8f, 0, 0}, {3, -0.5f, 2, 0},
+		{1, 0.8f, 1, 0}, {0, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 0, 0}, {2, 0.3f, 1, 1}};
+	constexpr std::size_t count = std::size(table);
+	ProbeEffect effect{1, 1};
+	std::array<SmoothedGains<float>, count> together, alone;
+	std::array<SmoothedGains<float> *, count> sets;
+	std::mt19937 random(7);
+	std::uniform_real_distribution<float> uniform(-1, 1);
+	for (std::size_t k = 0; k < count; ++k) {
+		for (auto *g : {&together[k], &alone[k]}) {
+			g->init(effect);
+			g->phaseSmoothing = table[k].phaseSmoothing;
+			g->detailBoost = table[k].detailBoost;
+			g->transientSmoothing = table[k].transientSmoothing;
+			g->transientBoost = table[k].transientBoost;
+		}
+		sets[k] = &together[k];
+	}
+	const std::size_t bands = effect.bands;
+	std::vector<float> energy(bands);
+	for (int frame = 0; frame < 3; ++frame) {
+		for (float &e : energy) e = uniform(random) + 1;
+		for (std::size_t k = 0; k < count; ++k) {
+			for (std::size_t b = 0; b < bands; ++b) {
+				together[k].gainsReal[b] = alone[k].gainsReal[b] = uniform(random);
+				together[k].gainsImag[b] = alone[k].gainsImag[b] = uniform(random);
+			}
+			alone[k].smooth(effect, energy.data(), false);
+		}
+		SmoothedGains<float>::smoothAll(effect, energy.data(), false, sets.data(), count);
+		for (std::size_t k = 0; k < count; ++k) {
+			EXPECT_EQ(0, std::memcmp(together[k].gainsReal.data(), alone[k].gainsReal.data(), bands * sizeof(float))) << "set " << k;
+			EXPECT_EQ(0, std::memcmp(together[k].gainsImag.data(), alone[k].gainsImag.data(), bands * sizeof(float))) << "set " << k;
+		}
+	}
 }
 
 } // namespace

@@ -1,16 +1,9 @@
-// Transients through the plug-in: its parameter list and saved state, and what
-// its three gains do to drum-like hits, measured on the audio that comes out.
-#include "support/alloc_counter.h"
+// Transients through the plug-in: what its three gains do to drum-like hits,
+// measured on the audio that comes out.
 #include "support/effect_checks.h"
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdio>
-#include <random>
-#include <string>
-#include <vector>
 
 using namespace lumbrel_test;
 
@@ -84,43 +77,13 @@ using Transients = BundleTest;
 
 } // namespace
 
-TEST_F(Transients, ParametersAndSavedState) {
-	PluginRunner runner(*bundle, pluginId);
-	ASSERT_TRUE(runner.ok);
-	expectParams(*runner.instance, {
-		{{"envelopeConfig", "smoothing"}, "smoothing", "0.25"}, // the wrapper's own default, not the group's 1
-		{{"envelopeConfig", "periodMs"}, "period", "20ms"},
-		{{"gains", "attack"}, "attack", "1"},
-		{{"gains", "body"}, "body", "1"},
-		{{"gains", "sustain"}, "sustain", "1"},
-	});
-	// The gains run from 0 to 4 with 1 at mid travel.
-	const clap_id attack = paramId({"gains", "attack"});
-	EXPECT_EQ(runner.instance->paramText(attack, 0.0), "0");
-	EXPECT_EQ(runner.instance->paramText(attack, 0.5), "1");
-	EXPECT_EQ(runner.instance->paramText(attack, 1.0), "4");
-
-	// The saved name reads "Lumbrel3", where the host's name reads "Lumbrel".
-	expectSavedState(*runner.instance, "Lumbrel3: Transients",
-		"\"envelopeConfig\": {_ \"name\": \"Envelope\", \"desc\": \"\", \"version\": 0, \"smoothing\": {_ \"value\": 0.25}, "
-		"\"periodMs\": {_ \"value\": 20.0}}, "
-		"\"gains\": {_ \"name\": \"Gains\", \"desc\": \"\", \"version\": 0, \"attack\": {_ \"value\": 1.0}, "
-		"\"body\": {_ \"value\": 1.0}, \"sustain\": {_ \"value\": 1.0}}");
-}
-
+// At unit gains the sound passes.
 TEST_F(Transients, UnitGainsPassTheSound) {
 	PluginRunner runner(*bundle, pluginId);
 	ASSERT_TRUE(runner.ok);
 	const auto in = hits(4, 0.5);
-	const auto out = runner.run({in, in});
 	const std::size_t latency = runner.instance->latency();
-	const double residual = residualDb(out[0], in, latency, std::size_t(0.1 * rate), in.size() - latency);
-	std::printf("transients at unit gains: residual %.1f dB\n", residual);
-	EXPECT_LT(residual, -20);
-	const auto levels = measureHits(*bundle, 1, 1, 1);
-	std::printf("transients at unit gains: attack %+.2f dB, sustain %+.2f dB\n", levels.attackDb, levels.sustainDb);
-	EXPECT_NEAR(levels.attackDb, 0, 1);
-	EXPECT_NEAR(levels.sustainDb, 0, 1);
+	EXPECT_LT(residualDb(runner.run({in, in})[0], in, latency, std::size_t(0.1 * rate), in.size() - latency), -20);
 }
 
 TEST_F(Transients, GainsMoveAttackAgainstSustain) {
@@ -129,14 +92,7 @@ TEST_F(Transients, GainsMoveAttackAgainstSustain) {
 	};
 	const Case cases[] = {{4, 1, 1}, {2, 1, 1}, {0, 1, 1}, {1, 1, 0.25}, {1, 1, 4}, {1, 4, 1}, {1, 0, 1}, {0, 0, 0}};
 	std::vector<HitLevels> levels;
-	for (const auto &c : cases) {
-		const auto l = measureHits(*bundle, c.attack, c.body, c.sustain);
-		levels.push_back(l);
-		std::printf("attack %.2f body %.2f sustain %.2f: attack %+.1f dB, body %+.1f dB, sustain %+.1f dB, "
-					"attack/sustain %+.1f dB\n",
-			c.attack, c.body, c.sustain, std::max(l.attackDb, -150.0), std::max(l.bodyDb, -150.0),
-			std::max(l.sustainDb, -150.0), std::max(l.attackDb, -150.0) - std::max(l.sustainDb, -150.0));
-	}
+	for (const auto &c : cases) levels.push_back(measureHits(*bundle, c.attack, c.body, c.sustain));
 	auto attackOverSustain = [&](std::size_t i) { return levels[i].attackDb - levels[i].sustainDb; };
 	auto bodyOverSustain = [&](std::size_t i) { return levels[i].bodyDb - levels[i].sustainDb; };
 

@@ -1,5 +1,6 @@
-// The block loop: sleep and wake on silence, the blockMultiple latency
-// reduction, independence from how the host cuts blocks, and no allocation.
+// The block loop: sleep and wake on silence, the tail it waits for, the
+// blockMultiple latency reduction, independence from how the host cuts
+// blocks, and no allocation.
 #include "engine/engine_impl.h"
 #include "engine_harness.h"
 #include "support/alloc_counter.h"
@@ -10,15 +11,6 @@ namespace {
 
 using namespace lumbrel_test;
 
-bool allZero(const Channels &channels) {
-	for (const Signal &s : channels) {
-		for (float x : s) {
-			if (x != 0.0f) return false;
-		}
-	}
-	return true;
-}
-
 struct Silence : ::testing::Test {
 	Engine engine{2, 2, 48000, varkesh_lumbrel_config_default()};
 	PassThrough effect{engine, 2};
@@ -26,85 +18,93 @@ struct Silence : ::testing::Test {
 		effect.attach();
 		varkesh_lumbrel_engine_float_reset(engine);
 	}
+	Channels zeros(std::size_t n) const { return {Signal(n, 0.0f), Signal(n, 0.0f)}; }
 };
 
-// Fed zeros from reset, the engine asks onSilence at once and, told "false",
-// sleeps: zeros out and no spectra, however long it runs.
-TEST_F(Silence, ZerosAfterResetSleepAtOnce) {
-	Channels y = run(engine, {Signal(48000, 0.0f), Signal(48000, 0.0f)}, 2, 256);
-	EXPECT_TRUE(allZero(y));
+// Zeros from reset: asked once at once and, told "false", asleep (zeros out,
+// no spectra). A length of 0 only asks. One sample above 1e-15 wakes it within
+// the call; "true" keeps it stepping through silence.
+TEST_F(Silence, SleepsAtOnceWakesWithinTheCallAndRunsOnWhenAsked) {
+	const float *noInputs[2] = {nullptr, nullptr};
+	float *noOutputs[2] = {nullptr, nullptr};
+	varkesh_lumbrel_engine_float_process(engine, noInputs, noOutputs, 0);
+	EXPECT_EQ(effect.silenceQuestions, 1u);
+	Channels y = run(engine, zeros(48000), 2, 256);
+	EXPECT_EQ(rms(y[0].data(), y[0].size()) + rms(y[1].data(), y[1].size()), 0.0);
 	EXPECT_EQ(effect.spectra, 0u);
 	EXPECT_EQ(effect.silenceQuestions, 1u);
-}
 
-// A single sample above 1e-15 in a block wakes the engine within that call: the
-// block's steps run.
-TEST_F(Silence, ASmallSampleWakesItWithinTheCall) {
-	run(engine, {Signal(4800, 0.0f), Signal(4800, 0.0f)}, 2, 480);
-	ASSERT_EQ(effect.spectra, 0u);
-
-	Signal quiet(480, 0.0f), nudged(480, 0.0f);
-	nudged[479] = 1e-14f;
-	run(engine, {quiet, nudged}, 2, 480);
+	Channels nudged = zeros(480);
+	nudged[1][479] = 1e-14f;
+	run(engine, nudged, 2, 480);
 	EXPECT_EQ(effect.spectra, 4u); // 480 samples are four intervals of 120
-}
 
-// onSilence answering true keeps the engine stepping through silence.
-TEST_F(Silence, OnSilenceTrueKeepsItRunning) {
 	effect.keepRunning = true;
-	run(engine, {Signal(48000, 0.0f), Signal(48000, 0.0f)}, 2, 256);
+	effect.spectra = 0;
+	run(engine, zeros(48000), 2, 240);
 	EXPECT_EQ(effect.spectra, 400u); // one second at 400 spectra per second
-	EXPECT_GT(effect.silenceQuestions, 10u);
 }
 
-// After sound stops the engine runs on while the tracked bands' tails decay
-// below 1e-15 (they fall by `keep` per step), then one more window, then asks
-// and sleeps. The output carries the delayed end of the tone.
-TEST_F(Silence, SleepsAfterTheTailHasDecayed) {
+// After a tone the engine runs while the tracked bands' tails decay below
+// 1e-15, then a whole window more, and only then asks and sleeps; the output
+// carries the delayed end of the tone.
+TEST_F(Silence, SleepsOneWindowAfterTheTailHasDecayed) {
+	struct TailWatch : PassThrough {
+		std::size_t lastLoud = 0, askedAt = 0, low = 0;
+		static bool onSpectrum(void *self) {
+			auto &w = *static_cast<TailWatch *>(self);
+			PassThrough::onSpectrum(self);
+			for (std::size_t c = 0; c < w.channels; ++c) {
+				const float *re = varkesh_lumbrel_engine_float_inputReal(w.engine, c), *im = varkesh_lumbrel_engine_float_inputImag(w.engine, c);
+				for (std::size_t b = 0; b < w.low; ++b) {
+					if (std::abs(re[b]) > 1e-15f || std::abs(im[b]) > 1e-15f) w.lastLoud = w.spectra;
+				}
+			}
+			return true;
+		}
+		static bool onSilence(void *self) {
+			auto &w = *static_cast<TailWatch *>(self);
+			if (!w.askedAt) w.askedAt = w.spectra;
+			return PassThrough::onSilence(self);
+		}
+	} watch{{engine, 2}};
+	const auto &impl = static_cast<const varkesh::lumbrel::EngineImpl<float> &>(*engine.handle);
+	watch.low = impl.lowBandCount();
+	varkesh_lumbrel_engine_float_setCallbacks(engine, &watch, TailWatch::onSpectrum, TailWatch::onSilence);
+	varkesh_lumbrel_engine_float_reset(engine);
 	Signal tone = sine(200, 48000, 9600);
 	tone.resize(3 * 48000, 0.0f);
-	Channels y = run(engine, {tone, tone}, 2, 240);
-	std::size_t spectraWhileSounding = 9600 / 120;
-	EXPECT_GT(effect.spectra, spectraWhileSounding + 6);
-	EXPECT_LT(effect.spectra, 2 * 400u);
-	EXPECT_EQ(effect.silenceQuestions, 1u);
+	Channels y = run(engine, {tone, tone}, 2, 120);
+	EXPECT_GT(watch.lastLoud, 9600u / 120 + 6);
+	ASSERT_GT(watch.askedAt, watch.lastLoud);
+	EXPECT_GE((watch.askedAt - watch.lastLoud) * impl.interval(), impl.windowLength())
+		<< "last loud step " << watch.lastLoud << ", asked at step " << watch.askedAt;
+	EXPECT_LT(watch.spectra, 2 * 400u);
 	EXPECT_GT(rms(y[0].data() + 9600, 480), 0.05);
 	EXPECT_EQ(rms(y[0].data() + 2 * 48000, 48000), 0.0);
 }
 
-// A length of 0 runs only the silence test, which still counts samples.
-TEST_F(Silence, ZeroLengthBlockOnlyAsks) {
-	const float *in[2] = {nullptr, nullptr};
-	float *out[2] = {nullptr, nullptr};
-	varkesh_lumbrel_engine_float_process(engine, in, out, 0);
-	EXPECT_EQ(effect.silenceQuestions, 1u);
-	EXPECT_EQ(effect.spectra, 0u);
-}
-
-// With every process length a multiple of blockMultiple the latency falls by
-// its common divisor with the interval, and noise comes out at exactly the new
-// latency.
-TEST(BlockMultiple, OutputStaysAlignedWithTheReportedLatency) {
-	for (std::size_t multiple : {8u, 40u, 64u, 120u, 240u}) {
+// Process lengths all multiples of blockMultiple lower the latency by its
+// common divisor with the interval; noise comes out at exactly that latency.
+TEST(BlockLoop, BlockMultipleKeepsTheOutputAlignedWithTheLatency) {
+	for (auto [multiple, expected] : {std::pair{8u, 472u}, {40u, 440u}, {64u, 472u}, {120u, 360u}, {240u, 360u}}) {
 		varkesh_lumbrel_config config = varkesh_lumbrel_config_default();
 		config.blockMultiple = multiple;
 		Engine engine(1, 1, 48000, config);
 		PassThrough effect{engine, 1};
 		effect.attach();
 		varkesh_lumbrel_engine_float_reset(engine);
-		std::size_t latency = varkesh_lumbrel_engine_float_latencySamples(engine);
-
-		Signal x = whiteNoise(24000, 0.25, 11);
-		Channels y = run(engine, {x}, 1, multiple * 3);
-		std::size_t from = 2400, n = 24000 - from;
-		EXPECT_EQ(correlationLag(y[0], x, from, n, 960), latency) << "blockMultiple " << multiple;
-		EXPECT_LT(std::abs(levelDb(y[0], x, latency, from, n)), 1.0) << "blockMultiple " << multiple;
-		EXPECT_LT(errorDb(y[0], x, latency, from, n), -10.0) << "blockMultiple " << multiple;
+		const std::size_t latency = varkesh_lumbrel_engine_float_latencySamples(engine);
+		EXPECT_EQ(latency, expected) << "blockMultiple " << multiple;
+		const Signal x = whiteNoise(24000, 0.25, 11);
+		const Channels y = run(engine, {x}, 1, multiple * 3);
+		EXPECT_EQ(correlationLag(y[0], x, 2400, 21600, 960), latency) << "blockMultiple " << multiple;
+		EXPECT_LT(errorDb(y[0], x, latency, 2400, 21600), -10.0) << "blockMultiple " << multiple;
 	}
 }
 
-// The host's block sizes must not matter: one sample at a time, odd sizes and
-// blocks of many intervals give the same samples.
+// One sample at a time, odd sizes and blocks of many intervals give the same
+// samples; without output channels the effect still runs.
 TEST(BlockLoop, OutputDoesNotDependOnBlockSizes) {
 	Signal x = whiteNoise(9000, 0.3, 3);
 	for (std::size_t i = 0; i < x.size(); ++i) x[i] += float(0.3 * std::sin(0.01 * double(i)));
@@ -114,36 +114,20 @@ TEST(BlockLoop, OutputDoesNotDependOnBlockSizes) {
 		PassThrough effect{engine, 1};
 		effect.attach();
 		varkesh_lumbrel_engine_float_reset(engine);
-		Channels y = run(engine, {x}, 2, blockSize);
-		if (reference.empty()) {
-			reference = y;
-			EXPECT_EQ(effect.spectra, 9000u / 120u);
-			continue;
-		}
+		const Channels y = run(engine, {x}, 2, blockSize);
+		EXPECT_EQ(effect.spectra, 9000u / 120u);
+		if (reference.empty()) reference = y;
 		for (std::size_t c = 0; c < 2; ++c) {
-			for (std::size_t i = 0; i < x.size(); ++i) {
-				ASSERT_EQ(y[c][i], reference[c][i]) << "block " << blockSize << ", channel " << c << ", sample " << i;
-			}
+			for (std::size_t i = 0; i < x.size(); ++i) ASSERT_EQ(y[c][i], reference[c][i]) << "block " << blockSize << ", channel " << c << ", sample " << i;
 		}
 	}
-}
-
-// Without output channels the analysis and the effect still run.
-TEST(BlockLoop, RunsTheEffectWithoutOutputs) {
 	Engine engine(1, 0, 48000, varkesh_lumbrel_config_default());
-	struct Counter {
-		std::size_t calls = 0;
-		static bool onSpectrum(void *self) {
-			++static_cast<Counter *>(self)->calls;
-			return true;
-		}
-	} counter;
-	varkesh_lumbrel_engine_float_setCallbacks(engine, &counter, Counter::onSpectrum, nullptr);
+	PassThrough effect{engine, 0};
+	effect.attach();
 	varkesh_lumbrel_engine_float_reset(engine);
-	Signal x = sine(440, 48000, 1200);
 	const float *in[1] = {x.data()};
-	varkesh_lumbrel_engine_float_process(engine, in, nullptr, x.size());
-	EXPECT_EQ(counter.calls, 10u);
+	varkesh_lumbrel_engine_float_process(engine, in, nullptr, 1200);
+	EXPECT_EQ(effect.spectra, 10u);
 }
 
 // process and reset allocate nothing: through sound, silence, sleep, wake-up,
@@ -157,16 +141,12 @@ TEST(BlockLoop, ProcessAllocatesNothing) {
 	Signal x = whiteNoise(48000, 0.3, 5);
 	std::fill(x.begin() + 12000, x.begin() + 36000, 0.0f);
 	Channels outputs(2, Signal(x.size()));
-
 	lumbrel_test::AllocationScope scope;
-	const float *in[2];
-	float *out[2];
-	std::size_t sizes[] = {1, 7, 64, 119, 120, 121, 512, 2048};
+	const std::size_t sizes[] = {1, 7, 64, 119, 120, 121, 512, 2048};
 	for (std::size_t pos = 0, i = 0; pos < x.size(); ++i) {
-		std::size_t n = std::min(sizes[i % 8], x.size() - pos);
-		in[0] = in[1] = x.data() + pos;
-		out[0] = outputs[0].data() + pos;
-		out[1] = outputs[1].data() + pos;
+		const std::size_t n = std::min(sizes[i % 8], x.size() - pos);
+		const float *in[2] = {x.data() + pos, x.data() + pos};
+		float *out[2] = {outputs[0].data() + pos, outputs[1].data() + pos};
 		varkesh_lumbrel_engine_float_process(engine, in, out, n);
 		pos += n;
 		if (i == 40) varkesh_lumbrel_engine_float_reset(engine);

@@ -2,6 +2,7 @@
 // Shared helpers of the engine tests: an owning handle, the pass-through
 // callback, block-wise running, test signals and measurements.
 #include "engine/engine.h"
+#include "support/signals.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace lumbrel_test {
-
-constexpr double pi = 3.141592653589793;
 
 using Signal = std::vector<float>;
 using Channels = std::vector<Signal>;
@@ -76,12 +75,6 @@ inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs
 	return outputs;
 }
 
-inline Signal sine(double hz, double sampleRate, std::size_t length, double amplitude = 0.5, double phase = 0.3) {
-	Signal s(length);
-	for (std::size_t i = 0; i < length; ++i) s[i] = float(amplitude * std::sin(2 * pi * hz * double(i) / sampleRate + phase));
-	return s;
-}
-
 inline Signal whiteNoise(std::size_t length, double amplitude, std::uint32_t seed) {
 	std::mt19937 random(seed);
 	std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
@@ -96,8 +89,6 @@ inline double rms(const float *x, std::size_t n) {
 	return std::sqrt(sum / double(n));
 }
 
-inline double dB(double ratio) { return 20 * std::log10(ratio); }
-
 // Level of out[from, from + n) against in[from - delay, from - delay + n), in dB.
 inline double levelDb(const Signal &out, const Signal &in, std::size_t delay, std::size_t from, std::size_t n) {
 	return dB(rms(out.data() + from, n) / rms(in.data() + from - delay, n));
@@ -105,9 +96,7 @@ inline double levelDb(const Signal &out, const Signal &in, std::size_t delay, st
 
 // Level of out minus the delayed input, against the input, in dB.
 inline double errorDb(const Signal &out, const Signal &in, std::size_t delay, std::size_t from, std::size_t n) {
-	Signal diff(n);
-	for (std::size_t i = 0; i < n; ++i) diff[i] = out[from + i] - in[from + i - delay];
-	return dB(rms(diff.data(), n) / rms(in.data() + from - delay, n));
+	return residualDb(out, in, delay, from, from + n);
 }
 
 // The lag (0..maxLag) at which out best matches in, by cross-correlation over

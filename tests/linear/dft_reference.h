@@ -1,6 +1,8 @@
 #pragma once
-// Direct DFT in double precision, the yardstick for the transforms, and the
-// relative RMS error between a float result and it.
+// The yardsticks of the signal toolkit's tests: a direct DFT in double
+// precision, the relative RMS error against it, and white noise.
+#include "linear/dynamic_stft.h"
+
 #include <cmath>
 #include <complex>
 #include <cstddef>
@@ -9,23 +11,13 @@
 
 namespace lumbrel_test {
 
-// X[k] = sum x[n] exp(-+2 pi i n k / N), unnormalised; sign -1 forward.
+// X[k] = sum x[n] exp(-+2 pi i n k / N), unnormalised; minus forward.
 inline std::vector<std::complex<double>> directDft(const std::vector<std::complex<double>> &x, bool inverse) {
 	const std::size_t n = x.size();
 	std::vector<std::complex<double>> roots(n), out(n);
+	for (std::size_t k = 0; k < n; ++k) roots[k] = std::polar(1.0, (inverse ? 2.0 : -2.0) * M_PI * double(k) / double(n));
 	for (std::size_t k = 0; k < n; ++k) {
-		double angle = (inverse ? 2.0 : -2.0) * M_PI * double(k) / double(n);
-		roots[k] = {std::cos(angle), std::sin(angle)};
-	}
-	for (std::size_t k = 0; k < n; ++k) {
-		std::complex<double> sum = 0;
-		std::size_t index = 0;
-		for (std::size_t j = 0; j < n; ++j) {
-			sum += x[j] * roots[index];
-			index += k;
-			if (index >= n) index -= n;
-		}
-		out[k] = sum;
+		for (std::size_t j = 0, index = 0; j < n; ++j, index = (index + k) % n) out[k] += x[j] * roots[index];
 	}
 	return out;
 }
@@ -35,8 +27,7 @@ template <class A, class R>
 double relativeRmsError(const A &a, const R &ref) {
 	double err = 0, energy = 0;
 	for (std::size_t i = 0; i < ref.size(); ++i) {
-		std::complex<double> d = std::complex<double>(a[i]) - std::complex<double>(ref[i]);
-		err += std::norm(d);
+		err += std::norm(std::complex<double>(a[i]) - std::complex<double>(ref[i]));
 		energy += std::norm(std::complex<double>(ref[i]));
 	}
 	return std::sqrt(err / energy);
@@ -48,6 +39,13 @@ inline std::vector<float> whiteNoise(std::size_t n, unsigned seed) {
 	std::vector<float> v(n);
 	for (auto &x : v) x = dist(rng);
 	return v;
+}
+
+// The FFT size the STFT picks for a block (hint 0) or for a hint.
+inline std::size_t stftFftSize(std::size_t block, std::size_t hint = 0) {
+	varkesh::linear::DynamicSTFT<float, false, 2> stft;
+	stft.configure(0, 0, block, 0, block / 4 + 1, 0, hint);
+	return stft.fftSamples;
 }
 
 } // namespace lumbrel_test

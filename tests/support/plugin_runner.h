@@ -55,16 +55,25 @@ struct PluginRunner {
 		events.clear();
 	}
 
-	// Processes stereo input (one or two rows) in blocks of `block` frames;
-	// returns both output rows.
-	std::vector<std::vector<float>> run(const std::vector<std::vector<float>> &input, std::uint32_t block = 256) {
+	// Processes stereo input (one or two rows) in blocks of at most `block`
+	// frames; returns both output rows. `beforeBlock(start, end)`, where given,
+	// queues the events of the block from `start` (the last block's are
+	// cleared first) and may end the block sooner by lowering `end`.
+	using BeforeBlock = std::function<void(std::size_t start, std::size_t &end)>;
+	std::vector<std::vector<float>> run(const std::vector<std::vector<float>> &input, std::uint32_t block = 256,
+		const BeforeBlock &beforeBlock = {}) {
 		const std::size_t frames = input[0].size();
 		std::vector<std::vector<float>> output(2, std::vector<float>(frames));
 		std::vector<float> inL(block), inR(block), outL(block), outR(block);
 		float *inputs[2] = {inL.data(), inR.data()};
 		float *outputs[2] = {outL.data(), outR.data()};
-		for (std::size_t start = 0; start < frames; start += block) {
-			const auto n = std::uint32_t(std::min<std::size_t>(block, frames - start));
+		for (std::size_t start = 0, end; start < frames; start = end) {
+			end = std::min<std::size_t>(start + block, frames);
+			if (beforeBlock) {
+				events.clear();
+				beforeBlock(start, end);
+			}
+			const auto n = std::uint32_t(end - start);
 			std::copy_n(input[0].begin() + std::ptrdiff_t(start), n, inL.begin());
 			std::copy_n(input[input.size() > 1 ? 1 : 0].begin() + std::ptrdiff_t(start), n, inR.begin());
 			out.clear();
@@ -72,6 +81,7 @@ struct PluginRunner {
 			std::copy_n(outL.begin(), n, output[0].begin() + std::ptrdiff_t(start));
 			std::copy_n(outR.begin(), n, output[1].begin() + std::ptrdiff_t(start));
 		}
+		if (beforeBlock) events.clear();
 		return output;
 	}
 };

@@ -9,9 +9,9 @@ namespace lumbrel_test {
 
 constexpr double pi = 3.14159265358979323846;
 
-inline std::vector<float> sine(double hz, double sampleRate, std::size_t frames, double amplitude = 0.5) {
+inline std::vector<float> sine(double hz, double sampleRate, std::size_t frames, double amplitude = 0.5, double phase = 0) {
 	std::vector<float> out(frames);
-	for (std::size_t i = 0; i < frames; ++i) out[i] = float(amplitude * std::sin(2 * pi * hz * double(i) / sampleRate));
+	for (std::size_t i = 0; i < frames; ++i) out[i] = float(amplitude * std::sin(2 * pi * hz * double(i) / sampleRate + phase));
 	return out;
 }
 

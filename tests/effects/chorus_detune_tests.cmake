@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_chorus_detune_test SOURCES chorus_detune_test.cpp BUNDLE ALLOCATIONS)

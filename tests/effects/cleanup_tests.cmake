@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_cleanup_test SOURCES cleanup_test.cpp BUNDLE ALLOCATIONS LIBS lumbrel_storage)

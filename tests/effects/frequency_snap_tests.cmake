@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_frequency_snap_test SOURCES frequency_snap_test.cpp BUNDLE ALLOCATIONS LIBS lumbrel_storage)

@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_octaver_test SOURCES octaver_test.cpp BUNDLE)

@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_pitch_quality_test SOURCES pitch_quality_test.cpp BUNDLE)

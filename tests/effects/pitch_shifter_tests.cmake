@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_pitch_shifter_test SOURCES pitch_shifter_test.cpp BUNDLE)

@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_shepard_drop_test SOURCES shepard_drop_test.cpp BUNDLE ALLOCATIONS LIBS lumbrel_storage)

@@ -1,1 +1,0 @@
-lumbrel_add_test(effects_transients_test SOURCES transients_test.cpp BUNDLE ALLOCATIONS LIBS lumbrel_storage)
