@@ -38,10 +38,10 @@ namespace {
 
 // Bin index and fraction of each frequency, for a run of up to positionChunk
 // values, in a loop that vectorises (floor is one instruction from SSE4.1 on).
-// A position outside the bins gets the index `bins`, skipped by the caller.
-// Negative positions (and NaN) follow the platform's conversion of floor(p) to
-// an unsigned index: on x86 it lies beyond any row, on 64-bit Arm it saturates
-// at bin 0.
+// A position outside the bins gets an index of `bins` or more, skipped by the
+// caller. Negative positions (and NaN) follow the platform's conversion of
+// floor(p) to an unsigned index: on x86 it lies beyond any row, on 64-bit Arm
+// it saturates at bin 0.
 constexpr std::size_t positionChunk = 64;
 
 LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t count, float fftSize, float rate,
@@ -49,10 +49,14 @@ LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t 
 	for (std::size_t b = 0; b < count; ++b) {
 		float p = hz[b] * fftSize / rate;
 		float down = std::floor(p);
+		// Clamped in the order that sends NaN where the platform does; the
+		// comparisons have the form of min and max instructions.
 #if defined(__aarch64__)
-		float at = !(down > 0) ? 0.0f : down < bins ? down : bins;
+		float at = down > 0 ? down : 0.0f;
+		at = at < bins ? at : bins;
 #else
-		float at = down >= 0 && down < bins ? down : bins;
+		float at = down < bins ? down : bins;
+		at = at > -1.0f ? at : -1.0f; // -1 becomes an index beyond any row
 #endif
 		index[b] = std::uint32_t(std::int32_t(at));
 		fraction[b] = p - down;
