@@ -171,6 +171,7 @@ public:
 	BumpVector<Channel> channels; // one per output channel
 	float antiWarbleSquared = 0.25f; // how far the level is pulled toward 1
 	BumpVector<float> noisePole, noiseGain; // the noise filter per band
+	float noiseDepth = -1; // the depth noisePole and noiseGain were made for; none yet
 	// Minimal-standard generator state, 1 to 2^31 - 2. The owner seeds it with
 	// seed(); until then every object draws the same sequence.
 	std::uint32_t randomState = 1;
@@ -189,6 +190,7 @@ public:
 		}
 		noisePole.assign(bands, 0.0f);
 		noiseGain.assign(bands, 0.0f);
+		noiseDepth = -1;
 		setNoiseFilter(436.05988f); // "detune" 2, "anti-warble" 0.5
 		antiWarbleSquared = 0.25f;
 		for (auto *row : {&sumReal, &sumImag, &tempReal, &tempImag}) row->assign(bands, 0.0f);
@@ -237,6 +239,9 @@ public:
 	// depth `k`. The corner, in cycles per frame, widens with frequency on an
 	// auditory scale and never falls below 0.001, so the wander never stops.
 	void setNoiseFilter(float k) {
+		// Called with every block; the rows change only with the depth.
+		if (k == noiseDepth) return;
+		noiseDepth = k;
 		float *pole = noisePole.data(), *gain = noiseGain.data();
 		for (std::size_t b = 0; b < bands; ++b) {
 			const float h = nominalHz(b);
