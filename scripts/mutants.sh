@@ -38,7 +38,8 @@ fault linear "biquad feedback sign" src/linear/biquad.h \
 fault engine "band rotation with the wrong sign" src/engine/analysis.cpp \
 	'float rotatedI = rotR[b] * ti[b] + rotI[b] * tr[b];' 'float rotatedI = rotR[b] * ti[b] - rotI[b] * tr[b];'
 fault engine "band interpolation weights swapped" src/engine/analysis.cpp \
-	'outReal[b] = below[b] * real[i] + above[b] * real[i + 1];' 'outReal[b] = above[b] * real[i] + below[b] * real[i + 1];'
+	'gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(),' \
+	'gatherBands(bandIndex.data(), bandFraction.data(), bandFractionBelow.data(),'
 fault engine "reported latency one sample long" src/engine/engine_impl.h \
 	'return latencyBlock - latencyReduction; }' 'return latencyBlock - latencyReduction + 1; }'
 fault engine "latency reduction read one sample late" src/engine/block_loop.cpp \

@@ -9,6 +9,8 @@ LumbrelEffect<float>::LumbrelEffect(std::size_t channelsIn, std::size_t channels
 	  subRate(varkesh_lumbrel_engine_float_subRate(engine)), bands(varkesh_lumbrel_engine_float_bands(engine)),
 	  resolution(float(config.resolution)) {
 	varkesh_lumbrel_engine_float_setCallbacks(engine, this, staticOnSpectrum, staticOnSilence);
+	nominalHzRow.resize(bands);
+	for (std::size_t b = 0; b < bands; ++b) nominalHzRow[b] = varkesh_lumbrel_engine_float_nominalHz(engine, b);
 }
 
 LumbrelEffect<float>::~LumbrelEffect() {

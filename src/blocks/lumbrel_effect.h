@@ -1,4 +1,5 @@
 #pragma once
+#include "engine/bump_allocator.h"
 #include "engine/engine.h"
 #include "linear/linear.h"
 
@@ -28,6 +29,7 @@ public:
 	std::size_t bands;
 	float resolution; // bands per scale unit; smoothing widths are multiples of it
 	linear::LinearImpl<true> linear;
+	BumpVector<float> nominalHzRow; // the engine's nominal frequency of each band
 
 	// Makes an engine for `config`, unless one is given to share.
 	LumbrelEffect(std::size_t channelsIn, std::size_t channelsOut, float sampleRate, const LumbrelConfig &config,
@@ -48,7 +50,8 @@ public:
 	float *inputImag(std::size_t channel) const { return varkesh_lumbrel_engine_float_inputImag(engine, channel); }
 	float *inputHz(std::size_t channel) const { return varkesh_lumbrel_engine_float_inputHz(engine, channel); }
 	float nominalBand(float hz) const { return varkesh_lumbrel_engine_float_nominalBand(engine, hz); }
-	float nominalHz(std::size_t band) const { return varkesh_lumbrel_engine_float_nominalHz(engine, band); }
+	// A band's nominal frequency, kept in a row: effects read it per band and frame.
+	float nominalHz(std::size_t band) const { return nominalHzRow[band]; }
 
 protected:
 	// [set-up] Room in the expression layer's scratch store for four rows of

@@ -209,6 +209,9 @@ void SmoothedGains<float>::restore() {
 
 void SmoothedGains<float>::addOutput(LumbrelEffect<float> &effect, std::size_t channel, const float *inReal,
 	const float *inImag, float gain) {
+	// At zero gain every value would be a zero, and adding zeros changes no
+	// output (the octaver's outer octaves are off by default).
+	if (gain == 0) return;
 	const std::size_t n = std::min(outReal.size(), outImag.size());
 	float *__restrict outR = outReal.data();
 	float *__restrict outI = outImag.data();

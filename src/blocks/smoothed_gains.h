@@ -62,7 +62,8 @@ public:
 
 	// [audio-thread, inside onSpectrum] out = in x gain per band, scaled by
 	// `gain` unless it is exactly 1, added to output `channel` at the
-	// frequencies of hz. Leaves the result in outReal/outImag.
+	// frequencies of hz. Leaves the result in outReal/outImag. At a gain of
+	// exactly 0 it does nothing at all.
 	void addOutput(LumbrelEffect<float> &effect, std::size_t channel, const float *inReal, const float *inImag,
 		float gain = 1);
 

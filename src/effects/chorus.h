@@ -46,6 +46,44 @@ inline std::uint32_t randomDeviceSeed(const void *salt, const char *device = "/d
 	return std::uint32_t(x);
 }
 
+namespace chorus_rows {
+namespace {
+
+// The output loops, with unaliased rows so that they vectorise.
+// t = g own + s common; level = 1 + warble (|t|^2 - 1), before its square root.
+void blend(float *__restrict tr, float *__restrict ti, float *__restrict level,
+	const float *__restrict gr, const float *__restrict gi, const float *__restrict sr, const float *__restrict si,
+	float own, float common, float warble, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		tr[b] = gr[b] * own + sr[b] * common;
+		ti[b] = gi[b] * own + si[b] * common;
+		// The level moves toward 1 as the anti-warble rises.
+		level[b] = 1 + warble * (tr[b] * tr[b] + ti[b] * ti[b] - 1);
+	}
+}
+
+// out = in (t / level) wet
+void wetOutput(float *__restrict outR, float *__restrict outI, const float *__restrict inR,
+	const float *__restrict inI, const float *__restrict tr, const float *__restrict ti,
+	const float *__restrict level, float wet, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		const float re = tr[b] / level[b] * wet, im = ti[b] / level[b] * wet;
+		outR[b] = inR[b] * re - inI[b] * im;
+		outI[b] = inR[b] * im + inI[b] * re;
+	}
+}
+
+void dryOutput(float *__restrict outR, float *__restrict outI, const float *__restrict inR,
+	const float *__restrict inI, float dry, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		outR[b] = inR[b] * dry;
+		outI[b] = inI[b] * dry;
+	}
+}
+
+} // namespace
+} // namespace chorus_rows
+
 template<class Sample>
 class Chorus : public LumbrelEffect<float> {
 public:
@@ -133,6 +171,7 @@ public:
 	BumpVector<Channel> channels; // one per output channel
 	float antiWarbleSquared = 0.25f; // how far the level is pulled toward 1
 	BumpVector<float> noisePole, noiseGain; // the noise filter per band
+	float noiseDepth = -1; // the depth noisePole and noiseGain were made for; none yet
 	// Minimal-standard generator state, 1 to 2^31 - 2. The owner seeds it with
 	// seed(); until then every object draws the same sequence.
 	std::uint32_t randomState = 1;
@@ -151,6 +190,7 @@ public:
 		}
 		noisePole.assign(bands, 0.0f);
 		noiseGain.assign(bands, 0.0f);
+		noiseDepth = -1;
 		setNoiseFilter(436.05988f); // "detune" 2, "anti-warble" 0.5
 		antiWarbleSquared = 0.25f;
 		for (auto *row : {&sumReal, &sumImag, &tempReal, &tempImag}) row->assign(bands, 0.0f);
@@ -199,6 +239,9 @@ public:
 	// depth `k`. The corner, in cycles per frame, widens with frequency on an
 	// auditory scale and never falls below 0.001, so the wander never stops.
 	void setNoiseFilter(float k) {
+		// Called with every block; the rows change only with the depth.
+		if (k == noiseDepth) return;
+		noiseDepth = k;
 		float *pole = noisePole.data(), *gain = noiseGain.data();
 		for (std::size_t b = 0; b < bands; ++b) {
 			const float h = nominalHz(b);
@@ -243,36 +286,19 @@ protected:
 		const float wet = (2 - mix) * mix;
 		const float dry = 1 - 0.5f * mix * mix * (3 - mix);
 		const float own = width, common = 1 - width, warble = antiWarbleSquared;
-		float *__restrict outR = tempReal.data();
-		float *__restrict outI = tempImag.data();
+		float *outR = tempReal.data(), *outI = tempImag.data();
 		for (std::size_t o = 0; o < channelsOut; ++o) {
 			const std::size_t i = o % channelsIn;
-			const float *__restrict inR = inputReal(i);
-			const float *__restrict inI = inputImag(i);
+			const float *inR = inputReal(i), *inI = inputImag(i);
 			Channel &channel = channels[o];
-			const float *__restrict gr = channel.gainsReal.data();
-			const float *__restrict gi = channel.gainsImag.data();
 			// The channel's smoothing rows are free until its next frame.
-			float *__restrict tr = channel.outReal.data();
-			float *__restrict ti = channel.outImag.data();
-			float *__restrict level = channel.magnitudes.data();
-			for (std::size_t b = 0; b < n; ++b) {
-				tr[b] = gr[b] * own + sr[b] * common;
-				ti[b] = gi[b] * own + si[b] * common;
-				// The level moves toward 1 as the anti-warble rises.
-				level[b] = 1 + warble * (tr[b] * tr[b] + ti[b] * ti[b] - 1);
-			}
+			float *tr = channel.outReal.data(), *ti = channel.outImag.data(), *level = channel.magnitudes.data();
+			chorus_rows::blend(tr, ti, level, channel.gainsReal.data(), channel.gainsImag.data(), sr, si, own, common,
+				warble, n);
 			linear::platform::sqrt(level, level, n);
-			for (std::size_t b = 0; b < n; ++b) {
-				const float re = tr[b] / level[b] * wet, im = ti[b] / level[b] * wet;
-				outR[b] = inR[b] * re - inI[b] * im;
-				outI[b] = inR[b] * im + inI[b] * re;
-			}
+			chorus_rows::wetOutput(outR, outI, inR, inI, tr, ti, level, wet, n);
 			varkesh_lumbrel_engine_float_addOutputSplitMoved(engine, o, outR, outI, channels[o].hz.data(), n);
-			for (std::size_t b = 0; b < n; ++b) {
-				outR[b] = inR[b] * dry;
-				outI[b] = inI[b] * dry;
-			}
+			chorus_rows::dryOutput(outR, outI, inR, inI, dry, n);
 			varkesh_lumbrel_engine_float_addOutputSplit(engine, o, outR, outI);
 		}
 	}

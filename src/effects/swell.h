@@ -33,10 +33,12 @@ public:
 	};
 	BumpVector<std::array<Layer, layerCount>> layers; // per input channel
 	BumpVector<float> energy, gains, rates, bandScale;
+	float ratesPerFrame = -1, ratesSweep = 0; // what `rates` were made for; none yet
 
 	void init() {
 		reserveScratch();
 		for (auto *v : {&energy, &gains, &rates, &bandScale}) v->assign(bands, 0.0f);
+		ratesPerFrame = -1;
 		layers.resize(channelsIn);
 		for (auto &channel : layers) {
 			for (auto &layer : channel) {
@@ -66,10 +68,15 @@ protected:
 		float *rate = rates.data();
 		// Three poles in series: each gets a third of the time's square.
 		const float perFrame = subRate * time * 0.57735026f;
-		for (std::size_t b = 0; b < n; ++b) {
-			float r = (bandScale[b] - 0.25f * std::fabs(sweep)) * sweep;
-			r = std::exp(r) * perFrame;
-			rate[b] = 1 / (r + 1);
+		// The rates change only with the time and the sweep.
+		if (!(perFrame == ratesPerFrame && sweep == ratesSweep)) {
+			ratesPerFrame = perFrame;
+			ratesSweep = sweep;
+			for (std::size_t b = 0; b < n; ++b) {
+				float r = (bandScale[b] - 0.25f * std::fabs(sweep)) * sweep;
+				r = std::exp(r) * perFrame;
+				rate[b] = 1 / (r + 1);
+			}
 		}
 		const float floorRatio = std::pow(10.0f, -0.1f * autoGain);
 		float *e = energy.data(), *g = gains.data();

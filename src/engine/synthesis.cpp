@@ -9,25 +9,10 @@
 
 #include <cmath>
 #include <cstdint>
-#include <limits>
 
 namespace varkesh::lumbrel {
 
 namespace {
-
-// The unsigned bin index of floor(p). Negative positions (and NaN) follow the
-// platform's conversion: on x86 they become an index beyond any row, on 64-bit
-// Arm the conversion saturates at 0.
-inline std::size_t binIndex(float flooredPosition) {
-	constexpr float limit = 1.8446744e19f; // 2^64
-#if defined(__aarch64__)
-	if (!(flooredPosition > 0)) return 0;
-	return flooredPosition < limit ? std::size_t(flooredPosition) : std::numeric_limits<std::size_t>::max();
-#else
-	if (flooredPosition >= 0 && flooredPosition < limit) return std::size_t(flooredPosition);
-	return std::numeric_limits<std::size_t>::max();
-#endif
-}
 
 struct SplitValues {
 	const float *real, *imag;
@@ -53,14 +38,27 @@ namespace {
 
 // Bin index and fraction of each frequency, for a run of up to positionChunk
 // values, in a loop that vectorises (floor is one instruction from SSE4.1 on).
+// A position outside the bins gets an index of `bins` or more, skipped by the
+// caller. Negative positions (and NaN) follow the platform's conversion of
+// floor(p) to an unsigned index: on x86 it lies beyond any row, on 64-bit Arm
+// it saturates at bin 0.
 constexpr std::size_t positionChunk = 64;
 
 LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t count, float fftSize, float rate,
-	float *__restrict floored, float *__restrict fraction) {
+	float bins, std::uint32_t *__restrict index, float *__restrict fraction) {
 	for (std::size_t b = 0; b < count; ++b) {
 		float p = hz[b] * fftSize / rate;
 		float down = std::floor(p);
-		floored[b] = down;
+		// Clamped in the order that sends NaN where the platform does; the
+		// comparisons have the form of min and max instructions.
+#if defined(__aarch64__)
+		float at = down > 0 ? down : 0.0f;
+		at = at < bins ? at : bins;
+#else
+		float at = down < bins ? down : bins;
+		at = at > -1.0f ? at : -1.0f; // -1 becomes an index beyond any row
+#endif
+		index[b] = std::uint32_t(std::int32_t(at));
 		fraction[b] = p - down;
 	}
 }
@@ -69,7 +67,9 @@ LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t 
 
 // Values in a row tend to fall on the same or the next bin as the one before,
 // so the two bins in hand are summed in registers and written when the bin
-// changes: the same additions in the same order as one value at a time.
+// changes: the same additions in the same order as one value at a time. The
+// products with the fractions are made first for a chunk, in loops that
+// vectorise, so that the serial part is the additions.
 template <class Read>
 void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *hz, std::size_t count) {
 	if (count == 0) return;
@@ -86,12 +86,22 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 			outI[held + 1] = hiI;
 		}
 	};
-	float floored[positionChunk], fraction[positionChunk];
+	std::uint32_t index[positionChunk];
+	float fraction[positionChunk], lowR[positionChunk], lowI[positionChunk], highR[positionChunk],
+		highI[positionChunk];
 	for (std::size_t start = 0; start < count; start += positionChunk) {
 		std::size_t n = std::min(positionChunk, count - start);
-		binPositions(hz + start, n, float(fftSamples), sampleRate, floored, fraction);
+		binPositions(hz + start, n, float(fftSamples), sampleRate, float(fftBins), index, fraction);
 		for (std::size_t k = 0; k < n; ++k) {
-			std::size_t i = binIndex(floored[k]);
+			float f = fraction[k];
+			float re = read.re(start + k), im = read.im(start + k);
+			lowR[k] = (1 - f) * re;
+			lowI[k] = (1 - f) * im;
+			highR[k] = f * re;
+			highI[k] = f * im;
+		}
+		for (std::size_t k = 0; k < n; ++k) {
+			std::size_t i = index[k];
 			if (i >= fftBins) continue;
 			if (i != held) {
 				if (held < fftBins) {
@@ -115,12 +125,10 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 				hiR = outR[i + 1];
 				hiI = outI[i + 1];
 			}
-			float f = fraction[k];
-			float re = read.re(start + k), im = read.im(start + k);
-			loR += (1 - f) * re;
-			loI += (1 - f) * im;
-			hiR += f * re;
-			hiI += f * im;
+			loR += lowR[k];
+			loI += lowI[k];
+			hiR += highR[k];
+			hiI += highI[k];
 		}
 	}
 	if (held < fftBins) flush();
