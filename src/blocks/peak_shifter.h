@@ -103,13 +103,13 @@ public:
 
 	// [audio-thread, inside onSpectrum] updateWithPeakMap without the smoothing.
 	//
-	// A peak whose measured frequency lies outside its own bands is no partial
-	// of its own: it is a side lobe of the partial whose peak holds that
-	// frequency (the analysis spreads a sine over lobes 25-35 dB down, cut into
-	// peaks of their own). It moves with that peak: same shift, same phase, so
-	// that the lobes keep their relation to the partial. Turned by their own
-	// slightly different frequencies they would drift against it without bound,
-	// which showed as level errors of about 1 dB and spurious components.
+	// A peak whose measured frequency lies in a neighbouring peak at least
+	// 10 dB stronger is no partial of its own: it is a side lobe of that
+	// partial (the analysis spreads a sine over lobes 25-35 dB down, which the
+	// peak walk cuts into peaks of their own). It moves with that peak: same
+	// shift, same phase, so that the lobes keep their relation to the partial.
+	// Turned by their own slightly different frequencies they would drift
+	// against it without bound, which showed as level errors of up to 1 dB.
 	template<class PeakMapFn>
 	void placeWithPeakMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakMapFn &&peakMapFn) {
 		float *gainsReal = gains.gainsReal.data();
@@ -163,6 +163,9 @@ public:
 			std::size_t owner = p;
 			while (owner > 0 && peak.hz < bandHz[peaks.peaks[owner].start]) --owner;
 			while (owner + 1 < count && peak.hz >= bandHz[peaks.peaks[owner].end]) ++owner;
+			// Only a much stronger peak: of two close partials of like level,
+			// each reads the other's frequency at times, and keeps its own way.
+			if (peaks.peaks[owner].energy < 10 * peak.energy) owner = p;
 			const float re = peakReal[owner] * peakGain[p], im = peakImag[owner] * peakGain[p];
 			const float shift = peakShift[owner];
 			for (std::size_t k = peak.start; k < peak.end; ++k) {
