@@ -25,10 +25,11 @@ inline float angleOf(float y, float x) {
 	return std::copysign(r, y);
 }
 
-// Complex band values smoothed across bands, each band with its own width:
-// one backward and one forward one-pole pass, as smoothBands.
-void smoothNear(const float *re, const float *im, float *outRe, float *outIm, const float *weight, std::size_t n) {
-	if (n == 0) return;
+// The backward pass of a one-pole smoothing of complex band values across
+// bands, each band with its own weight, as smoothBands (band 0 keeps its
+// value); the caller runs the forward pass, fused with its own use of it.
+void smoothNearBackward(const float *re, const float *im, float *outRe, float *outIm, const float *weight,
+	std::size_t n) {
 	float sr = re[n - 1], si = im[n - 1];
 	outRe[n - 1] = sr;
 	outIm[n - 1] = si;
@@ -41,13 +42,6 @@ void smoothNear(const float *re, const float *im, float *outRe, float *outIm, co
 	}
 	outRe[0] = re[0];
 	outIm[0] = im[0];
-	for (std::size_t i = 0; i < n; ++i) {
-		const float a = weight[i];
-		sr += (outRe[i] - sr) * a;
-		si += (outIm[i] - si) * a;
-		outRe[i] = sr;
-		outIm[i] = si;
-	}
 }
 
 } // namespace
@@ -126,12 +120,18 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 			float *__restrict pi = previousImag.data() + c * n;
 			float *__restrict nr = nearReal.data();
 			float *__restrict ni = nearImag.data();
-			smoothNear(re, im, nr, ni, nearWeight.data(), n);
+			const float *__restrict weight = nearWeight.data();
+			if (n == 0) continue;
+			smoothNearBackward(re, im, nr, ni, weight, n);
+			// The forward pass, carrying on from band 1, and the step.
+			float ar = nr[1 < n ? 1 : 0], ai = ni[1 < n ? 1 : 0];
 			for (std::size_t b = 0; b < n; ++b) {
-				sr[b] += nr[b] * pr[b] + ni[b] * pi[b];
-				si[b] += ni[b] * pr[b] - nr[b] * pi[b];
-				pr[b] = nr[b];
-				pi[b] = ni[b];
+				ar += (nr[b] - ar) * weight[b];
+				ai += (ni[b] - ai) * weight[b];
+				sr[b] += ar * pr[b] + ai * pi[b];
+				si[b] += ai * pr[b] - ar * pi[b];
+				pr[b] = ar;
+				pi[b] = ai;
 			}
 		}
 		const float hzPerRadian = effect.subRate / 6.2831855f;
