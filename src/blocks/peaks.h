@@ -28,7 +28,7 @@ class Peaks;
 //   is `bands`, and every peak holds at least one band;
 // - `energy` points at energyBuffer and `hz` at hzBuffer: each band's frequency
 //   from the phase step since the last frame of its value smoothed with its
-//   neighbours' over about half an analysis bin (not the analysis' frequency
+//   neighbours' over a quarter of an analysis bin (not the analysis' frequency
 //   row, which trails a glide by its memory); a band with no history reads its
 //   own frequency.
 //
@@ -46,7 +46,7 @@ public:
 	BumpVector<float> nominalHz, rotateReal, rotateImag; // each band's own frequency and its step per frame
 	BumpVector<float> previousReal, previousImag;        // last frame's band values, channel after channel
 	BumpVector<float> stepReal, stepImag;                // working rows: phase step summed over channels
-	BumpVector<float> nearReal, nearImag;                // working rows: one channel's band values, smoothed
+	BumpVector<float> nearReal, nearImag;                // working rows: one channel's band values, smoothed backwards
 	BumpVector<float> nearWeight; // per band, the weight of its own value in that smoothing
 
 	// [set-up, allocates] Sizes the buffers to `bands` and reserves the peak
