@@ -102,6 +102,14 @@ public:
 	}
 
 	// [audio-thread, inside onSpectrum] updateWithPeakMap without the smoothing.
+	//
+	// A peak whose measured frequency lies in a neighbouring peak at least
+	// 10 dB stronger is no partial of its own: it is a side lobe of that
+	// partial (the analysis spreads a sine over lobes 25-35 dB down, which the
+	// peak walk cuts into peaks of their own). It moves with that peak: same
+	// shift, same phase, so that the lobes keep their relation to the partial.
+	// Turned by their own slightly different frequencies they would drift
+	// against it without bound, which showed as level errors of up to 1 dB.
 	template<class PeakMapFn>
 	void placeWithPeakMap(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakMapFn &&peakMapFn) {
 		float *gainsReal = gains.gainsReal.data();
@@ -110,8 +118,16 @@ public:
 		const float *bandHz = gains.nominalHz.data();
 		// Phase gained per Hz of shift in one frame.
 		const float radiansPerHz = 6.2831855f / effect.subRate;
+		// Per peak, until smooth() needs these working rows: the unit phase
+		// and the shift of its own partial, and its gain.
+		float *peakReal = gains.outReal.data();
+		float *peakImag = gains.outImag.data();
+		float *peakShift = gains.magnitudes.data();
+		float *peakGain = gains.weightedReal.data();
+		const std::size_t count = peaks.peaks.size();
 
-		for (const Peak<float> &peak : peaks.peaks) {
+		for (std::size_t p = 0; p < count; ++p) {
+			const Peak<float> &peak = peaks.peaks[p];
 			float newHz = peak.hz, gain = 1;
 			peakMapFn(peak, newHz, gain);
 			const float shift = newHz - peak.hz;
@@ -128,12 +144,30 @@ public:
 			const float norm = re * re + im * im;
 			if (norm >= 1e-30f) {
 				const float root = std::sqrt(norm);
-				re = re * gain / root;
-				im = im * gain / root;
+				re = re / root;
+				im = im / root;
 			} else {
-				re = gain;
+				re = 1;
 				im = 0;
 			}
+			peakReal[p] = re;
+			peakImag[p] = im;
+			peakShift[p] = shift;
+			peakGain[p] = gain;
+		}
+
+		for (std::size_t p = 0; p < count; ++p) {
+			const Peak<float> &peak = peaks.peaks[p];
+			// The peak whose bands hold this one's frequency, from a band's
+			// frequency up to the next band's.
+			std::size_t owner = p;
+			while (owner > 0 && peak.hz < bandHz[peaks.peaks[owner].start]) --owner;
+			while (owner + 1 < count && peak.hz >= bandHz[peaks.peaks[owner].end]) ++owner;
+			// Only a much stronger peak: of two close partials of like level,
+			// each reads the other's frequency at times, and keeps its own way.
+			if (peaks.peaks[owner].energy < 10 * peak.energy) owner = p;
+			const float re = peakReal[owner] * peakGain[p], im = peakImag[owner] * peakGain[p];
+			const float shift = peakShift[owner];
 			for (std::size_t k = peak.start; k < peak.end; ++k) {
 				gainsReal[k] = re;
 				gainsImag[k] = im;

@@ -25,13 +25,34 @@ inline float angleOf(float y, float x) {
 	return std::copysign(r, y);
 }
 
+// The backward pass of a one-pole smoothing of complex band values across
+// bands, each band with its own weight, as smoothBands (band 0 keeps its
+// value); the caller runs the forward pass, fused with its own use of it.
+void smoothNearBackward(const float *re, const float *im, float *outRe, float *outIm, const float *weight,
+	std::size_t n) {
+	float sr = re[n - 1], si = im[n - 1];
+	outRe[n - 1] = sr;
+	outIm[n - 1] = si;
+	for (std::size_t i = n - 1; i-- > 1;) {
+		const float a = weight[i];
+		sr += (re[i] - sr) * a;
+		si += (im[i] - si) * a;
+		outRe[i] = sr;
+		outIm[i] = si;
+	}
+	outRe[0] = re[0];
+	outIm[0] = im[0];
+}
+
 } // namespace
 
 void Peaks<float>::init(LumbrelEffect<float> &effect) {
 	energyBuffer.assign(effect.bands, 0.0f);
 	hzBuffer.assign(effect.bands, 0.0f);
 	const std::size_t n = effect.bands;
-	for (auto *row : {&nominalHz, &rotateReal, &rotateImag, &stepReal, &stepImag}) row->assign(n, 0.0f);
+	for (auto *row : {&nominalHz, &rotateReal, &rotateImag, &stepReal, &stepImag, &nearReal, &nearImag, &nearWeight}) {
+		row->assign(n, 0.0f);
+	}
 	previousReal.assign(n * effect.channelsIn, 0.0f);
 	previousImag.assign(n * effect.channelsIn, 0.0f);
 	for (std::size_t b = 0; b < n; ++b) {
@@ -39,6 +60,17 @@ void Peaks<float>::init(LumbrelEffect<float> &effect) {
 		const double step = 6.283185307179586 * double(nominalHz[b]) / double(effect.subRate);
 		rotateReal[b] = float(std::cos(step));
 		rotateImag[b] = float(std::sin(step));
+	}
+	// The smoothing before the phase step spans a quarter of an analysis bin,
+	// in bands: several low bands, a quarter band above the knee, where the
+	// bands are one bin apart (the top spacing). Wider follows a glide more
+	// closely but blends partials a few hertz apart.
+	const float binHz = n >= 2 ? nominalHz[n - 1] - nominalHz[n - 2] : 0.0f;
+	constexpr float nearBins = 0.25f;
+	for (std::size_t b = 0; b < n; ++b) {
+		const float spacing = b + 1 < n ? nominalHz[b + 1] - nominalHz[b] : binHz;
+		const float width = spacing > 0 ? nearBins * binHz / spacing : 0.0f;
+		nearWeight[b] = 1 / (width + 1);
 	}
 	energy = energyBuffer.data();
 	hz = hzBuffer.data();
@@ -86,11 +118,20 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 			const float *__restrict im = effect.inputImag(c);
 			float *__restrict pr = previousReal.data() + c * n;
 			float *__restrict pi = previousImag.data() + c * n;
+			float *__restrict nr = nearReal.data();
+			float *__restrict ni = nearImag.data();
+			const float *__restrict weight = nearWeight.data();
+			if (n == 0) continue;
+			smoothNearBackward(re, im, nr, ni, weight, n);
+			// The forward pass, carrying on from band 1, and the step.
+			float ar = nr[1 < n ? 1 : 0], ai = ni[1 < n ? 1 : 0];
 			for (std::size_t b = 0; b < n; ++b) {
-				sr[b] += re[b] * pr[b] + im[b] * pi[b];
-				si[b] += im[b] * pr[b] - re[b] * pi[b];
-				pr[b] = re[b];
-				pi[b] = im[b];
+				ar += (nr[b] - ar) * weight[b];
+				ai += (ni[b] - ai) * weight[b];
+				sr[b] += ar * pr[b] + ai * pi[b];
+				si[b] += ai * pr[b] - ar * pi[b];
+				pr[b] = ar;
+				pi[b] = ai;
 			}
 		}
 		const float hzPerRadian = effect.subRate / 6.2831855f;

@@ -27,9 +27,10 @@ class Peaks;
 // - peaks[0].start is 0, each peak's end is the next one's start, the last end
 //   is `bands`, and every peak holds at least one band;
 // - `energy` points at energyBuffer and `hz` at hzBuffer: each band's frequency
-//   from the phase step of its values since the last frame (not the
-//   analysis' frequency row, which trails a glide by its memory); a band with
-//   no history reads its own frequency.
+//   from the phase step since the last frame of its value smoothed with its
+//   neighbours' over a quarter of an analysis bin (not the analysis' frequency
+//   row, which trails a glide by its memory); a band with no history reads its
+//   own frequency.
 //
 // An owner's reset() zeroes energyBuffer and the peak list; update() keeps
 // only the last frame's band values across frames.
@@ -45,6 +46,8 @@ public:
 	BumpVector<float> nominalHz, rotateReal, rotateImag; // each band's own frequency and its step per frame
 	BumpVector<float> previousReal, previousImag;        // last frame's band values, channel after channel
 	BumpVector<float> stepReal, stepImag;                // working rows: phase step summed over channels
+	BumpVector<float> nearReal, nearImag;                // working rows: one channel's band values, smoothed backwards
+	BumpVector<float> nearWeight; // per band, the weight of its own value in that smoothing
 
 	// [set-up, allocates] Sizes the buffers to `bands` and reserves the peak
 	// list at bands/2 + 1, which no frame can exceed: two tops never touch.
