@@ -169,8 +169,10 @@ mkdir -p "$tree"
 echo "mutants: copying the tree to ${tree#"$root"/}"
 # Tracked and new files as they are in the working tree, nothing ignored.
 # Files deleted since the last run go too; build/ stays, for the next rebuild.
+# Every file is dated now (-m), so that make never trusts an object built
+# from an older copy; the compiler cache makes the rebuild cheap.
 find "$tree" -mindepth 1 -maxdepth 1 ! -name build ! -name node_modules -exec rm -rf {} +
-git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf - | tar -xf - -C "$tree"
+git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf - | tar -xmf - -C "$tree"
 [ -d "$root/node_modules" ] || scripts/setup-web.sh > /dev/null
 ln -sfn "$root/node_modules" "$tree/node_modules"
 
@@ -231,9 +233,11 @@ for i in "${selected[@]}"; do
 	substitute "$tree/$file" "${olds[$i]}" "${news[$i]}" apply
 	result='' by=''
 	if [ "${subsystems[$i]}" = page ]; then
+		# The bundle embeds the page: rebuilt first, or the bridge test would
+		# see the old page beside the new sources and fail for that alone.
 		page_build
-		if ! by=$(run_page); then result=killed
-		elif ! rebuild; then result='build failed'
+		if ! rebuild; then result='build failed'
+		elif ! by=$(run_page); then result=killed
 		elif ! by=$(run_ctest); then result=killed
 		fi
 	else

@@ -48,8 +48,8 @@ void SmoothedGains<float>::smoothAll(LumbrelEffect<float> &effect, const float *
 	for (; count > batch; sets += batch, count -= batch) smoothAll(effect, energy, unitGains, sets, batch);
 	const std::size_t n = effect.bands;
 	const float resolution = effect.resolution;
-	float *rows[3 * batch];
-	float widths[3 * batch];
+	float *rows[3 * batch] = {};
+	float widths[3 * batch] = {};
 	std::size_t used = 0;
 
 	for (std::size_t k = 0; k < count; ++k) {

@@ -140,7 +140,9 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 					0xae, 0x14, 0x7b, 0xfb, 0x3f, 0xd3, 0x33, 0x33, 0x33, 0x33, 0x33, 0x33};
 				const auto chance = random() % 200;
 				if (chance == 0) instance.reset();
-				if (chance == 1) ASSERT_TRUE(instance.saveState(bytes) && instance.loadState(bytes));
+				if (chance == 1) {
+					ASSERT_TRUE(instance.saveState(bytes) && instance.loadState(bytes));
+				}
 				if (chance == 2) {
 					bytes.resize(random() % 64);
 					for (auto &b : bytes) b = std::uint8_t(random());

@@ -136,7 +136,9 @@ TEST_F(HostContract, EveryValuesTextReadsBackAndBadTextIsRefused) {
 				const std::string text = instance.paramText(info.id, v);
 				double back = -1;
 				ASSERT_TRUE(instance.paramFromText(info.id, text, back)) << text;
-				if (stepped) EXPECT_EQ(back, v) << text;
+				if (stepped) {
+					EXPECT_EQ(back, v) << text;
+				}
 				EXPECT_EQ(instance.paramText(info.id, back), text);
 
 				// As users type it: any case, a blank before the unit or none.
