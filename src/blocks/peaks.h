@@ -28,7 +28,7 @@ class Peaks;
 //   is `bands`, and every peak holds at least one band;
 // - `energy` points at energyBuffer and `hz` at hzBuffer: each band's frequency
 //   from the phase step since the last frame of its value smoothed with its
-//   neighbours' over a quarter of an analysis bin (not the analysis' frequency
+//   neighbours' over 0.35 of an analysis bin (not the analysis' frequency
 //   row, which trails a glide by its memory); a band with no history reads its
 //   own frequency.
 //

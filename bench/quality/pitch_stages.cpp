@@ -1,0 +1,124 @@
+// The pitch path built from its blocks alone (Peaks, PeakShifter and its
+// gains on the engine), for taking a gap of the quality benchmark apart: one
+// frame dumped band by band between FROM_HZ and TO_HZ (what the analysis
+// hands over, what Peaks makes of it, where the shifter sends each band), and
+// the output's level and spurious components. Each stage can be changed from
+// the command line: a shift of the same number of hertz for every peak
+// ("300Hz") instead of semitones, the gain smoothing and detail boost, the
+// analysis' refinement rounds and resolution, and a pair of sines (880 Hz and
+// OTHER_HZ) instead of the 220 Hz harmonic tone.
+//
+//   lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ
+//       [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ]]]]]
+#include "blocks/lumbrel_effect.h"
+#include "blocks/peak_shifter.h"
+#include "blocks/peaks.h"
+#include "support/quality_measures.h"
+#include "support/signals.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+using namespace varkesh::lumbrel;
+
+namespace {
+
+class Shift : public LumbrelEffect<float> {
+public:
+	using LumbrelEffect::LumbrelEffect;
+	Peaks<float> peaks;
+	PeakShifter<float> shifter;
+	std::size_t frame = 0, dumpAt = 0;
+	float fromHz = 0, toHz = 0, shiftHz = 0;
+
+	void init() {
+		reserveScratch();
+		peaks.init(*this);
+		shifter.gains.init(*this);
+		std::fill(shifter.gains.gainsReal.begin(), shifter.gains.gainsReal.end(), 1.0f);
+	}
+	void onSpectrum() override {
+		peaks.update(*this, true);
+		if (shiftHz != 0) {
+			shifter.updateWithMap(*this, peaks, [this](float hz, float &to, float &) { to = hz + shiftHz; });
+		} else {
+			shifter.update(*this, peaks);
+		}
+		if (++frame == dumpAt) dump();
+		for (std::size_t o = 0; o < channelsOut; ++o) shifter.gains.addOutput(*this, o, inputReal(0), inputImag(0), 1);
+	}
+	void dump() {
+		std::vector<std::size_t> owner(bands);
+		for (std::size_t p = 0; p < peaks.peaks.size(); ++p)
+			for (std::size_t b = peaks.peaks[p].start; b < peaks.peaks[p].end; ++b) owner[b] = p;
+		std::printf("band  nominal  energy_dB  analysisHz  peaksHz  peak(top,hz)  outHz  |gain| arg\n");
+		for (std::size_t b = 0; b < bands; ++b) {
+			if (nominalHz(b) < fromHz || nominalHz(b) > toHz) continue;
+			const auto &p = peaks.peaks[owner[b]];
+			const float gr = shifter.gains.gainsReal[b], gi = shifter.gains.gainsImag[b];
+			std::printf("%4zu %8.1f %9.1f %10.1f %8.1f  %3zu(%3zu,%7.1f) %8.1f %6.3f %+.3f\n", b, nominalHz(b),
+				10 * std::log10(peaks.energy[b]), inputHz(0)[b], peaks.hz[b], owner[b], p.peakIndex, p.hz,
+				shifter.gains.hz[b], std::hypot(gr, gi), std::atan2(gi, gr));
+		}
+	}
+};
+
+} // namespace
+
+int main(int argc, char **argv) {
+	if (argc < 5) {
+		std::fprintf(stderr, "usage: lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ]]]]]\n");
+		return 2;
+	}
+	constexpr float rate = 48000;
+	LumbrelConfig config = varkesh_lumbrel_config_default();
+	if (argc > 7) config.iterations = unsigned(std::atoi(argv[7]));
+	if (argc > 8) config.resolution = float(std::atof(argv[8]));
+	Shift fx(1, 1, rate, config);
+	fx.init();
+	const std::string shift = argv[2];
+	if (shift.back() == 'z') {
+		fx.shiftHz = float(std::atof(argv[2]));
+	} else {
+		fx.shifter.semitones = float(std::atof(argv[2]));
+	}
+	if (argc > 5) fx.shifter.gains.phaseSmoothing = float(std::atof(argv[5]));
+	if (argc > 6) fx.shifter.gains.detailBoost = float(std::atof(argv[6]));
+	fx.fromHz = float(std::atof(argv[3]));
+	fx.toHz = float(std::atof(argv[4]));
+	fx.dumpAt = std::size_t(fx.subRate); // one second in
+	const std::string what = argv[1];
+	const std::size_t frames = std::size_t(2.0 * rate);
+	std::vector<float> in = what == "tone" ? lumbrel_test::harmonicTone(220, 12, rate, frames, 0.03)
+										   : lumbrel_test::sine(std::atof(argv[1]), rate, frames, 0.25);
+	if (what == "pair") {
+		in = lumbrel_test::sine(880, rate, frames, 0.03);
+		const auto other = lumbrel_test::sine(argc > 9 ? std::atof(argv[9]) : 1100, rate, frames, 0.03);
+		for (std::size_t i = 0; i < frames; ++i) in[i] += other[i];
+	}
+	std::vector<float> out(frames);
+	std::printf("bands %zu, %.1f spectra per second, resolution %.1f\n", fx.bands, fx.subRate, fx.resolution);
+	for (std::size_t at = 0; at < frames; at += 256) {
+		const float *i[1] = {in.data() + at};
+		float *o[1] = {out.data() + at};
+		fx.process(i, o, std::min<std::size_t>(256, frames - at));
+	}
+	const std::size_t from = std::size_t(1.0 * rate), length = 32768;
+	const double ratio = std::exp2(fx.shifter.semitones / 12);
+	std::vector<double> partials;
+	if (what == "pair") {
+		partials = {880 * ratio + fx.shiftHz, (argc > 9 ? std::atof(argv[9]) : 1100) * ratio + fx.shiftHz};
+	} else if (what == "tone") {
+		for (int k = 1; k <= 12; ++k) partials.push_back(220 * k * ratio + fx.shiftHz);
+	} else {
+		partials = {std::atof(argv[1]) * ratio + fx.shiftHz};
+	}
+	const auto s = lumbrel_test::toneSpectrum(out, from, length, partials, rate);
+	std::printf("level %+.3f dB, strongest spurious %.1f dB, floor %.1f dB\n",
+		lumbrel_test::dB(lumbrel_test::rms(out, from, from + length) / lumbrel_test::rms(in, from, from + length)),
+		s.strongestSpuriousDb, s.floorDb);
+	return 0;
+}
