@@ -9,7 +9,7 @@
 // OTHER_HZ) instead of the 220 Hz harmonic tone.
 //
 //   lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ
-//       [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ]]]]]
+//       [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB]]]]]]
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
@@ -70,13 +70,14 @@ public:
 
 int main(int argc, char **argv) {
 	if (argc < 5) {
-		std::fprintf(stderr, "usage: lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ]]]]]\n");
+		std::fprintf(stderr, "usage: lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB]]]]]]\n");
 		return 2;
 	}
 	constexpr float rate = 48000;
 	LumbrelConfig config = varkesh_lumbrel_config_default();
 	if (argc > 7) config.iterations = unsigned(std::atoi(argv[7]));
 	if (argc > 8) config.resolution = float(std::atof(argv[8]));
+	if (argc > 10) config.emphasis = float(std::atof(argv[10]));
 	Shift fx(1, 1, rate, config);
 	fx.init();
 	const std::string shift = argv[2];
