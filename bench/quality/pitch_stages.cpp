@@ -17,6 +17,7 @@
 #include "support/signals.h"
 
 #include <cmath>
+#include <complex>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -32,6 +33,11 @@ public:
 	Peaks<float> peaks;
 	PeakShifter<float> shifter;
 	std::size_t frame = 0, dumpAt = 0;
+	// For two sines: each band's value demodulated by each sine's phase per
+	// frame and averaged, which splits a band's content between the two.
+	double sineA = 0, sineB = 0;
+	std::vector<std::complex<double>> shareA, shareB;
+	std::size_t demodulated = 0;
 	float fromHz = 0, toHz = 0, shiftHz = 0;
 
 	void init() {
@@ -48,6 +54,19 @@ public:
 			shifter.update(*this, peaks);
 		}
 		if (++frame == dumpAt) dump();
+		if (sineB > 0 && frame > dumpAt / 2 && frame <= dumpAt) {
+			shareA.resize(bands);
+			shareB.resize(bands);
+			const double t = double(frame);
+			const std::complex<double> ua = std::polar(1.0, -2 * M_PI * sineA * t / subRate);
+			const std::complex<double> ub = std::polar(1.0, -2 * M_PI * sineB * t / subRate);
+			for (std::size_t b = 0; b < bands; ++b) {
+				const std::complex<double> x(inputReal(0)[b], inputImag(0)[b]);
+				shareA[b] += x * ua;
+				shareB[b] += x * ub;
+			}
+			++demodulated;
+		}
 		for (std::size_t o = 0; o < channelsOut; ++o) shifter.gains.addOutput(*this, o, inputReal(0), inputImag(0), 1);
 	}
 	void dump() {
@@ -100,12 +119,37 @@ int main(int argc, char **argv) {
 		const auto other = lumbrel_test::sine(argc > 9 ? std::atof(argv[9]) : 1100, rate, frames, 0.03);
 		for (std::size_t i = 0; i < frames; ++i) in[i] += other[i];
 	}
+	if (what == "pair") {
+		fx.sineA = 880;
+		fx.sineB = argc > 9 ? std::atof(argv[9]) : 1100;
+	}
 	std::vector<float> out(frames);
 	std::printf("bands %zu, %.1f spectra per second, resolution %.1f\n", fx.bands, fx.subRate, fx.resolution);
 	for (std::size_t at = 0; at < frames; at += 256) {
 		const float *i[1] = {in.data() + at};
 		float *o[1] = {out.data() + at};
 		fx.process(i, o, std::min<std::size_t>(256, frames - at));
+	}
+	if (fx.demodulated > 0) {
+		// How much of each sine lies in the bands of the other's peak: the
+		// power of its share there against its share's power in all bands.
+		const auto peakOf = [&](double hz) {
+			const std::size_t band = std::size_t(fx.nominalBand(float(hz)) + 0.5f);
+			for (const auto &p : fx.peaks.peaks)
+				if (band >= p.start && band < p.end) return p;
+			return fx.peaks.peaks.back();
+		};
+		const auto a = peakOf(fx.sineA), b = peakOf(fx.sineB);
+		double aInB = 0, aAll = 0, bInA = 0, bAll = 0;
+		for (std::size_t k = 0; k < fx.bands; ++k) {
+			const double pa = std::norm(fx.shareA[k]), pb = std::norm(fx.shareB[k]);
+			aAll += pa;
+			bAll += pb;
+			if (k >= b.start && k < b.end) aInB += pa;
+			if (k >= a.start && k < a.end) bInA += pb;
+		}
+		std::printf("share of %.0f Hz in the peak of %.0f Hz: %.1f dB; of %.0f Hz in the peak of %.0f Hz: %.1f dB\n", fx.sineA,
+			fx.sineB, 10 * std::log10(aInB / aAll + 1e-30), fx.sineB, fx.sineA, 10 * std::log10(bInA / bAll + 1e-30));
 	}
 	const std::size_t from = std::size_t(1.0 * rate), length = 32768;
 	const double ratio = std::exp2(fx.shifter.semitones / 12);
