@@ -81,7 +81,7 @@ TEST(PitchQuality, HarmonicToneHasNoStrongSpuriousComponent) {
 
 TEST(PitchQuality, SweepsHaveNoBiasAndABoundedLag) {
 	// Half an octave per second, shifted -12: a lag shows as errors of
-	// opposite sign up and down (today 2.5 cents each way, about 4 ms; it was
+	// opposite sign up and down (today 1.9 cents each way, about 3 ms; it was
 	// 22 ms with each band's frequency from its own value alone, 35 ms with
 	// the analysis' smoothed frequency).
 	double up = 0, down = 0;
