@@ -14,6 +14,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,26 @@ int main(int argc, char **argv) {
 		return 2;
 	}
 	constexpr double rate = 48000;
+	const auto isNumber = [](const char *text, double low, double high) {
+		char *end = nullptr;
+		const double value = std::strtod(text, &end);
+		return end != text && *end == 0 && value >= low && value <= high;
+	};
+	if (std::string(argv[1]) != "tone" && !isNumber(argv[1], 20, 20000)) {
+		std::fprintf(stderr, "lumbrel_pitch_probe: '%s' is neither 'tone' nor a sine's frequency from 20 to 20000 Hz\n", argv[1]);
+		return 2;
+	}
+	if (!isNumber(argv[2], -24, 24)) {
+		std::fprintf(stderr, "lumbrel_pitch_probe: '%s' is not a shift from -24 to 24 semitones\n", argv[2]);
+		return 2;
+	}
+	for (int a = 3; a < argc; ++a) {
+		const char *equals = std::strchr(argv[a], '=');
+		if (equals && !isNumber(equals + 1, -1e9, 1e9)) {
+			std::fprintf(stderr, "lumbrel_pitch_probe: '%s' has no number after '='\n", argv[a]);
+			return 2;
+		}
+	}
 	const std::string what = argv[1];
 	const double semitones = std::atof(argv[2]), ratio = std::exp2(semitones / 12);
 	std::string error;

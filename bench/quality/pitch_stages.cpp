@@ -93,6 +93,17 @@ int main(int argc, char **argv) {
 		return 2;
 	}
 	constexpr float rate = 48000;
+	for (int a = 1; a < argc; ++a) {
+		std::string text = argv[a];
+		if (a == 1 && (text == "tone" || text == "pair")) continue;
+		if (a == 2 && text.size() > 2 && text.compare(text.size() - 2, 2, "Hz") == 0) text.resize(text.size() - 2);
+		char *end = nullptr;
+		const double value = std::strtod(text.c_str(), &end);
+		if (text.empty() || *end != 0 || !std::isfinite(value) || ((a == 1 || a == 9) && !(value > 0 && value < 20000))) {
+			std::fprintf(stderr, "lumbrel_pitch_stages: argument %d, '%s', is not a number in range\n", a, argv[a]);
+			return 2;
+		}
+	}
 	LumbrelConfig config = varkesh_lumbrel_config_default();
 	if (argc > 7) config.iterations = unsigned(std::atoi(argv[7]));
 	if (argc > 8) config.resolution = float(std::atof(argv[8]));
@@ -100,7 +111,7 @@ int main(int argc, char **argv) {
 	Shift fx(1, 1, rate, config);
 	fx.init();
 	const std::string shift = argv[2];
-	if (shift.back() == 'z') {
+	if (shift.size() > 2 && shift.back() == 'z') {
 		fx.shiftHz = float(std::atof(argv[2]));
 	} else {
 		fx.shifter.semitones = float(std::atof(argv[2]));
