@@ -20,6 +20,28 @@
 
 using namespace lumbrel_test;
 
+namespace {
+
+// Local maxima of the output's spectrum outside the partials' lobes,
+// strongest first, in dB below `top`.
+void listSpurious(const std::vector<float> &out, std::size_t from, std::size_t length, const std::vector<double> &partials,
+	double top) {
+	constexpr double rate = 48000;
+	const auto spectrum = amplitudeSpectrum(out, from, length);
+	const double binHz = rate / double(length);
+	std::vector<std::pair<double, double>> found;
+	for (std::size_t k = 2; k + 2 < spectrum.size() && double(k) * binHz < 20000; ++k) {
+		bool near = false;
+		for (double p : partials) near = near || std::fabs(double(k) - p / binHz) <= 4.5;
+		if (near || spectrum[k] < spectrum[k - 1] || spectrum[k] < spectrum[k + 1]) continue;
+		found.push_back({dB(spectrum[k] / top), double(k) * binHz});
+	}
+	std::sort(found.rbegin(), found.rend());
+	for (std::size_t i = 0; i < found.size() && i < 8; ++i) std::printf("  spurious %.1f dB at %.1f Hz\n", found[i].first, found[i].second);
+}
+
+} // namespace
+
 int main(int argc, char **argv) {
 	if (argc < 3) {
 		std::fprintf(stderr, "usage: lumbrel_pitch_probe tone|SINE_HZ SEMITONES [group/key=VALUE ...]\n");
@@ -86,18 +108,7 @@ int main(int argc, char **argv) {
 		std::printf("partials, dB re input:");
 		for (double a : s.partialAmplitude) std::printf(" %+.2f", dB(a / 0.03));
 		std::printf("\n");
-		// Local maxima of the spectrum outside the partials' lobes, strongest first.
-		const auto spectrum = amplitudeSpectrum(out, from, length);
-		const double binHz = rate / double(length);
-		std::vector<std::pair<double, double>> found;
-		for (std::size_t k = 2; k + 2 < spectrum.size() && k * binHz < 20000; ++k) {
-			bool near = false;
-			for (double p : partials) near = near || std::fabs(double(k) - p / binHz) <= 4.5;
-			if (near || spectrum[k] < spectrum[k - 1] || spectrum[k] < spectrum[k + 1]) continue;
-			found.push_back({dB(spectrum[k] / top), double(k) * binHz});
-		}
-		std::sort(found.rbegin(), found.rend());
-		for (std::size_t i = 0; i < found.size() && i < 8; ++i) std::printf("  spurious %.1f dB at %.1f Hz\n", found[i].first, found[i].second);
+		listSpurious(out, from, length, partials, top);
 	} else {
 		const double hz = std::atof(what.c_str());
 		const std::size_t frames = std::size_t(2.0 * rate);
@@ -112,6 +123,9 @@ int main(int argc, char **argv) {
 		(void)delay;
 		std::printf("sine %g Hz %+g: level %+.3f dB, wander %.2f dB p-p, %.2f cents rms\n", hz, semitones,
 			dB(track.meanAmplitude() / 0.25), track.levelWanderDb(), track.centsRms());
+		const std::size_t from = std::size_t(1.0 * rate), length = 32768;
+		const std::vector<double> partials = {hz * ratio};
+		listSpurious(out, from, length, partials, toneSpectrum(out, from, length, partials, rate).partialAmplitude[0]);
 	}
 	return 0;
 }
