@@ -1,13 +1,8 @@
-// The editor page against the real plug-ins: every plug-in of the built
-// bundle, run on a test signal by lumbrel-editor-host and shown in headless
-// Chromium through tools/bridge/editor-bridge.mjs. The page is the one the
-// bundle embeds. What the page draws is checked against the plug-in's CLAP
-// side (params_get_value, value_to_text), and so is what its controls do.
-//
-// Needs the C++ build ($LUMBREL_BUILD_DIR, default build/); without it the
-// tests are skipped, except under CI, where that is a failure.
-// LUMBREL_CHROMIUM overrides the browser (default /usr/bin/chromium);
-// screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
+// Every plug-in of the built bundle ($LUMBREL_BUILD_DIR, default build/; skipped
+// without it, except under CI), run by lumbrel-editor-host, its embedded page in
+// headless Chromium ($LUMBREL_CHROMIUM) through tools/bridge/editor-bridge.mjs: what the
+// page draws and what its controls do, checked against the plug-in's CLAP side.
+// Screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
 import { test, describe, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
@@ -31,8 +26,6 @@ if (noBuild && process.env.CI) throw new Error(noBuild);
 const only = process.env.LUMBREL_BRIDGE_PLUGINS?.split(',').filter(Boolean);
 const allPlugins = noBuild ? [] : listPlugins();
 const plugins = only ? allPlugins.filter((p) => only.includes(p.id.slice(p.id.lastIndexOf('.') + 1))) : allPlugins;
-
-// --------------------------------------------------------------- helpers
 
 /** A parameter's id as a host sees it: CRC-32 of each key followed by a zero byte. */
 function keyPathId(keys) {
@@ -94,22 +87,6 @@ const plotInk = (page) => page.$$eval('.plot canvas', (canvases) => canvases.map
   return { cls: c.className, width: c.width, height: c.height, lit, sum };
 }));
 
-/** A page opened with `?compact&columns`: both classes, the small font, controls in a column, no header. */
-async function assertCompactColumns(page) {
-  const style = await page.evaluate(() => ({
-    classes: Array.from(document.documentElement.classList),
-    rootFont: getComputedStyle(document.documentElement).fontSize,
-    body: getComputedStyle(document.body).flexDirection,
-    params: getComputedStyle(document.getElementById('params')).flexDirection,
-    header: getComputedStyle(document.getElementById('header')).display,
-  }));
-  assert.ok(style.classes.includes('compact') && style.classes.includes('columns'), style.classes.join(' '));
-  assert.equal(style.rootFont, '12px'); // 9pt
-  assert.equal(style.body, 'row');
-  assert.equal(style.params, 'column');
-  assert.equal(style.header, 'none');
-}
-
 // Debian's Chromium, headless, in a throw-away profile.
 let context;
 let profile;
@@ -133,8 +110,6 @@ after(async () => {
   if (profile) rmSync(profile, { recursive: true, force: true });
 });
 
-// ------------------------------------------- the bridge without a browser
-
 describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   let bridge;
   const origin = () => `http://127.0.0.1:${bridge.port}`;
@@ -151,15 +126,9 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     return socket;
   }
 
-  test('lists the ten plug-ins of the bundle', () => {
+  test('serves the page files that the bundle embeds, byte for byte, with their media types, to this machine only', async () => {
     assert.equal(allPlugins.length, 10);
-    assert.equal(allPlugins[0].id, 'varkesh.lumbrel.pitch-shifter-layer1');
-    assert.equal(allPlugins[9].id, 'varkesh.lumbrel.shepard-drop');
-    assert.equal(bridge.plugin.id, allPlugins[0].id);
     assert.equal(bridge.plugin.uri, '/index.html');
-  });
-
-  test('serves the page files that the bundle embeds, byte for byte, with their media types', async () => {
     const pageDir = join(repoDir, 'src', 'web', 'page');
     for (const [path, type] of [['/index.html', 'text/html;charset=utf-8'],
       ['/cbor.min.js', 'text/javascript;charset=utf-8'], ['/zelmar-bundle.min.js', 'text/javascript;charset=utf-8']]) {
@@ -175,7 +144,6 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     const root = await fetch(origin() + '/', { redirect: 'manual' });
     assert.equal(root.status, 302);
     assert.equal(root.headers.get('location'), `/index.html?ws=${bridge.port}`);
-    // Only this machine's names reach the plug-in.
     const status = (host) => new Promise((r, j) => {
       request({ host: '127.0.0.1', port: bridge.port, path: '/index.html', headers: { Host: host } }, (response) => {
         response.resume();
@@ -184,12 +152,9 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     });
     assert.equal(await status('example.com'), 403);
     assert.equal(await status(`localhost:${bridge.port}`), 200);
-  });
-
-  test('refuses a WebSocket from a page of another origin', async () => {
     const socket = new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: 'http://example.com' });
     const error = await new Promise((r) => { socket.once('error', r); socket.once('open', () => r(null)); });
-    assert.ok(error, 'the connection was refused');
+    assert.ok(error, 'a WebSocket from a page of another origin is refused');
     socket.terminate();
   });
 
@@ -221,8 +186,6 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   });
 });
 
-// --------------------------------------------------- each plug-in's editor
-
 for (const { id, name } of plugins) {
   describe(`the editor of ${name}`, { timeout: TIMEOUT * 6 }, () => {
     let bridge;
@@ -253,13 +216,14 @@ for (const { id, name } of plugins) {
       const { text } = await bridge.value(params[index].id);
       await until(() => shown(index), (s) => squeeze(s) === squeeze(text), `${params[index].name} never showed "${text}"`);
     }
-    /** Parameter events the plug-in sent the host for `paramId`, until one of type `last` came. */
+    /** Parameter events the plug-in sent the host for `paramId`, until one is `last` (a type or a test). */
     async function eventsUntil(paramId, last) {
       const events = [];
+      const done = typeof last === 'string' ? (x) => x.type === last : last;
       await until(async () => {
         events.push(...(await bridge.paramEvents()).filter((e) => e.id === paramId));
         return events;
-      }, (e) => e.some((x) => x.type === last), `no "${last}" event for ${paramId}`);
+      }, (e) => e.some(done), `no "${last}" event for ${paramId}`);
       return events;
     }
 
@@ -295,13 +259,9 @@ for (const { id, name } of plugins) {
       await page.waitForSelector('.plot canvas.plot-data');
       await sleep(400);
       await page.screenshot({ path: file('') });
-      await page.setViewportSize({ width: 800, height: 600 });
-      await sleep(400);
-      // The rest works at this size: at 500x300 the plot can cover controls.
-      await page.screenshot({ path: file('-800x600') });
-    });
+      await page.setViewportSize({ width: 800, height: 600 }); // at 500x300 the plot can cover controls
 
-    test('the spectrum plot draws, and moves with the test signal', async () => {
+      // The spectrum plot draws, and moves with the test signal.
       await bridge.waitFor((m) => Array.isArray(m) && m[0] === 'meters' && m[2] === 0.3);
       await sleep(300);
       const first = await plotInk(page);
@@ -407,12 +367,8 @@ for (const { id, name } of plugins) {
       const value = async () => (await bridge.value(param.id)).value;
       const classOf = async (button) => (await label.locator(`button.${button}`).getAttribute('class')) || '';
       async function press(button, expected) {
-        const events = [];
         await label.locator(`button.${button}`).click();
-        await until(async () => {
-          events.push(...(await bridge.paramEvents()).filter((e) => e.id === param.id));
-          return events;
-        }, (e) => e.some((x) => x.type === 'value' && x.value === expected), `no value event ${expected}`);
+        await eventsUntil(param.id, (x) => x.type === 'value' && x.value === expected);
         assert.equal(await value(), expected);
         await showsPluginText(index);
         // A button at the end of the range is marked.
@@ -430,13 +386,14 @@ for (const { id, name } of plugins) {
       }
     });
 
-    test('?compact&columns sets both classes and their styles', async () => {
+    test('?compact&columns: both classes, a 9pt font, controls in a column, no header', async () => {
       await page.setViewportSize({ width: 500, height: 300 });
       await open('&compact&columns');
-      await assertCompactColumns(page);
+      const style = await page.evaluate(() => [document.documentElement.matches('.compact.columns'),
+        ...[document.documentElement, document.body, document.getElementById('params'), document.getElementById('header')]
+          .map((e, i) => getComputedStyle(e)[['fontSize', 'flexDirection', 'flexDirection', 'display'][i]])]);
+      assert.deepEqual(style, [true, '12px', 'row', 'column', 'none']);
       assert.equal((await drawnControls(page)).length, params.length);
-      await page.waitForSelector('.plot canvas.plot-data');
-      await sleep(400);
       await page.screenshot({ path: file('-compact-columns') });
     });
   });
