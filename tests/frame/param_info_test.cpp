@@ -58,83 +58,60 @@ TEST(RangeParamInfoPosition, CurvePassesThroughLowMidHighAndInverts) {
 }
 
 TEST(RangeParamInfoText, RoundingBranchesAndTrailingZeros) {
-	EXPECT_EQ(withUnit("", 0).toString(2.54), "2"); // truncates after the 0.45 nudge
-	EXPECT_EQ(withUnit("", 0).toString(2.55), "3");
-	EXPECT_EQ(withUnit("", 0).toString(-2.54), "-2");
-	EXPECT_EQ(withUnit("", 0).toString(100), "100");
-	EXPECT_EQ(withUnit("", 1).toString(2.004), "2"); // 2.049 -> "2.0" -> "2"
-	EXPECT_EQ(withUnit("", 1).toString(2.01), "2.1"); // 2.055 rounds up
-	EXPECT_EQ(withUnit("", 2).toString(1.5), "1.5");
-	EXPECT_EQ(withUnit("", 2).toString(-0.0), "-0"); // the nudge keeps the sign
+	// Truncated after a 0.45 nudge with no decimals; rounded, trailing zeros dropped, with some.
+	const struct {
+		int precision;
+		double value;
+		const char *text;
+	} cases[] = {{0, 2.54, "2"}, {0, 2.55, "3"}, {0, -2.54, "-2"}, {0, 100, "100"}, {1, 2.004, "2"}, {1, 2.01, "2.1"},
+		{2, 1.5, "1.5"}, {2, -0.0, "-0"}};
+	for (const auto &c : cases) EXPECT_EQ(withUnit("", c.precision).toString(c.value), c.text) << c.value;
 	RangeParamInfo keep(1);
 	keep.unit("", 2, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 1, 0);
 	EXPECT_EQ(keep.toString(1.5), "1.50");
 }
 
-TEST(RangeParamInfoText, SuffixSpacingAndUnitChoice) {
+TEST(RangeParamInfoText, SuffixSpacingUnitChoiceAndExactValues) {
 	RangeParamInfo spaced = withUnit(" ms", 1);
 	EXPECT_EQ(spaced.units[0].suffix, "ms");
-	EXPECT_EQ(spaced.toString(10), "10 ms");
-	EXPECT_EQ(withUnit("ms", 1).toString(10), "10ms");
 	std::string number, suffix;
 	spaced.toString(7.25, number, suffix);
-	EXPECT_EQ(number, "7.3");
-	EXPECT_EQ(suffix, "ms");
-
-	// Unit ranges are inclusive at both ends; outside all of them the first unit is used.
-	RangeParamInfo ranged(1);
-	ranged.unit("a", 0, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 0, 1)
-		.unit("b", 0, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 1, 2);
-	EXPECT_EQ(ranged.toString(0), "0a");
-	EXPECT_EQ(ranged.toString(1), "1a");
-	EXPECT_EQ(ranged.toString(2), "2b");
-	EXPECT_EQ(ranged.toString(5), "5a");
-
-	// The detune declaration: the first unit spans all doubles and always wins.
+	EXPECT_EQ(number + "|" + suffix, "7.3|ms");
+	// Unit ranges are inclusive at both ends; outside all of them the first
+	// unit is used; a first unit spanning all doubles always wins.
 	auto id = RangeParamInfo::identityMap;
-	RangeParamInfo detune(1.5);
+	RangeParamInfo ranged(1), detune(1.5), exact = withUnit(" dB", 1);
+	ranged.unit("a", 0, id, id, 0, 1).unit("b", 0, id, id, 1, 2);
 	detune.unit("%", 2).unit("%", 1, id, id, 4, 10).unit("%", 0, id, id, 10, 1e100);
-	EXPECT_EQ(detune.toString(12.34), "12.34%");
-	EXPECT_EQ(detune.toString(5.55), "5.55%");
-
-	// Exact values come first, in order, with no suffix; no unit at all gives "%f".
-	RangeParamInfo exact = withUnit(" dB", 1);
+	// Exact values come first, in order, with no suffix.
 	exact.exactValues = {{0, "off"}, {0, "silent"}};
+	const std::pair<std::string, std::string> texts[] = {{spaced.toString(10), "10 ms"}, {withUnit("ms", 1).toString(10), "10ms"},
+		{ranged.toString(0), "0a"}, {ranged.toString(1), "1a"}, {ranged.toString(2), "2b"}, {ranged.toString(5), "5a"},
+		{detune.toString(12.34), "12.34%"}, {detune.toString(5.55), "5.55%"}, {exact.toString(0), "off"},
+		{RangeParamInfo().toString(1.5), "1.500000"}};
+	for (const auto &[text, expected] : texts) EXPECT_EQ(text, expected);
 	exact.toString(0, number, suffix);
-	EXPECT_EQ(number, "off");
-	EXPECT_EQ(suffix, "");
-	EXPECT_EQ(exact.toString(0), "off");
-	EXPECT_EQ(RangeParamInfo().toString(1.5), "1.500000");
+	EXPECT_EQ(number + "|" + suffix, "off|");
 }
 
 TEST(RangeParamInfoText, FromStringEdgeCases) {
-	RangeParamInfo db = withUnit("dB", 1), spacedDb = withUnit(" dB", 1);
-	EXPECT_EQ(db.fromString("  -3.5 dB\t"), -3.5);
-	EXPECT_EQ(spacedDb.fromString("  -3.5 dB\t"), -3.5);
-	EXPECT_EQ(db.fromString("1,5 dB"), 1); // the conversion stops at the comma
-	RangeParamInfo ms(7);
+	RangeParamInfo db = withUnit("dB", 1), spacedDb = withUnit(" dB", 1), ms(7), hz(440), exact(-1);
 	ms.unit(" ms", 0);
-	EXPECT_EQ(ms.fromString("abc"), 7);
-	EXPECT_EQ(ms.fromString("5 sec"), 5); // unknown unit: the number as it stands
-	EXPECT_EQ(ms.fromString("."), 7);
-	EXPECT_EQ(ms.fromString("-"), 7);
-
 	// A matching unit converts, the first match in declaration order.
-	RangeParamInfo hz(440);
 	hz.unit("Hz", 0)
 		.unit("kHz", 2, [](double k) { return k * 1000; }, [](double v) { return v / 1000; })
 		.unit("kHz", 2, [](double k) { return -k; });
-	EXPECT_EQ(hz.fromString("2.5 kHz"), 2500);
-	EXPECT_EQ(hz.fromString("300 Hz"), 300);
-
 	// Without a digit: longest common prefix with an exact value, first on a tie.
-	RangeParamInfo exact(-1);
 	exact.exactValues = {{0, "off"}, {1, "octave"}, {2, "on"}};
-	EXPECT_EQ(exact.fromString("of"), 0);
-	EXPECT_EQ(exact.fromString("oct"), 1);
-	EXPECT_EQ(exact.fromString("o"), 0);
-	EXPECT_EQ(exact.fromString(" off"), -1); // no blank skipping here
-	EXPECT_EQ(exact.fromString("x"), -1);
+	const struct {
+		const RangeParamInfo &info;
+		const char *text;
+		double value;
+	} cases[] = {{db, "  -3.5 dB\t", -3.5}, {spacedDb, "  -3.5 dB\t", -3.5}, {db, "1,5 dB", 1} /* stops at the comma */,
+		{ms, "abc", 7}, {ms, "5 sec", 5} /* unknown unit: the number as it stands */, {ms, ".", 7}, {ms, "-", 7},
+		{hz, "2.5 kHz", 2500}, {hz, "300 Hz", 300}, {exact, "of", 0}, {exact, "oct", 1}, {exact, "o", 0},
+		{exact, " off", -1} /* no blank skipping here */, {exact, "x", -1}};
+	for (const auto &c : cases) EXPECT_EQ(c.info.fromString(c.text), c.value) << c.text;
 }
 
 // Text shown to the user reads back to within one step of the last digit.
@@ -159,46 +136,27 @@ TEST(RangeParamInfoText, EffectDeclarationsRoundTripThroughText) {
 	}
 }
 
-TEST(SteppedParamInfo, LabelsWidenTheRange) {
-	SteppedParamInfo channels(1);
+TEST(SteppedParamInfo, LabelsWidenTheRangeAndTextsReadBack) {
+	SteppedParamInfo channels(1), reversed(2), repeated(0), onOff(0), iterations(2), semitones(0);
 	EXPECT_EQ(channels.info("channels").labelsFrom(0).label("mono", "full").low, 0);
 	EXPECT_EQ(channels.high, 1);
 	EXPECT_EQ(channels.name, "channels");
-	EXPECT_EQ(channels.toString(1), "full");
-	EXPECT_EQ(channels.toString(7), "7");
-
-	// A reversed range stays reversed while it grows.
-	SteppedParamInfo reversed(2);
-	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d");
+	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d"); // stays reversed while it grows
 	EXPECT_EQ(reversed.low, 2);
 	EXPECT_EQ(reversed.high, -1);
-
-	// A repeated text reads back as the later value.
-	SteppedParamInfo repeated(0);
-	repeated.labelsFrom(0).label("x", "y", "x");
-	EXPECT_EQ(repeated.fromString("x"), 2);
-	EXPECT_EQ(repeated.toString(0), "x");
-}
-
-TEST(SteppedParamInfo, FromStringTakesLabelsOrNumbersWithATail) {
-	SteppedParamInfo onOff(0);
+	repeated.labelsFrom(0).label("x", "y", "x"); // a repeated text reads back as the later value
 	onOff.labelsFrom(0).label("off", "on");
-	EXPECT_EQ(onOff.fromString("on"), 1);
-	EXPECT_EQ(onOff.fromString("1"), 0); // bare digits are no value
-	EXPECT_EQ(onOff.fromString("1x"), 1);
-	EXPECT_EQ(onOff.fromString("9x"), 1); // clamped
-	EXPECT_EQ(onOff.fromString("-4x"), 0);
-
-	SteppedParamInfo iterations(2);
 	iterations.labelsFrom(0).label("1", "2", "4", "8");
-	EXPECT_EQ(iterations.fromString("4"), 2);
-	EXPECT_EQ(iterations.fromString("3"), 2);
-
-	SteppedParamInfo semitones(0);
 	semitones.range(-24, 24).labelsFrom(0).label("none");
-	EXPECT_EQ(semitones.toString(0), "none");
-	EXPECT_EQ(semitones.toString(-5), "-5");
-	EXPECT_EQ(semitones.fromString("-5"), 0);
-	EXPECT_EQ(semitones.fromString("-5 st"), -5);
-	EXPECT_EQ(semitones.fromString("30 st"), 24);
+	const std::pair<std::string, std::string> texts[] = {{channels.toString(1), "full"}, {channels.toString(7), "7"},
+		{repeated.toString(0), "x"}, {semitones.toString(0), "none"}, {semitones.toString(-5), "-5"}};
+	for (const auto &[text, expected] : texts) EXPECT_EQ(text, expected);
+	// Labels, or numbers with a tail (bare digits are no value), clamped to the range.
+	const struct {
+		const SteppedParamInfo &info;
+		const char *text;
+		int value;
+	} cases[] = {{repeated, "x", 2}, {onOff, "on", 1}, {onOff, "1", 0}, {onOff, "1x", 1}, {onOff, "9x", 1}, {onOff, "-4x", 0},
+		{iterations, "4", 2}, {iterations, "3", 2}, {semitones, "-5", 0}, {semitones, "-5 st", -5}, {semitones, "30 st", 24}};
+	for (const auto &c : cases) EXPECT_EQ(c.info.fromString(c.text), c.value) << c.text;
 }

@@ -10,10 +10,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstring>
 #include <limits>
-#include <string>
 #include <vector>
 
 using varkesh::cbor::CborType;
@@ -39,10 +37,9 @@ std::vector<unsigned char> written(Fn &&fn) {
 	return bytes;
 }
 
-// Examples of RFC 8949 Appendix A without floats, every head size and major
-// type among them: the walker shows the RFC's diagnostic notation, next()
-// ends exactly after the item, and the writer copies it byte for byte (each
-// is already in the shortest form).
+// RFC 8949 Appendix A without floats: the walker shows the diagnostic
+// notation, next() ends right after the item, and the writer copies it byte
+// for byte (each is in the shortest form).
 TEST(Cbor, RfcExamplesReadAndRewriteExactly) {
 	const struct {
 		const char *hex, *diagnostic;
@@ -66,11 +63,8 @@ TEST(Cbor, RfcExamplesReadAndRewriteExactly) {
 		const auto bytes = hexBytes(e.hex);
 		EXPECT_EQ(diagnostic(bytes), e.diagnostic);
 		EXPECT_EQ(walkerOn(bytes).next().begin, bytes.data() + bytes.size());
-		if (e.diagnostic[0] != '[' || e.diagnostic[1] != 's') {
-			bool ok = false;
-			EXPECT_EQ(lumbrel_test::reencoded(bytes, &ok), bytes);
-			EXPECT_TRUE(ok);
-		}
+		bool ok = false;
+		EXPECT_TRUE(e.diagnostic[1] == 's' || (lumbrel_test::reencoded(bytes, &ok) == bytes && ok)) << "rewritten";
 	}
 }
 
@@ -99,22 +93,18 @@ TEST(Cbor, NumbersReadAsIntegersAndDoubles) {
 		{"c1 01", CborType::Tag, 1, 0.0},
 	};
 	for (const auto &c : cases) {
-		SCOPED_TRACE(c.hex);
 		const auto bytes = hexBytes(c.hex);
 		const CborWalker w = walkerOn(bytes);
-		EXPECT_EQ(w.type, c.type);
-		EXPECT_EQ(w.asInteger(), c.asInteger);
-		EXPECT_EQ(w.asDouble(), c.asDouble);
+		EXPECT_TRUE(w.type == c.type && w.asInteger() == c.asInteger && w.asDouble() == c.asDouble) << c.hex;
 	}
-	EXPECT_TRUE(std::isnan(walkerOn(hexBytes("fa7fc00000")).asDouble()));
-	EXPECT_EQ(walkerOn(hexBytes("fa7fc00000")).asInteger(), 0);
+	const auto nan = hexBytes("fa7fc00000");
+	EXPECT_TRUE(std::isnan(walkerOn(nan).asDouble()) && walkerOn(nan).asInteger() == 0);
 	EXPECT_EQ(walkerOn(hexBytes("fa47c35000")).value, 0x47c35000u) << "the raw bits stay in value";
 }
 
 // A hostile or broken buffer ends in the stated error without reading outside
-// it (the sanitizer build checks that). `diagnostic` shows where the walks
-// stop; `next` is what next() gives, "0" standing for the item after a walk
-// that succeeds.
+// it (the sanitizer build checks that): where the walks stop, and what next()
+// gives ("0": the item after a walk that succeeds).
 TEST(Cbor, MalformedInputEndsInTheRightError) {
 	const struct {
 		const char *hex, *diagnostic, *next;
@@ -136,10 +126,8 @@ TEST(Cbor, MalformedInputEndsInTheRightError) {
 		{"82 1c 01", "[] error(28)", "error(28)"}, // an error inside ends the walk
 	};
 	for (const auto &c : cases) {
-		SCOPED_TRACE(c.hex);
 		const auto bytes = hexBytes(c.hex);
-		EXPECT_EQ(diagnostic(bytes), c.diagnostic);
-		EXPECT_EQ(diagnostic(walkerOn(bytes).next()), c.next);
+		EXPECT_EQ(diagnostic(bytes) + " / " + diagnostic(walkerOn(bytes).next()), std::string(c.diagnostic) + " / " + c.next) << c.hex;
 	}
 	// A cut-off item reports the innermost head that is cut.
 	const auto cut = hexBytes("9f 01 9f 02");
@@ -148,8 +136,7 @@ TEST(Cbor, MalformedInputEndsInTheRightError) {
 			  cborError::notContainer);
 }
 
-// Nesting is bounded so that next() can't exhaust the stack; tag chains are
-// walked without recursion.
+// Nesting is bounded so that next() can't exhaust the stack; tag chains are walked without recursion.
 TEST(Cbor, DeepNestingAndLongTagChainsEnd) {
 	for (unsigned char head : {0x81, 0x9f, 0xa1}) {
 		SCOPED_TRACE(int(head));
@@ -189,8 +176,7 @@ std::vector<unsigned char> typedArray(unsigned tag, std::size_t elementSize, con
 		for (std::size_t i = 0; i + elementSize <= elements.size(); i += elementSize)
 			std::reverse(elements.begin() + i, elements.begin() + i + elementSize);
 	}
-	std::vector<unsigned char> bytes = {0xd8, static_cast<unsigned char>(tag), static_cast<unsigned char>(0x58)};
-	bytes.push_back(static_cast<unsigned char>(elements.size()));
+	std::vector<unsigned char> bytes = {0xd8, static_cast<unsigned char>(tag), 0x58, static_cast<unsigned char>(elements.size())};
 	bytes.insert(bytes.end(), elements.begin(), elements.end());
 	return bytes;
 }
@@ -238,12 +224,10 @@ TEST(Cbor, TypedArraysOfEveryKindInBothByteOrders) {
 	};
 	for (const auto &c : cases) {
 		for (unsigned tag : {c.tag, c.tag | 4}) {
-			SCOPED_TRACE(tag);
 			std::vector<double> values(c.expected.size() + 1, -7.0);
-			EXPECT_EQ(taggedOn(typedArray(tag, c.elementSize, c.bigEndianHex)).readTypedArray(values, 0, values.size()),
-					  c.expected.size());
+			EXPECT_EQ(taggedOn(typedArray(tag, c.elementSize, c.bigEndianHex)).readTypedArray(values, 0, values.size()), c.expected.size());
 			values.pop_back();
-			EXPECT_EQ(values, c.expected);
+			EXPECT_EQ(values, c.expected) << tag;
 		}
 	}
 	std::vector<std::int32_t> saturated(5); // NaN, 1e10, -1e10, 2.9, -2.9

@@ -38,9 +38,8 @@ struct Knob {
 };
 
 // Dirty sets know objects by address, and a first member shares its
-// object's address. The group's first member is its name, a text of the kind
-// a partial write leaves out even when its address is marked; the root starts
-// with an untracked byte.
+// object's address: the group's is its name, a text a partial write leaves out
+// even when its address is marked. The root starts with an untracked byte.
 struct Group {
 	std::string name = "Group";
 	int mode = 2;
@@ -74,9 +73,7 @@ struct Root {
 	}
 	int uiCalls = 0;
 	template<class S>
-	void uiState(S &) {
-		++uiCalls;
-	}
+	void uiState(S &) { ++uiCalls; }
 };
 
 std::vector<unsigned char> write(Root &root, DirtySet *dirty = nullptr, bool ui = false) {
@@ -92,6 +89,7 @@ bool read(Root &root, const std::vector<unsigned char> &bytes, DirtySet *dirty =
 }
 
 std::string diag(const std::vector<unsigned char> &bytes) { return lumbrel_test::diagnostic(bytes); }
+using lumbrel_test::hexBytes;
 
 } // namespace
 
@@ -123,20 +121,15 @@ TEST(ObjectStorage, MergeMarksChangedBranchesAndPartialWriteNamesOnlyThem) {
 	Root root;
 	DirtySet dirty;
 	// The page sends a merge naming one parameter and an unchanged one.
-	const auto merge = lumbrel_test::hexBytes(
+	const auto merge = hexBytes(
 		"a2 65 67726f7570 a1 64 6761696e a1 6576616c7565 fb 3ff0000000000000" // group.gain.value = 1.0
 		"   65 6c6576656c a1 6576616c7565 01"); // level.value = 1 (unchanged, as an integer)
 	ASSERT_TRUE(read(root, merge, &dirty));
 	EXPECT_EQ(root.group.gain.value, 1.0);
-	EXPECT_TRUE(dirty.whole.count(&root.group.gain));
-	EXPECT_TRUE(dirty.partial.count(&root.group));
-	EXPECT_TRUE(dirty.partial.count(&root));
+	EXPECT_TRUE(dirty.whole.count(&root.group.gain) && dirty.partial.count(&root.group) && dirty.partial.count(&root));
 	EXPECT_FALSE(dirty.includes(&root.level));
-
-	// Only the changed branch, the parameter whole; no extras.
+	// Only the changed branch, the parameter whole; no extras. Nothing dirty: an empty map all the same.
 	EXPECT_EQ(diag(write(root, &dirty)), "{_ \"group\": {_ \"gain\": {_ \"value\": 1.0}}}");
-
-	// Nothing dirty: an empty map all the same.
 	DirtySet none;
 	EXPECT_EQ(diag(write(root, &none)), "{_ }");
 }
@@ -145,12 +138,12 @@ TEST(ObjectStorage, RowsPatchByIndex) {
 	Root root;
 	DirtySet dirty;
 	// Element 0 of "curve" overwritten, "2" appended; "5" is past the end and skipped.
-	ASSERT_TRUE(read(root, lumbrel_test::hexBytes("a1 65 67726f7570 a1 65 6375727665 a3 6130 f9 3e00 00 fa 3fc00000 61 35 01"), &dirty));
+	ASSERT_TRUE(read(root, hexBytes("a1 65 67726f7570 a1 65 6375727665 a3 6130 f9 3e00 00 fa 3fc00000 61 35 01"), &dirty));
 	// "0" and 0 name the same element, the later pair winning.
 	EXPECT_EQ(root.group.curve, (std::vector<float>{1.5f, 2}));
 
 	root.group.curve = {1, 2};
-	ASSERT_TRUE(read(root, lumbrel_test::hexBytes("a1 65 67726f7570 a1 65 6375727665 a2 6130 fa 3fc00000 6132 fa 40400000"), &dirty));
+	ASSERT_TRUE(read(root, hexBytes("a1 65 67726f7570 a1 65 6375727665 a2 6130 fa 3fc00000 6132 fa 40400000"), &dirty));
 	EXPECT_EQ(root.group.curve, (std::vector<float>{1.5f, 2, 3}));
 	EXPECT_TRUE(dirty.partial.count(&root.group.curve));
 
@@ -164,18 +157,14 @@ TEST(ObjectStorage, RowsPatchByIndex) {
 
 TEST(ObjectStorage, LaterPairsWinAndForeignItemsAreSkipped) {
 	Root root;
-	ASSERT_TRUE(read(root, lumbrel_test::hexBytes(
+	ASSERT_TRUE(read(root, hexBytes(
 		"a5 65 6c6576656c a2 6576616c7565 fb 3fe0000000000000 6576616c7565 fb 3fe6666666666666" // level: 0.5 then 0.7
 		"   01 63 616263" // integer key: skipped
 		"   65 67726f7570 01" // not a map where an object stands: skipped
 		"   64 666c6167 f4" // flag false
 		"   63 7a7a7a 80"))); // unknown key
-	EXPECT_EQ(root.level.value, 0.7);
-	EXPECT_EQ(root.group.gain.value, 0.5);
-	EXPECT_FALSE(root.flag);
-
-	// Not a map at all: nothing read.
-	EXPECT_FALSE(read(root, lumbrel_test::hexBytes("83 01 02 03")));
+	EXPECT_TRUE(root.level.value == 0.7 && root.group.gain.value == 0.5 && !root.flag);
+	EXPECT_FALSE(read(root, hexBytes("83 01 02 03"))) << "not a map at all: nothing read";
 	EXPECT_FALSE(read(root, {}));
 }
 
@@ -191,8 +180,7 @@ TEST(ObjectStorage, DamagedInputLeavesAnObjectThatRoundTrips) {
 		Root root;
 		DirtySet dirty;
 		read(root, bytes, &dirty);
-		// Whatever was taken in is a consistent object: it survives its own
-		// round trip, and a good state over it restores the reference.
+		// What was taken in survives its own round trip; a good state over it restores the reference.
 		const auto taken = write(root);
 		Root again;
 		read(again, taken);

@@ -1,6 +1,5 @@
-// The page link through clap.webview/3 and clap.state, the way a host that
-// shows the page itself drives it: messages in through `receive`, out through
-// the host's `send`.
+// The page link through clap.webview/3 and clap.state, as a host that shows
+// the page itself drives it: messages in through `receive`, out through `send`.
 #include "host/bundle.h"
 #include "host/events.h"
 #include "host/host.h"
@@ -35,8 +34,20 @@ protected:
 		ASSERT_NE(webview, nullptr);
 	}
 
-	void receive(const std::vector<unsigned char> &bytes) {
+	void receive(const char *hex) {
+		const auto bytes = hexBytes(hex);
 		ASSERT_TRUE(webview->receive(instance->clapPlugin(), bytes.data(), std::uint32_t(bytes.size())));
+	}
+	void ready(double sampleRate = 48000, std::uint32_t maxFrames = 256) {
+		ASSERT_TRUE(instance->activate(sampleRate, 1, maxFrames));
+		receive("65 7265616479"); // "ready"
+		sent();
+	}
+	double position(Instance &of) {
+		double value = 0;
+		clap_param_info info{};
+		EXPECT_TRUE(of.paramInfo(1, info) && of.paramValue(info.id, value));
+		return value;
 	}
 	std::vector<std::string> sent() {
 		std::vector<std::string> texts;
@@ -53,6 +64,12 @@ protected:
 		InputEvents events;
 		OutputEvents out;
 		block(frames, events, out);
+	}
+	// Parameter events of these types in this order, and nothing else.
+	void expectTypes(const OutputEvents &out, std::initializer_list<std::uint16_t> types) {
+		ASSERT_EQ(out.pushed.size(), types.size());
+		std::size_t i = 0;
+		for (auto type : types) EXPECT_EQ(out.header(i++).type, type);
 	}
 
 	Host host;
@@ -72,22 +89,21 @@ const char *wholeState =
 } // namespace
 
 TEST_F(WebBridge, ReadyGetsTheWholeStateOnce) {
-	receive(hexBytes("65 7265616479")); // "ready"
+	receive("65 7265616479"); // "ready"
 	EXPECT_EQ(sent(), std::vector<std::string>{wholeState});
-	receive(hexBytes("81 65 7265616479")); // ["ready"]
+	receive("81 65 7265616479"); // ["ready"]
 	EXPECT_EQ(sent(), std::vector<std::string>{wholeState});
 	// Messages of other shapes are dropped without a word.
 	for (const char *other : {"01", "", "80", "82 01 02", "64 72656164", "a0 ff", "9f 65 7265616479"}) {
-		receive(hexBytes(other));
+		receive(other);
 		EXPECT_EQ(sent().size(), std::size_t(std::string(other) == "9f 65 7265616479")) << other;
 	}
 }
 
 TEST_F(WebBridge, DialMergeUpdatesTheParameterAndReplies) {
-	receive(hexBytes("65 7265616479"));
-	sent();
+	ready();
 	// {"time": {"rangeUnit": 1}}: an integer position, as pages send whole numbers.
-	receive(hexBytes("a1 64 74696d65 a1 69 72616e6765556e6974 01"));
+	receive("a1 64 74696d65 a1 69 72616e6765556e6974 01");
 	const auto messages = sent();
 	ASSERT_EQ(messages.size(), 2u);
 	const std::string time = "{_ \"value\": 2.0, \"$type\": \"ParamRange\", \"name\": \"time\", \"defaultValue\": 0.5, "
@@ -95,40 +111,28 @@ TEST_F(WebBridge, DialMergeUpdatesTheParameterAndReplies) {
 	EXPECT_EQ(messages[0], "{\"time\": " + time + "}");
 	EXPECT_EQ(messages[1], "[\"state\", {_ \"time\": " + time + "}]");
 
-	double position = 0;
-	clap_param_info info{};
-	ASSERT_TRUE(instance->paramInfo(1, info));
-	ASSERT_TRUE(instance->paramValue(info.id, position));
-	EXPECT_EQ(position, 1.0);
-
-	// The same value again: nothing changes, nothing is sent.
-	receive(hexBytes("a1 64 74696d65 a1 65 76616c7565 fb 4000000000000000"));
-	EXPECT_TRUE(sent().empty());
-	// An unknown key: nothing.
-	receive(hexBytes("a1 63 78797a a1 65 76616c7565 01"));
+	EXPECT_EQ(position(*instance), 1.0);
+	// The same value again, or an unknown key: nothing changes, nothing is sent.
+	receive("a1 64 74696d65 a1 65 76616c7565 fb 4000000000000000");
+	receive("a1 63 78797a a1 65 76616c7565 01");
 	EXPECT_TRUE(sent().empty());
 }
 
 TEST_F(WebBridge, PageEditsReachTheHostAsGestureValueGesture) {
-	ASSERT_TRUE(instance->activate(48000, 1, 256));
+	ready();
 	clap_param_info info{};
 	ASSERT_TRUE(instance->paramInfo(1, info));
-	receive(hexBytes("65 7265616479"));
-	sent();
 	// Press, drag, release in one merge each.
-	receive(hexBytes("a1 64 74696d65 a1 67 67657374757265 f5"));
+	receive("a1 64 74696d65 a1 67 67657374757265 f5");
 	EXPECT_TRUE(sent().empty()) << "a gesture alone sends nothing to the page";
-	receive(hexBytes("a1 64 74696d65 a1 69 72616e6765556e6974 fb 3fd0000000000000"));
-	receive(hexBytes("a1 64 74696d65 a1 67 67657374757265 f4"));
+	receive("a1 64 74696d65 a1 69 72616e6765556e6974 fb 3fd0000000000000");
+	receive("a1 64 74696d65 a1 67 67657374757265 f4");
 	EXPECT_GE(host.flushRequests.load(), 3);
 
 	InputEvents events;
 	OutputEvents out;
 	block(64, events, out);
-	ASSERT_EQ(out.pushed.size(), 3u);
-	EXPECT_EQ(out.header(0).type, CLAP_EVENT_PARAM_GESTURE_BEGIN);
-	EXPECT_EQ(out.header(1).type, CLAP_EVENT_PARAM_VALUE);
-	EXPECT_EQ(out.header(2).type, CLAP_EVENT_PARAM_GESTURE_END);
+	expectTypes(out, {CLAP_EVENT_PARAM_GESTURE_BEGIN, CLAP_EVENT_PARAM_VALUE, CLAP_EVENT_PARAM_GESTURE_END});
 	const auto value = out.as<clap_event_param_value>(1);
 	EXPECT_EQ(value.param_id, info.id);
 	EXPECT_EQ(value.cookie, info.cookie);
@@ -142,30 +146,24 @@ TEST_F(WebBridge, PageEditsReachTheHostAsGestureValueGesture) {
 	EXPECT_TRUE(out.pushed.empty());
 
 	// A host that has just read the value needs no event for it; the gestures still go.
-	receive(hexBytes("a1 64 74696d65 a2 67 67657374757265 f5 65 76616c7565 fb 3ff0000000000000"));
-	double position = 0;
-	ASSERT_TRUE(instance->paramValue(info.id, position));
+	receive("a1 64 74696d65 a2 67 67657374757265 f5 65 76616c7565 fb 3ff0000000000000");
+	position(*instance);
 	out.clear();
 	instance->paramsFlush(events, out);
-	ASSERT_EQ(out.pushed.size(), 1u);
-	EXPECT_EQ(out.header(0).type, CLAP_EVENT_PARAM_GESTURE_BEGIN);
+	expectTypes(out, {CLAP_EVENT_PARAM_GESTURE_BEGIN});
 
 	// A full host queue keeps the value (and the gesture end behind it) due.
-	receive(hexBytes("a1 64 74696d65 a2 65 76616c7565 fb 3ff8000000000000 67 67657374757265 f4"));
+	receive("a1 64 74696d65 a2 65 76616c7565 fb 3ff8000000000000 67 67657374757265 f4");
 	out.clear();
 	out.capacity = 0;
 	instance->paramsFlush(events, out);
 	out.capacity = 16;
 	instance->paramsFlush(events, out);
-	ASSERT_EQ(out.pushed.size(), 2u);
-	EXPECT_EQ(out.header(0).type, CLAP_EVENT_PARAM_VALUE);
-	EXPECT_EQ(out.header(1).type, CLAP_EVENT_PARAM_GESTURE_END);
+	expectTypes(out, {CLAP_EVENT_PARAM_VALUE, CLAP_EVENT_PARAM_GESTURE_END});
 }
 
 TEST_F(WebBridge, HostAutomationUpdatesThePageWithoutEcho) {
-	ASSERT_TRUE(instance->activate(48000, 1, 256));
-	receive(hexBytes("65 7265616479"));
-	sent();
+	ready();
 	InputEvents events;
 	OutputEvents out;
 	events.paramValue(0, 0x9321A3CB, 0); // channelMode: mono
@@ -178,9 +176,7 @@ TEST_F(WebBridge, HostAutomationUpdatesThePageWithoutEcho) {
 }
 
 TEST_F(WebBridge, FullRingFallsBackToOneWholeState) {
-	ASSERT_TRUE(instance->activate(48000, 1, 256));
-	receive(hexBytes("65 7265616479"));
-	sent();
+	ready();
 	InputEvents events;
 	OutputEvents out;
 	// 65 updates before a drain: one more than the ring holds.
@@ -207,11 +203,9 @@ TEST_F(WebBridge, FullRingFallsBackToOneWholeState) {
 }
 
 TEST_F(WebBridge, MeterLeaseAsksForSpectraEveryInterval) {
-	ASSERT_TRUE(instance->activate(48000, 1, 960));
-	receive(hexBytes("65 7265616479"));
-	sent();
+	ready(48000, 960);
 	// ["meters", 0.02, 0.3]: one spectrum per 960 samples for 14400 samples.
-	receive(hexBytes("83 66 6d6574657273 fb 3f947ae147ae147b fb 3fd3333333333333"));
+	receive("83 66 6d6574657273 fb 3f947ae147ae147b fb 3fd3333333333333");
 	EXPECT_TRUE(sent().empty());
 	int spectra = 0;
 	for (int b = 0; b < 40; ++b) {
@@ -227,9 +221,9 @@ TEST_F(WebBridge, MeterLeaseAsksForSpectraEveryInterval) {
 	EXPECT_EQ(spectra, 7);
 }
 
-// The files themselves are checked where the editor bridge serves them; here
-// the ABI's edges: a short buffer, a missing file, a stream that takes a
-// little at a time or fails.
+// The ABI's edges (the files themselves are checked where the editor bridge
+// serves them): a short buffer, a missing file, a stream that takes a little
+// at a time or fails.
 TEST_F(WebBridge, GetUriAndResourcesThroughShortBuffersAndStreams) {
 	char uri[64];
 	std::memset(uri, 'x', sizeof(uri));
@@ -261,7 +255,7 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 		"\"channelMode\": {_ \"value\": 1}, \"semitones\": {_ \"value\": 0}}");
 
 	// Edited values come back in a fresh instance, byte for byte.
-	receive(hexBytes("a2 64 74696d65 a1 65 76616c7565 fb 3ff0000000000000 69 73656d69746f6e6573 a1 65 76616c7565 27"));
+	receive("a2 64 74696d65 a1 65 76616c7565 fb 3ff0000000000000 69 73656d69746f6e6573 a1 65 76616c7565 27");
 	std::vector<std::uint8_t> edited;
 	ASSERT_TRUE(instance->saveState(edited));
 	Instance fresh(*bundle, "lumbrel.test.chunk-probe", host);
@@ -277,11 +271,7 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 			 "a1 64 74696d65 a1 65 76616c7565 02", "bf 64 74696d65 bf 65 76616c75"}) {
 		EXPECT_TRUE(fresh.loadState(hexBytes(blob))) << blob;
 	}
-	double position = 0;
-	clap_param_info info{};
-	ASSERT_TRUE(fresh.paramInfo(1, info));
-	ASSERT_TRUE(fresh.paramValue(info.id, position));
-	EXPECT_EQ(position, 1.0) << "the integer 2 read as a float value, the top of the range";
+	EXPECT_EQ(position(fresh), 1.0) << "the integer 2 read as a float value, the top of the range";
 
 	// A stream that fails changes nothing and says so.
 	const auto *state = fresh.extension<clap_plugin_state>(CLAP_EXT_STATE);
@@ -289,8 +279,7 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 	failing.maxChunk = 8;
 	failing.failAfter = 16;
 	EXPECT_FALSE(state->load(fresh.clapPlugin(), &failing.stream));
-	ASSERT_TRUE(fresh.paramValue(info.id, position));
-	EXPECT_EQ(position, 1.0);
+	EXPECT_EQ(position(fresh), 1.0);
 
 	// A state of exactly 1024 bytes from a stream of 1024-byte reads takes two
 	// reads: 1024 bytes, then one returning 0 (zeros are no saved state).
