@@ -123,15 +123,6 @@ describe('@foreach', () => {
     p.state.merge({ rows: [{ id: 2, label: 'only' }] });
     assert.deepEqual(texts(p, 'span'), ['only']);
   });
-
-  test('a named template with @foreach recurses through nested objects', () => {
-    const p = page(`<main>$tree{=}</main>
-      <template name=tree @foreach><section @if="\${d => typeof d === 'object'}"><h2>{name}</h2>$tree{=}</section></template>`, {});
-    p.state.merge({ g: { name: 'G', h: { name: 'H' } }, k: { name: 'K' } });
-    assert.deepEqual(texts(p, 'h2'), ['G', 'H', 'K']);
-    p.state.merge({ g: { h: null } });
-    assert.deepEqual(texts(p, 'h2'), ['G', 'K']);
-  });
 });
 
 test('@if: present only while true, built on demand, in its place, and let go when taken away', () => {
