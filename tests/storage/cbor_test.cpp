@@ -78,19 +78,12 @@ TEST(Cbor, NumbersReadAsIntegersAndDoubles) {
 		std::int64_t asInteger;
 		double asDouble;
 	} cases[] = {
-		{"1bffffffffffffffff", CborType::Unsigned, -1, 18446744073709551615.0},
-		{"3bffffffffffffffff", CborType::Negative, 0, -18446744073709551616.0},
-		{"3903e7", CborType::Negative, -1000, -1000.0},
-		{"fb3ff199999999999a", CborType::Float64, 1, 1.1},
-		{"fa47c35000", CborType::Float32, 100000, 100000.0},
-		{"fa7f7fffff", CborType::Float32, INT64_MAX, 3.4028234663852886e+38},
-		{"fbc005ae147ae147ae", CborType::Float64, -2, -2.71},
-		{"fbfe37e43c8800759c", CborType::Float64, INT64_MIN, -1e300},
-		{"faff800000", CborType::Float32, INT64_MIN, -inf},
-		{"83010203", CborType::Array, 3, 0.0},
-		{"9f01ff", CborType::IndefiniteArray, 0, 0.0},
-		{"6161", CborType::Utf8, 1, 0.0},
-		{"c1 01", CborType::Tag, 1, 0.0},
+		{"1bffffffffffffffff", CborType::Unsigned, -1, 18446744073709551615.0}, {"3903e7", CborType::Negative, -1000, -1000.0},
+		{"3bffffffffffffffff", CborType::Negative, 0, -18446744073709551616.0}, {"fb3ff199999999999a", CborType::Float64, 1, 1.1},
+		{"fa47c35000", CborType::Float32, 100000, 100000.0}, {"fa7f7fffff", CborType::Float32, INT64_MAX, 3.4028234663852886e+38},
+		{"fbc005ae147ae147ae", CborType::Float64, -2, -2.71}, {"fbfe37e43c8800759c", CborType::Float64, INT64_MIN, -1e300},
+		{"faff800000", CborType::Float32, INT64_MIN, -inf}, {"83010203", CborType::Array, 3, 0.0},
+		{"9f01ff", CborType::IndefiniteArray, 0, 0.0}, {"6161", CborType::Utf8, 1, 0.0}, {"c1 01", CborType::Tag, 1, 0.0},
 	};
 	for (const auto &c : cases) {
 		const auto bytes = hexBytes(c.hex);
@@ -109,18 +102,13 @@ TEST(Cbor, MalformedInputEndsInTheRightError) {
 	const struct {
 		const char *hex, *diagnostic, *next;
 	} cases[] = {
-		{"", "error(1)", "error(1)"},
-		{"1f", "error(31)", "error(31)"}, // indefinite integer
-		{"1c", "error(28)", "error(28)"}, // reserved additional information
-		{"fc", "error(28)", "error(28)"},
-		{"19 01", "error(1)", "error(1)"}, // argument past the end
-		{"fb 3ff0", "error(1)", "error(1)"},
-		{"65 6162", "error(1)", "error(1)"}, // string past the end
-		{"5b ffffffffffffffff 00", "error(1)", "error(1)"},
+		{"", "error(1)", "error(1)"}, {"1f", "error(31)", "error(31)"} /* indefinite integer */,
+		{"1c", "error(28)", "error(28)"} /* reserved additional information */, {"fc", "error(28)", "error(28)"},
+		{"19 01", "error(1)", "error(1)"} /* argument past the end */, {"fb 3ff0", "error(1)", "error(1)"},
+		{"65 6162", "error(1)", "error(1)"} /* string past the end */, {"5b ffffffffffffffff 00", "error(1)", "error(1)"},
 		{"83 01 02", "[1, 2] error(1)", "error(1)"}, // counts beyond the buffer
-		{"bb 7fffffffffffffff 01 02", "{1: 2} error(1)", "error(1)"},
+		{"bb 7fffffffffffffff 01 02", "{1: 2} error(1)", "error(1)"}, {"bf 6161 01", "{_ \"a\": 1} error(1)", "error(1)"},
 		{"9f 01 02", "[_ 1, 2] error(1)", "error(1)"}, // no Break
-		{"bf 6161 01", "{_ \"a\": 1} error(1)", "error(1)"},
 		{"bf 6161 ff ff 00", "{_ } error(3)", "0"}, // a Break as a map value
 		{"5f 4101 6161 ff", "(_ h'01') error(3)", "error(4)"}, // a text chunk in bytes
 		{"82 1c 01", "[] error(28)", "error(28)"}, // an error inside ends the walk
@@ -211,13 +199,9 @@ TEST(Cbor, TypedArraysOfEveryKindInBothByteOrders) {
 		const char *bigEndianHex;
 		std::vector<double> expected;
 	} cases[] = {
-		{64, 1, "01 02 ff", {1, 2, 255}},
-		{65, 2, "0001 1234 ffff", {1, 0x1234, 65535}},
-		{66, 4, "00000001 deadbeef", {1, 3735928559.0}},
-		{67, 8, "0000000000000001 0000010000000000", {1, 1099511627776.0}},
-		{72, 1, "ff 80 7f", {-1, -128, 127}},
-		{73, 2, "fffe 012c", {-2, 300}},
-		{74, 4, "ffffffff 00010000", {-1, 65536}},
+		{64, 1, "01 02 ff", {1, 2, 255}}, {65, 2, "0001 1234 ffff", {1, 0x1234, 65535}},
+		{66, 4, "00000001 deadbeef", {1, 3735928559.0}}, {67, 8, "0000000000000001 0000010000000000", {1, 1099511627776.0}},
+		{72, 1, "ff 80 7f", {-1, -128, 127}}, {73, 2, "fffe 012c", {-2, 300}}, {74, 4, "ffffffff 00010000", {-1, 65536}},
 		{75, 8, "ffffffffffffffff 0000000000000003", {-1, 3}},
 		{81, 4, "3fc00000 be800000 7f800000", {1.5, -0.25, inf}},
 		{82, 8, "3ff8000000000000 bfd0000000000000 7ff0000000000000", {1.5, -0.25, inf}},
@@ -297,12 +281,8 @@ TEST(Cbor, WriterTypedArraysRoundTripWithoutAllocating) {
 	std::vector<float> out(64);
 	lumbrel_test::AllocationScope scope;
 	CborWriter writer(bytes);
-	writer.writeHead(4, 2);
-	writer.addText("meters");
-	writer.openMap();
-	writer.addText("energy");
-	writer.addTypedArray(row, 64, false);
-	writer.addBreak();
+	writer.writeHead(4, 2), writer.addText("meters"), writer.openMap(), writer.addText("energy");
+	writer.addTypedArray(row, 64, false), writer.addBreak();
 	taggedOn(bytes).forEach([&](const TaggedCborWalker &item, std::size_t) {
 		item.forEachPair([&](const TaggedCborWalker &, const TaggedCborWalker &v) { v.readTypedArray(out, 0, out.size()); });
 	});
