@@ -50,7 +50,6 @@ TEST(RangeParamInfoPosition, CurvePassesThroughLowMidHighAndInverts) {
 		EXPECT_NEAR(info.fromPosition(1), d.high, 1e-9);
 		for (double x = 0; x <= 1; x += 1.0 / 64) EXPECT_NEAR(info.toPosition(info.fromPosition(x)), x, 1e-12);
 	}
-
 	// No clamp; fromRange after the map and toRange before its inverse: a log-scaled control.
 	RangeParamInfo logged;
 	logged.range(0, 1, 2);

@@ -432,7 +432,6 @@ TEST(ObjectStorage, RowsPatchByIndex) {
 	ASSERT_TRUE(read(root, hexBytes("a1 65 67726f7570 a1 65 6375727665 a2 6130 fa 3fc00000 6132 fa 40400000"), &dirty));
 	EXPECT_EQ(root.group.curve, (std::vector<float>{1.5f, 2, 3}));
 	EXPECT_TRUE(dirty.partial.count(&root.group.curve));
-
 	// Rows written as a patch when only one is dirty.
 	DirtySet rowsDirty;
 	rowsDirty.partial.insert(&root);

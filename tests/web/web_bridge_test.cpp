@@ -32,6 +32,20 @@ using varkesh::cbor::CborWalker;
 
 namespace {
 
+// Hands the plug-in a message from its page; true if taken.
+bool toPlugin(Instance &instance, const Bytes &bytes) {
+	const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
+	return webview && webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
+}
+
+// What the plug-in sent its page since the last call, in diagnostic notation.
+std::vector<std::string> sentTexts(Host &host) {
+	std::vector<std::string> texts;
+	for (const auto &m : host.sentMessages) texts.push_back(diagnostic(std::vector<unsigned char>(m.begin(), m.end())));
+	host.sentMessages.clear();
+	return texts;
+}
+
 class WebBridge : public ::testing::Test {
 protected:
 	void SetUp() override {
@@ -44,10 +58,7 @@ protected:
 		ASSERT_NE(webview, nullptr);
 	}
 
-	void receive(const char *hex) {
-		const auto bytes = hexBytes(hex);
-		ASSERT_TRUE(webview->receive(instance->clapPlugin(), bytes.data(), std::uint32_t(bytes.size())));
-	}
+	void receive(const char *hex) { ASSERT_TRUE(toPlugin(*instance, hexBytes(hex))); }
 	void ready(double sampleRate = 48000, std::uint32_t maxFrames = 256) {
 		ASSERT_TRUE(instance->activate(sampleRate, 1, maxFrames));
 		receive("65 7265616479"); // "ready"
@@ -59,12 +70,7 @@ protected:
 		EXPECT_TRUE(of.paramInfo(1, info) && of.paramValue(info.id, value));
 		return value;
 	}
-	std::vector<std::string> sent() {
-		std::vector<std::string> texts;
-		for (const auto &m : host.sentMessages) texts.push_back(diagnostic(std::vector<unsigned char>(m.begin(), m.end())));
-		host.sentMessages.clear();
-		return texts;
-	}
+	std::vector<std::string> sent() { return sentTexts(host); }
 	void block(std::uint32_t frames = 64) {
 		std::vector<float> buffer(frames);
 		float *channels[2] = {buffer.data(), buffer.data()};
@@ -141,19 +147,16 @@ TEST_F(WebBridge, PageEditsReachTheHostAsGestureValueGesture) {
 	const auto value = out.as<clap_event_param_value>(1);
 	EXPECT_TRUE(value.param_id == info.id && value.cookie == info.cookie && value.note_id == -1 && value.key == -1);
 	EXPECT_DOUBLE_EQ(value.value, 0.25);
-
 	// Nothing more is due.
 	out.clear();
 	block(64);
 	EXPECT_TRUE(out.pushed.empty());
-
 	// A host that has just read the value needs no event for it; the gestures still go.
 	receive("a1 64 74696d65 a2 67 67657374757265 f5 65 76616c7565 fb 3ff0000000000000");
 	position(*instance);
 	out.clear();
 	instance->paramsFlush(events, out);
 	expectTypes({CLAP_EVENT_PARAM_GESTURE_BEGIN});
-
 	// A full host queue keeps the value (and the gesture end behind it) due.
 	receive("a1 64 74696d65 a2 65 76616c7565 fb 3ff8000000000000 67 67657374757265 f4");
 	out.clear();
@@ -257,7 +260,6 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 	ASSERT_TRUE(instance->saveState(edited));
 	Instance fresh(*bundle, "lumbrel.test.chunk-probe", host);
 	ASSERT_TRUE(fresh.init());
-
 	// No saved state at all is refused; a map loads what it can read.
 	for (const char *blob : {"", "01", "ff ff ff"}) EXPECT_FALSE(fresh.loadState(hexBytes(blob))) << blob;
 	for (const char *blob : {"a1 6c 656e67696e65436f6e666967 01", "a1 67 76657273696f6e 18 63",
@@ -265,7 +267,6 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 		EXPECT_TRUE(fresh.loadState(hexBytes(blob))) << blob;
 	}
 	EXPECT_EQ(position(fresh), 1.0) << "the integer 2 read as a float value, the top of the range";
-
 	// A stream that fails changes nothing and says so.
 	const auto *state = fresh.extension<clap_plugin_state>(CLAP_EXT_STATE);
 	MemoryIStream failing(std::vector<std::uint8_t>(edited.begin(), edited.end()));
@@ -273,14 +274,12 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 	failing.failAfter = 16;
 	EXPECT_FALSE(state->load(fresh.clapPlugin(), &failing.stream));
 	EXPECT_EQ(position(fresh), 1.0);
-
 	// A state of exactly 1024 bytes from a stream of 1024-byte reads takes two
 	// reads: 1024 bytes, then one returning 0 (zeros are no saved state).
 	MemoryIStream exact(std::vector<std::uint8_t>(1024, 0));
 	exact.maxChunk = 1024;
 	EXPECT_FALSE(state->load(fresh.clapPlugin(), &exact.stream));
 	EXPECT_EQ(exact.reads, 2);
-
 	// A writer that takes a few bytes at a time gets them all; one that fails gives false.
 	MemoryOStream trickle;
 	trickle.maxChunk = 3;
@@ -303,12 +302,8 @@ TEST(MessageRingThreads, AudioProducesWhileTheMainThreadDrainsAndEdits) {
 	Host host;
 	Instance instance(*bundle, "varkesh.lumbrel.pitch-shifter-layer1", host);
 	ASSERT_TRUE(instance.valid() && instance.init() && instance.activate(48000, 1, 256));
-	const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
-	ASSERT_NE(webview, nullptr);
 	int failedReceives = 0;
-	auto receive = [&](const Bytes &bytes) {
-		failedReceives += !webview->receive(instance.clapPlugin(), bytes.data(), std::uint32_t(bytes.size()));
-	};
+	auto receive = [&](const Bytes &bytes) { failedReceives += !toPlugin(instance, bytes); };
 	// What the page got, by kind. Each message must be one complete CBOR item:
 	// a bare map (an update or the whole state), ["meters", map] or ["state", map].
 	int updates = 0, spectra = 0, replies = 0, broken = 0;
@@ -365,7 +360,6 @@ TEST(MessageRingThreads, AudioProducesWhileTheMainThreadDrainsAndEdits) {
 		instance.stopProcessing();
 		audioDone = true;
 	});
-
 	// The main thread: a page edit and a drain each turn, now and then a
 	// renewed lease or a reloaded page (the whole state, written while the
 	// audio thread refreshes the spectrum).
@@ -485,7 +479,6 @@ protected:
 		EXPECT_TRUE(instance.saveState(bytes));
 		return bytes;
 	}
-
 	// Moves every parameter away from its default through host events: ranged
 	// ones to 0.3 of their travel, stepped ones to their lowest step.
 	static void editAll(Instance &instance) {
@@ -499,7 +492,6 @@ protected:
 		}
 		process(instance, events, out, 64);
 	}
-
 	// Blocks of a 1 kHz tone; true if everything that came out is finite.
 	static bool process(Instance &instance, InputEvents &events, OutputEvents &out, std::uint32_t frames, int blocks = 1) {
 		std::vector<float> in(frames), left(frames), right(frames);
@@ -538,19 +530,13 @@ TEST_F(SavedState, PitchShifterStartsWithTheDocumentedFields) {
 // is its group's first member: the two share an address).
 TEST_F(SavedState, PageEditIsAnsweredWithThePartialWriteWithoutExtras) {
 	const auto instance = make("varkesh.lumbrel.pitch-shifter-layer1");
-	auto *webview = instance->extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
-	ASSERT_NE(webview, nullptr);
-	for (const char *hex : {"65 7265616479", // "ready", then ["state", {"engineConfig": {"latencyMs": {"rangeUnit": 0.25}}}]
-			 "82 65 7374617465 A1 6C 656E67696E65436F6E666967 A1 69 6C6174656E63794D73 A1 69 72616E6765556E6974 FB 3FD0000000000000"}) {
-		host.sentMessages.clear();
-		const auto bytes = lumbrel_test::hexBytes(hex);
-		ASSERT_TRUE(webview->receive(instance->clapPlugin(), bytes.data(), std::uint32_t(bytes.size())));
-	}
+	ASSERT_TRUE(toPlugin(*instance, hexBytes("65 7265616479"))); // "ready", then ["state", {"engineConfig": {"latencyMs": {"rangeUnit": 0.25}}}]
+	sentTexts(host);
+	ASSERT_TRUE(toPlugin(*instance, hexBytes("82 65 7374617465 A1 6C 656E67696E65436F6E666967 A1 69 6C6174656E63794D73"
+											 " A1 69 72616E6765556E6974 FB 3FD0000000000000")));
 	std::string reply;
-	for (const auto &m : host.sentMessages) {
-		const std::string text = diagnostic(std::vector<unsigned char>(m.begin(), m.end()));
+	for (const auto &text : sentTexts(host))
 		if (text.rfind("[\"state\"", 0) == 0) reply = text;
-	}
 	EXPECT_EQ(reply.rfind("[\"state\", {_ \"engineConfig\": {_ \"latencyMs\": {_ \"value\": ", 0), 0u) << reply;
 	for (const char *absent : {"\"Engine\"", "\"desc\"", "\"overlap\"", "Pitch Shifter"}) EXPECT_EQ(reply.find(absent), std::string::npos) << reply;
 	for (const char *present : {"\"name\": \"latency\"", "\"rangeUnit\": 0.25"}) EXPECT_NE(reply.find(present), std::string::npos) << reply;

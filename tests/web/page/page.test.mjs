@@ -70,14 +70,6 @@ const wholeState = () => ({
 });
 
 describe('start-up and messages', () => {
-  test('says "ready" first, then asks for meters: one spectrum per frame for 0.3 s', async () => {
-    const p = await openPage();
-    assert.equal(p.sent[0], 'ready');
-    for (let i = 0; i < 20 && p.sent.length < 2; ++i) await p.frame();
-    const [kind, interval, duration] = p.sent[1];
-    assert.ok(kind === 'meters' && interval > 0 && interval < 0.2 && duration === 0.3, String(p.sent[1]));
-  });
-
   test('draws the whole state and the merges that follow, in one frame together; drops a bad message', async () => {
     const p = await openPage();
     assert.equal(p.document.getElementById('header').textContent, '...');
@@ -91,7 +83,6 @@ describe('start-up and messages', () => {
     // The spectrum without "$type" yet is an empty box with no legend.
     assert.deepEqual(Array.from(p.document.querySelectorAll('fieldset legend'), (l) => l.textContent), ['Engine', '']);
     assert.equal(p.document.querySelector('.plot'), null);
-
     // Arrays carry their merge at index 1; merges of one frame apply together; a bad message is dropped.
     p.deliver(['state', { engineConfig: { latencyMs: { text: '11' } } }]);
     p.deliver({ engineConfig: { latencyMs: { textUnits: 's' } } });
