@@ -404,18 +404,6 @@ std::vector<std::pair<std::string, CborWalker>> pairsOf(const CborWalker &map) {
 	return pairs;
 }
 
-// The number saved under `path` (keys down to the parameter), NaN if absent.
-double savedValue(const Bytes &bytes, std::initializer_list<const char *> path) {
-	CborWalker item(bytes.data(), bytes.data() + bytes.size());
-	for (const char *key : {path.begin()[0], path.begin()[1], "value"}) {
-		CborWalker found;
-		for (const auto &pair : pairsOf(item))
-			if (pair.first == key) found = pair.second;
-		item = found;
-	}
-	return item.type == CborType::Float64 || item.type == CborType::Unsigned ? item.asDouble() : std::nan("");
-}
-
 // Checks the encoding rules of one saved object and collects its key tree:
 // indefinite maps throughout, groups led by "name", "desc" "" and "version" 0,
 // parameters holding "value" alone as a float64 or an integer.
@@ -468,10 +456,11 @@ protected:
 	}
 	static void TearDownTestSuite() { delete bundle; }
 
-	std::unique_ptr<Instance> make(const char *id) {
+	std::unique_ptr<Instance> make(const char *id, bool running = false) {
 		auto instance = std::make_unique<Instance>(*bundle, id, host);
-		EXPECT_TRUE(instance->valid()) << id;
-		EXPECT_TRUE(instance->init()) << id;
+		EXPECT_TRUE(instance->valid() && instance->init()) << id;
+		EXPECT_EQ(instance->latency(), 0u) << "no engine before configuration";
+		EXPECT_TRUE(!running || (instance->activate(48000, 1, 256) && instance->startProcessing()));
 		return instance;
 	}
 	static Bytes save(const Instance &instance) {
@@ -479,21 +468,8 @@ protected:
 		EXPECT_TRUE(instance.saveState(bytes));
 		return bytes;
 	}
-	// Moves every parameter away from its default through host events: ranged
-	// ones to 0.3 of their travel, stepped ones to their lowest step.
-	static void editAll(Instance &instance) {
-		InputEvents events;
-		OutputEvents out;
-		for (std::uint32_t i = 0; i < instance.paramCount(); ++i) {
-			clap_param_info info{};
-			ASSERT_TRUE(instance.paramInfo(i, info));
-			const bool stepped = (info.flags & CLAP_PARAM_IS_STEPPED) != 0;
-			events.paramValue(0, info.id, stepped ? info.min_value : 0.3);
-		}
-		process(instance, events, out, 64);
-	}
-	// Blocks of a 1 kHz tone; true if everything that came out is finite.
-	static bool process(Instance &instance, InputEvents &events, OutputEvents &out, std::uint32_t frames, int blocks = 1) {
+	// Blocks of a 1 kHz tone with the events given; true if everything that came out is finite.
+	bool process(Instance &instance, std::uint32_t frames, int blocks = 1) {
 		std::vector<float> in(frames), left(frames), right(frames);
 		for (std::uint32_t i = 0; i < frames; ++i) in[i] = 0.5f * float(std::sin(2 * M_PI * 1000 * i / 48000.0));
 		float *inputs[2] = {in.data(), in.data()};
@@ -503,33 +479,33 @@ protected:
 			instance.process(inputs, 2, outputs, 2, frames, events, out);
 			for (std::uint32_t i = 0; i < frames; ++i) finite = finite && std::isfinite(left[i]) && std::isfinite(right[i]);
 		}
+		events.clear();
 		return finite;
 	}
 
 	static Bundle *bundle;
 	Host host;
+	InputEvents events;
+	OutputEvents out;
 };
 Bundle *SavedState::bundle = nullptr;
 } // namespace
 
-TEST_F(SavedState, PitchShifterStartsWithTheDocumentedFields) {
+// The pitch shifter's saved state starts as documented and holds nothing of
+// the page; the page's edit is answered with the changed branch alone: the
+// parameter whole, the groups above it without their texts or other members
+// (latencyMs is its group's first member: the two share an address).
+TEST_F(SavedState, PitchShifterSavesTheDocumentedFieldsAndAnswersEditsWithThePartialWriteWithoutExtras) {
 	const auto instance = make("varkesh.lumbrel.pitch-shifter-layer1");
 	const Bytes saved = save(*instance);
 	const std::string start = "{_ \"name\": \"Lumbrel: Pitch Shifter\", \"desc\": \"\", \"version\": 0, \"engineConfig\": {_ \"name\": \"Engine\", "
 		"\"desc\": \"\", \"version\": 0, \"latencyMs\": {_ \"value\": 10.0}, \"overlap\": {_ \"value\": ";
 	EXPECT_EQ(diagnostic(std::vector<unsigned char>(saved.begin(), saved.end())).substr(0, start.size()), start);
 	keyTree(saved); // float64 values, indefinite maps, nothing after the root
-	// Nothing of the page stands in a saved state.
 	const std::string all(saved.begin(), saved.end());
 	for (const char *pageKey : {"$type", "text", "gesture", "rangeUnit", "analysisSpectrum"})
 		EXPECT_EQ(all.find(char(0x60 + std::strlen(pageKey)) + std::string(pageKey)), std::string::npos) << pageKey;
-}
 
-// The page's edit is answered with the changed branch alone: the parameter
-// whole, the groups above it without their texts or other members (latencyMs
-// is its group's first member: the two share an address).
-TEST_F(SavedState, PageEditIsAnsweredWithThePartialWriteWithoutExtras) {
-	const auto instance = make("varkesh.lumbrel.pitch-shifter-layer1");
 	ASSERT_TRUE(toPlugin(*instance, hexBytes("65 7265616479"))); // "ready", then ["state", {"engineConfig": {"latencyMs": {"rangeUnit": 0.25}}}]
 	sentTexts(host);
 	ASSERT_TRUE(toPlugin(*instance, hexBytes("82 65 7374617465 A1 6C 656E67696E65436F6E666967 A1 69 6C6174656E63794D73"
@@ -542,35 +518,37 @@ TEST_F(SavedState, PageEditIsAnsweredWithThePartialWriteWithoutExtras) {
 	for (const char *present : {"\"name\": \"latency\"", "\"rangeUnit\": 0.25"}) EXPECT_NE(reply.find(present), std::string::npos) << reply;
 }
 
-// Every plug-in saves by the format's rules, the same bytes each time, and
-// an edited state comes back byte for byte in a running instance, which
-// plays on and reports the latency of its loaded setting.
+// Every plug-in saves by the format's rules, the same bytes each time; every
+// parameter moved through host events (ranged ones to 0.3 of their travel,
+// stepped ones to their lowest step) reaches the state, which comes back byte
+// for byte in a running instance that plays on with the loaded latency.
 TEST_F(SavedState, EveryEffectSavesByTheRulesAndLoadsWhileRunning) {
 	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
 		const char *id = bundle->descriptor(p)->id;
 		SCOPED_TRACE(id);
-		const auto edited = make(id);
+		const auto edited = make(id, true);
 		const Bytes defaults = save(*edited);
 		EXPECT_EQ(save(*edited), defaults);
-		ASSERT_TRUE(edited->activate(48000, 1, 256));
-		ASSERT_TRUE(edited->startProcessing());
-		editAll(*edited);
+		for (std::uint32_t i = 0; i < edited->paramCount(); ++i) {
+			clap_param_info info{};
+			ASSERT_TRUE(edited->paramInfo(i, info));
+			events.paramValue(0, info.id, info.flags & CLAP_PARAM_IS_STEPPED ? info.min_value : 0.3);
+		}
+		process(*edited, 64);
 		const Bytes saved = save(*edited);
 		EXPECT_NE(saved, defaults) << "the edits reach the saved state";
 		EXPECT_EQ(keyTree(saved), keyTree(defaults));
 
-		const auto running = make(id);
-		EXPECT_EQ(running->latency(), 0u) << "no engine before configuration";
-		ASSERT_TRUE(running->activate(48000, 1, 256));
-		ASSERT_TRUE(running->startProcessing());
+		const auto running = make(id, true);
 		EXPECT_EQ(running->latency(), engineLatency(10, 48000));
 		EXPECT_TRUE(running->loadState(saved));
-		InputEvents none;
-		OutputEvents out;
-		EXPECT_TRUE(process(*running, none, out, 256, 8));
+		EXPECT_TRUE(process(*running, 256, 8));
 		EXPECT_EQ(save(*running), saved);
-		const double latencyMs = savedValue(saved, {"engineConfig", "latencyMs"});
-		EXPECT_NE(latencyMs, 10.0);
-		EXPECT_EQ(running->latency(), engineLatency(latencyMs, 48000)) << latencyMs << " ms";
+		CborWalker latency(saved.data(), saved.data() + saved.size());
+		for (const char *key : {"engineConfig", "latencyMs", "value"})
+			for (const auto &pair : pairsOf(CborWalker(latency)))
+				if (pair.first == key) latency = pair.second;
+		EXPECT_NE(latency.asDouble(), 10.0);
+		EXPECT_EQ(running->latency(), engineLatency(latency.asDouble(), 48000)) << latency.asDouble() << " ms";
 	}
 }
