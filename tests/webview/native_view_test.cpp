@@ -50,20 +50,22 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-class Xvfb {
-public:
-	// `display()` is empty and `error()` says why if the server didn't come up within 15 s.
+// An X server of the test's own on a display number it picks itself
+// (-displayfd), so that tests running side by side don't meet; no fixed sleeps.
+// `display` is empty and `error` says why if it didn't come up within 15 s.
+struct Xvfb {
+	pid_t pid = -1;
+	std::string display, error;
 	Xvfb() {
 		int fds[2];
 		if (::pipe(fds) != 0) {
-			error_ = "pipe failed";
+			error = "pipe failed";
 			return;
 		}
 		::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
 		const std::string fd = std::to_string(fds[1]);
 		const char *argv[] = {"Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24", "-nolisten", "tcp", "-noreset", nullptr};
-		pid = ::fork();
-		if (pid == 0) {
+		if ((pid = ::fork()) == 0) {
 			::prctl(PR_SET_PDEATHSIG, SIGTERM); // ends with the test, even one killed by a timeout
 			const int quiet = ::open("/dev/null", O_WRONLY);
 			::dup2(quiet, 1), ::dup2(quiet, 2);
@@ -72,42 +74,21 @@ public:
 		}
 		::close(fds[1]);
 		// The server writes its display number once it accepts connections.
-		std::string number;
 		char buffer[32];
 		pollfd readable{fds[0], POLLIN, 0};
-		while (pid > 0 && number.find('\n') == std::string::npos && ::poll(&readable, 1, 15000) > 0) {
-			const ssize_t n = ::read(fds[0], buffer, sizeof(buffer));
-			if (n <= 0) break;
-			number.append(buffer, std::size_t(n));
+		for (ssize_t n = 0; pid > 0 && display.find('\n') == std::string::npos && ::poll(&readable, 1, 15000) > 0;) {
+			if ((n = ::read(fds[0], buffer, sizeof(buffer))) <= 0) break;
+			display.append(buffer, std::size_t(n));
 		}
 		::close(fds[0]);
-		if (number.find('\n') == std::string::npos) {
-			error_ = "Xvfb did not come up within 15 s";
-			stop();
-			return;
-		}
-		display_ = ":" + number.substr(0, number.find('\n'));
+		if (display.find('\n') == std::string::npos) error = "Xvfb did not come up within 15 s", display.clear();
+		else display = ":" + display.substr(0, display.find('\n'));
 	}
-	~Xvfb() { stop(); }
-	Xvfb(const Xvfb &) = delete;
-	Xvfb &operator=(const Xvfb &) = delete;
-
-	const std::string &display() const { return display_; }
-	const std::string &error() const { return error_; }
-	pid_t processId() const { return pid; }
-
-private:
-	void stop() {
-		if (pid <= 0) return;
-		::kill(pid, SIGTERM);
-		::waitpid(pid, nullptr, 0);
-		pid = -1;
+	~Xvfb() {
+		if (pid > 0) ::kill(pid, SIGTERM), ::waitpid(pid, nullptr, 0);
 	}
-	pid_t pid = -1;
-	std::string display_, error_;
 };
 
-inline bool onPath(const std::string &program) { return std::system(("command -v " + program + " > /dev/null").c_str()) == 0; }
 
 struct ScreenImage {
 	int width = 0, height = 0;
@@ -116,7 +97,7 @@ struct ScreenImage {
 };
 
 // The window's contents with its children drawn in.
-inline ScreenImage grabWindow(Display *display, Window window) {
+ScreenImage grabWindow(Display *display, Window window) {
 	ScreenImage image;
 	XWindowAttributes attributes;
 	if (!XGetWindowAttributes(display, window, &attributes)) return image;
@@ -148,7 +129,7 @@ struct InkBox {
 };
 
 // Every dark pixel of rows [top, bottom).
-inline InkBox inkIn(const ScreenImage &image, int top, int bottom) {
+InkBox inkIn(const ScreenImage &image, int top, int bottom) {
 	InkBox box;
 	for (int y = std::max(top, 0); y < std::min(bottom, image.height); ++y)
 		for (int x = 0; x < image.width; ++x)
@@ -157,7 +138,7 @@ inline InkBox inkIn(const ScreenImage &image, int top, int bottom) {
 }
 
 // The boxes of the 8-connected pieces of ink.
-inline std::vector<InkBox> inkPieces(const ScreenImage &image) {
+std::vector<InkBox> inkPieces(const ScreenImage &image) {
 	std::vector<InkBox> pieces;
 	std::vector<std::uint8_t> seen(image.dark.size(), 0);
 	std::vector<std::pair<int, int>> stack;
@@ -208,7 +189,7 @@ std::string run(const std::string &command) {
 
 // What the X server shows of a window; also saved as a PNG to look at.
 ScreenImage screenshot(Display *display, Window window, const std::string &name) {
-	run("import -display " + server().display() + " -window " + std::to_string(window) + " " + outputPath(name + ".png"));
+	run("import -display " + server().display + " -window " + std::to_string(window) + " " + outputPath(name + ".png"));
 	return grabWindow(display, window);
 }
 
@@ -227,7 +208,7 @@ long pssKiB(bool children) {
 		}
 		::closedir(proc);
 	}
-	const pid_t self = ::getpid(), xvfb = server().processId();
+	const pid_t self = ::getpid(), xvfb = server().pid;
 	auto under = [&](pid_t pid) {
 		for (pid_t up = pid; parent.count(up) && up != xvfb; up = parent[up])
 			if (parent[up] == self) return true;
@@ -257,12 +238,12 @@ std::vector<Window> childrenOf(Display *display, Window window) {
 class NativeView : public ::testing::Test {
 protected:
 	void SetUp() override {
-		for (const char *tool : {"Xvfb", "xdotool", "import"})
-			if (!onPath(tool)) GTEST_SKIP() << tool << " is not installed (scripts/setup.sh installs it): the native editor is not tested";
-		if (server().display().empty()) GTEST_SKIP() << "no X server could be started: " << server().error();
-		::setenv("DISPLAY", server().display().c_str(), 1);
-		display = XOpenDisplay(server().display().c_str());
-		ASSERT_NE(display, nullptr) << "the X server on " << server().display() << " took no connection";
+		for (std::string tool : {"Xvfb", "xdotool", "import"})
+			if (std::system(("command -v " + tool + " > /dev/null").c_str()) != 0) GTEST_SKIP() << tool << " is not installed (scripts/setup.sh installs it): the native editor is not tested";
+		if (server().display.empty()) GTEST_SKIP() << "no X server could be started: " << server().error;
+		::setenv("DISPLAY", server().display.c_str(), 1);
+		display = XOpenDisplay(server().display.c_str());
+		ASSERT_NE(display, nullptr) << "the X server on " << server().display << " took no connection";
 		std::string error;
 		bundle = Bundle::load(LUMBREL_BUNDLE_PATH, error);
 		ASSERT_TRUE(bundle) << error;
