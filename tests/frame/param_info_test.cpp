@@ -165,7 +165,6 @@ TEST(SteppedParamInfo, LabelsWidenTheRangeAndTextsReadBack) {
 }
 
 namespace {
-
 // One group holding a ranged and a stepped parameter; counts builds and
 // blocks, and wants at least as many outputs as inputs.
 template<class Base>
@@ -174,9 +173,8 @@ struct CountingQUORL : Base {
 		typename Base::ParamRange gain{0.5};
 		typename Base::ParamStepped mode{1};
 		template<class Storage>
-		void state(Storage &storage) {
-			storage.range("gain", gain).info("gain").range(0, 0.5, 1).unit("", 2);
-			storage.stepped("mode", mode).info("mode").labelsFrom(0).label("a", "b");
+		void state(Storage &s) {
+			s.range("gain", gain).info("gain").range(0, 0.5, 1).unit("", 2), s.stepped("mode", mode).info("mode").labelsFrom(0).label("a", "b");
 		}
 	};
 	Group group;
@@ -186,18 +184,14 @@ struct CountingQUORL : Base {
 
 	template<class Storage>
 	void state(Storage &storage) {
-		storage("group", group);
-		storage.range("level", level).info("level").range(0, 2, 4).unit(" dB", 1);
+		storage("group", group), storage.range("level", level).info("level").range(0, 2, 4).unit(" dB", 1);
 	}
 	void configureQUORL(quorl::LibraryConfig &config) {
 		++builds;
 		if (config.outputChannels < config.inputChannels) config.outputChannels = config.inputChannels;
 	}
 	void reset() { ++resets; }
-	void processQUORL(const quorl::LibraryConfig &, const float *const *, float *const *, std::size_t, bool due) {
-		++blocks;
-		lastSpectrumDue = due;
-	}
+	void processQUORL(const quorl::LibraryConfig &, const float *const *, float *const *, std::size_t, bool due) { ++blocks, lastSpectrumDue = due; }
 };
 
 using Effect = quorl::LibraryEffect<float, CountingQUORL<quorl::LibraryEffectBase<float>>>;

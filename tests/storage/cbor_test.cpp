@@ -295,12 +295,8 @@ TEST(Cbor, WriterTypedArraysRoundTripWithoutAllocating) {
 	EXPECT_EQ(bytes.capacity(), 1024u);
 }
 
-} // namespace
-
 using namespace varkesh;
 using storage::DirtySet;
-
-namespace {
 
 struct TestKind {};
 using Writer = storage::StorageCborWriter<TestKind>;
@@ -311,15 +307,11 @@ struct Knob {
 	double value = 0;
 	template<class S>
 	void state(S &s) {
-		if constexpr (S::isWriter) {
-			s("value", value);
-		} else {
-			const double before = value;
-			s("value", value);
-			if (value != before) {
-				s.changed = true;
-				if (s.dirty) s.dirty->whole.insert(s.currentObject);
-			}
+		const double before = value;
+		s("value", value);
+		if constexpr (!S::isWriter) {
+			if (value != before) s.changed = true;
+			if (value != before && s.dirty) s.dirty->whole.insert(s.currentObject);
 		}
 	}
 };
@@ -334,10 +326,7 @@ struct Group {
 	std::vector<float> curve{1, 2};
 	template<class S>
 	void state(S &s) {
-		s.extra("name", name);
-		s("gain", gain);
-		s("mode", mode);
-		s("curve", curve);
+		s.extra("name", name), s("gain", gain), s("mode", mode), s("curve", curve);
 	}
 };
 
@@ -350,13 +339,8 @@ struct Root {
 	std::string title = "root";
 	template<class S>
 	void state(S &s) {
-		s.extra("title", title);
 		int version = 0;
-		s("version", version);
-		s("group", group);
-		s("level", level);
-		s("flag", flag);
-		s("rows", rows);
+		s.extra("title", title), s("version", version), s("group", group), s("level", level), s("flag", flag), s("rows", rows);
 	}
 	int uiCalls = 0;
 	template<class S>
@@ -365,14 +349,12 @@ struct Root {
 
 std::vector<unsigned char> write(Root &root, DirtySet *dirty = nullptr, bool ui = false) {
 	std::vector<unsigned char> bytes;
-	Writer writer(bytes, dirty, ui);
-	writer.writeObject(root);
+	Writer(bytes, dirty, ui).writeObject(root);
 	return bytes;
 }
 
 bool read(Root &root, const std::vector<unsigned char> &bytes, DirtySet *dirty = nullptr) {
-	Reader reader(cbor::TaggedCborWalker(bytes.data(), bytes.data() + bytes.size()), dirty);
-	return reader.readObject(root);
+	return Reader(cbor::TaggedCborWalker(bytes.data(), bytes.data() + bytes.size()), dirty).readObject(root);
 }
 
 std::string diag(const std::vector<unsigned char> &bytes) { return lumbrel_test::diagnostic(bytes); }

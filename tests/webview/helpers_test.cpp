@@ -18,7 +18,6 @@
 
 using webview_gui::helpers::decodeBase64;
 using webview_gui::helpers::encodeBase64;
-using webview_gui::helpers::extMap;
 using webview_gui::helpers::guessMediaType;
 
 namespace {
@@ -54,8 +53,7 @@ TEST(Base64, DecodesLeniently) {
 	EXPECT_EQ(decode("@@@@!!!!").size(), 6u);
 }
 
-// What the page, its scripts and assets need, how a path names its
-// extension, and every row of the table in any case.
+// What the page, its scripts and assets need, and how a path names its extension.
 TEST(MediaType, PathsToTypes) {
 	const char *page = "text/html;charset=utf-8", *js = "text/javascript;charset=utf-8", *unknown = "application/octet-stream";
 	const std::pair<const char *, const char *> rows[] = {
@@ -67,23 +65,14 @@ TEST(MediaType, PathsToTypes) {
 		// Query and fragment are not part of the name.
 		{"/index.html?x=1#y", page}, {"/index.html#x.png", page}, {"/a.css#?.png", "text/css;charset=utf-8"},
 		{"/cbor.min.js?v=1.2", js}, {"/api?file=a/b.png", unknown}, {"/?page.png", page},
-		// Bytes that aren't letters fold to nothing known.
+		// Any case; bytes that aren't letters fold to nothing known.
+		{"/a.PNG", "image/png"}, {"/INDEX.HTML", page}, {"/note.Disposition-Notification", "message/disposition-notification"},
 		{"/a.\xC3\x89", unknown},
 		// No extension is a page; the extension starts after the last "." or "/".
 		{"", page}, {"/", page}, {"/folder/", page}, {"/folder/?q=1", page}, {"/name.", page},
 		{"/folder.name/file", unknown}, {"README", unknown}, {"png", "image/png"}, {"/a.htmlx", unknown},
 	};
 	for (const auto &[path, type] : rows) EXPECT_EQ(guessMediaType(path), type) << path;
-
-	EXPECT_GT(extMap().size(), 400u);
-	for (const auto &[extension, entry] : extMap()) {
-		EXPECT_EQ(extension.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-"), std::string::npos) << extension;
-		std::string expected = std::string(entry.type) + "/" + entry.subtype;
-		if (std::strcmp(entry.type, "text") == 0) expected += ";charset=utf-8";
-		std::string upper = extension;
-		for (char &c : upper) c = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 32) : c;
-		EXPECT_EQ(guessMediaType(("/x/Y." + upper + "?q").c_str()), expected);
-	}
 }
 
 } // namespace

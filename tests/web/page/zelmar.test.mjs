@@ -145,61 +145,43 @@ test('@if: present only while true, built on demand, in its place, and let go wh
   assert.ok(count(p.state.owner) <= before + 4, 'what was taken away is let go');
 });
 
-describe('$attr', () => {
-  test('$class, listener, property, attribute, "-" attribute, $update, mixed parts', () => {
-    const p = page(`<input id=i class="fixed" $class="c-{kind}" $value="{text}" $title="\${d => d.tip}"
-        $-value="{text}!" $click="\${(d, e, el) => { d.clicked = el.id; }}" $update="\${d => { d.text; }}">
-        <div id=d $-data-b="n=\${d => d.n + 1} {n}"></div>`, { kind: 'a', text: 'hello', tip: 'tip', n: 4 });
-    const input = p.document.getElementById('i');
-    assert.deepEqual([Array.from(input.classList), input.value, input.getAttribute('value'), input.getAttribute('title')],
-      [['fixed', 'c-a'], 'hello', 'hello!', 'tip']);
-    assert.equal(input.hasAttribute('update'), false, 'an undefined result sets nothing');
-    assert.equal(p.document.getElementById('d').getAttribute('data-b'), 'n=5 4');
-    p.state.merge({ kind: 'b', text: 'bye', tip: null });
-    assert.deepEqual([Array.from(input.classList), input.value], [['fixed', 'c-b'], 'bye']);
-    assert.equal(input.hasAttribute('title'), false, 'null removes the attribute');
-    input.click();
-    assert.equal(p.state.data.clicked, 'i');
-  });
-
-  test('expressions see the functions of the scripts of their template and of the templates around it', () => {
-    const p = page(`<div id=out>$outer{=}</div>
-      <template name=outer>
-        <script>function shout(d) { return String(d.word || d).toUpperCase(); }</script>
-        <template @foreach><b $-title="\${shout}">{=}</b></template>
-        <template name=inner><script>const suffix = '!';</script><i $-title="\${d => shout(d) + suffix}"></i></template>
-        $inner{=}
-      </template>
-      <p>$missing{=}</p>`, { word: 'hey' });
-    assert.equal(p.document.querySelector('b').getAttribute('title'), 'HEY');
-    assert.equal(p.document.querySelector('i').getAttribute('title'), 'HEY!');
-    assert.equal(p.document.querySelector('p').textContent, 'Template not found: missing');
-  });
+test('$attr: $class, listener, property, attribute, "-" attribute, $update, mixed parts', () => {
+  const p = page(`<input id=i class="fixed" $class="c-{kind}" $value="{text}" $title="\${d => d.tip}"
+      $-value="{text}!" $click="\${(d, e, el) => { d.clicked = el.id; }}" $update="\${d => { d.text; }}">
+      <div id=d $-data-b="n=\${d => d.n + 1} {n}"></div>`, { kind: 'a', text: 'hello', tip: 'tip', n: 4 });
+  const input = p.document.getElementById('i');
+  assert.deepEqual([Array.from(input.classList), input.value, input.getAttribute('value'), input.getAttribute('title')],
+    [['fixed', 'c-a'], 'hello', 'hello!', 'tip']);
+  assert.equal(input.hasAttribute('update'), false, 'an undefined result sets nothing');
+  assert.equal(p.document.getElementById('d').getAttribute('data-b'), 'n=5 4');
+  p.state.merge({ kind: 'b', text: 'bye', tip: null });
+  assert.deepEqual([Array.from(input.classList), input.value], [['fixed', 'c-b'], 'bye']);
+  assert.equal(input.hasAttribute('title'), false, 'null removes the attribute');
+  input.click();
+  assert.equal(p.state.data.clicked, 'i');
 });
 
-describe('trackMerges', () => {
-  test('writes through the proxy become merges by path, combined per tick, nulls kept; state.merge tells no tracker', async () => {
-    const p = page(`<b>{list.length}</b>`, { engineConfig: { latencyMs: { gesture: false, rangeUnit: 0.2 } }, list: [1, 2], gone: 1 });
-    const merges = [];
-    p.state.trackMerges((m) => merges.push(plain(m)));
-    const latency = p.state.data.engineConfig.latencyMs;
-    latency.gesture = true;
-    latency.rangeUnit = 0.3;
-    latency.rangeUnit = 0.4;
-    latency[Symbol.for('local')] = 1;
-    p.state.data.list.push(3);
-    assert.equal(p.document.querySelector('b').textContent, '3', 'a local write redraws at once');
-    delete p.state.data.gone;
-    assert.equal(merges.length, 0, 'delivered later, not at once');
-    await nextTick();
-    assert.deepEqual(merges, [{ engineConfig: { latencyMs: { gesture: true, rangeUnit: 0.4 } }, list: [1, 2, 3], gone: null }]);
-    latency.rangeUnit = 0.4;
-    p.state.merge({ list: [5] });
-    await nextTick();
-    assert.equal(merges.length, 1, 'the same value, or a merge from outside, is no change to send');
-    const raw = p.Zelmar.getRaw(latency);
-    assert.deepEqual([p.Zelmar.getRaw(raw), p.Zelmar.getRaw(7)], [raw, 7]);
-  });
+test('trackMerges: writes through the proxy become merges by path, combined per tick, nulls kept; state.merge tells no tracker', async () => {
+  const p = page(`<b>{list.length}</b>`, { engineConfig: { latencyMs: { gesture: false, rangeUnit: 0.2 } }, list: [1, 2], gone: 1 });
+  const merges = [];
+  p.state.trackMerges((m) => merges.push(plain(m)));
+  const latency = p.state.data.engineConfig.latencyMs;
+  latency.gesture = true;
+  latency.rangeUnit = 0.3;
+  latency.rangeUnit = 0.4;
+  latency[Symbol.for('local')] = 1;
+  p.state.data.list.push(3);
+  assert.equal(p.document.querySelector('b').textContent, '3', 'a local write redraws at once');
+  delete p.state.data.gone;
+  assert.equal(merges.length, 0, 'delivered later, not at once');
+  await nextTick();
+  assert.deepEqual(merges, [{ engineConfig: { latencyMs: { gesture: true, rangeUnit: 0.4 } }, list: [1, 2, 3], gone: null }]);
+  latency.rangeUnit = 0.4;
+  p.state.merge({ list: [5] });
+  await nextTick();
+  assert.equal(merges.length, 1, 'the same value, or a merge from outside, is no change to send');
+  const raw = p.Zelmar.getRaw(latency);
+  assert.deepEqual([p.Zelmar.getRaw(raw), p.Zelmar.getRaw(7)], [raw, 7]);
 });
 
 describe('interaction attributes', () => {
