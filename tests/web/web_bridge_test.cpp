@@ -76,11 +76,12 @@ protected:
 		float *channels[2] = {buffer.data(), buffer.data()};
 		instance->process(channels, 2, channels, 2, frames, events, out);
 	}
-	// Parameter events of these types in this order, and nothing else.
+	// Parameter events of these types in this order, and nothing else; then none.
 	void expectTypes(std::initializer_list<std::uint16_t> types) {
 		ASSERT_EQ(out.pushed.size(), types.size());
 		std::size_t i = 0;
 		for (auto type : types) EXPECT_EQ(out.header(i++).type, type);
+		out.clear();
 	}
 
 	Host host;
@@ -143,23 +144,19 @@ TEST_F(WebBridge, PageEditsReachTheHostAsGestureValueGesture) {
 	EXPECT_GE(host.flushRequests.load(), 3);
 
 	block(64);
+	const auto value = out.pushed.size() == 3 ? out.as<clap_event_param_value>(1) : clap_event_param_value{};
 	expectTypes({CLAP_EVENT_PARAM_GESTURE_BEGIN, CLAP_EVENT_PARAM_VALUE, CLAP_EVENT_PARAM_GESTURE_END});
-	const auto value = out.as<clap_event_param_value>(1);
 	EXPECT_TRUE(value.param_id == info.id && value.cookie == info.cookie && value.note_id == -1 && value.key == -1);
 	EXPECT_DOUBLE_EQ(value.value, 0.25);
-	// Nothing more is due.
-	out.clear();
 	block(64);
-	EXPECT_TRUE(out.pushed.empty());
+	expectTypes({}); // nothing more is due
 	// A host that has just read the value needs no event for it; the gestures still go.
 	receive("a1 64 74696d65 a2 67 67657374757265 f5 65 76616c7565 fb 3ff0000000000000");
 	position(*instance);
-	out.clear();
 	instance->paramsFlush(events, out);
 	expectTypes({CLAP_EVENT_PARAM_GESTURE_BEGIN});
 	// A full host queue keeps the value (and the gesture end behind it) due.
 	receive("a1 64 74696d65 a2 65 76616c7565 fb 3ff8000000000000 67 67657374757265 f4");
-	out.clear();
 	out.capacity = 0;
 	instance->paramsFlush(events, out);
 	out.capacity = 16;
@@ -237,14 +234,10 @@ TEST_F(WebBridge, GetUriAndResourcesThroughShortBuffersAndStreams) {
 	EXPECT_FALSE(webview->get_resource(instance->clapPlugin(), "/missing.png", type, 255, &missing.stream));
 	EXPECT_TRUE(missing.bytes.empty());
 	EXPECT_STREQ(type, "image/png") << "the media type is guessed even for a missing file";
-	MemoryOStream slow;
-	slow.maxChunk = 100;
+	MemoryOStream slow{{}, 100}, failing{{}, 100, 500};
 	EXPECT_TRUE(webview->get_resource(instance->clapPlugin(), "/index.html?compact", type, 255, &slow.stream));
 	EXPECT_GT(slow.bytes.size(), 1000u);
 	EXPECT_STREQ(type, "text/html;charset=utf-8");
-	MemoryOStream failing;
-	failing.maxChunk = 100;
-	failing.failAfter = 500;
 	EXPECT_FALSE(webview->get_resource(instance->clapPlugin(), "/cbor.min.js", type, 255, &failing.stream));
 }
 
@@ -281,13 +274,9 @@ TEST_F(WebBridge, StateSavesAndLoadsValuesAndSurvivesBadBlobs) {
 	EXPECT_FALSE(state->load(fresh.clapPlugin(), &exact.stream));
 	EXPECT_EQ(exact.reads, 2);
 	// A writer that takes a few bytes at a time gets them all; one that fails gives false.
-	MemoryOStream trickle;
-	trickle.maxChunk = 3;
+	MemoryOStream trickle{{}, 3}, broken{{}, 4, 10};
 	EXPECT_TRUE(instance->extension<clap_plugin_state>(CLAP_EXT_STATE)->save(instance->clapPlugin(), &trickle.stream));
 	EXPECT_EQ(trickle.bytes, edited);
-	MemoryOStream broken;
-	broken.maxChunk = 4;
-	broken.failAfter = 10;
 	EXPECT_FALSE(instance->extension<clap_plugin_state>(CLAP_EXT_STATE)->save(instance->clapPlugin(), &broken.stream));
 }
 

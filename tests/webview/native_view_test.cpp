@@ -123,9 +123,7 @@ struct InkBox {
 	int height() const { return bottom - top + 1; }
 	int centre() const { return (left + right) / 2; }
 	int middle() const { return (top + bottom) / 2; }
-	void add(int x, int y) {
-		left = std::min(left, x), right = std::max(right, x), top = std::min(top, y), bottom = std::max(bottom, y);
-	}
+	void add(int x, int y) { left = std::min(left, x), right = std::max(right, x), top = std::min(top, y), bottom = std::max(bottom, y); }
 };
 
 // Every dark pixel of rows [top, bottom).
@@ -137,29 +135,25 @@ InkBox inkIn(const ScreenImage &image, int top, int bottom) {
 	return box;
 }
 
-// The boxes of the 8-connected pieces of ink.
-std::vector<InkBox> inkPieces(const ScreenImage &image) {
+// The boxes of the 8-connected pieces of ink (each taken out of the copy as it is found).
+std::vector<InkBox> inkPieces(ScreenImage image) {
 	std::vector<InkBox> pieces;
-	std::vector<std::uint8_t> seen(image.dark.size(), 0);
-	std::vector<std::pair<int, int>> stack;
+	auto take = [&](int x, int y, std::vector<std::pair<int, int>> &stack) {
+		if (x < 0 || y < 0 || x >= image.width || y >= image.height || !image.at(x, y)) return;
+		image.dark[std::size_t(y) * std::size_t(image.width) + std::size_t(x)] = 0;
+		stack.emplace_back(x, y);
+	};
 	for (int y = 0; y < image.height; ++y) {
 		for (int x = 0; x < image.width; ++x) {
-			if (seen[std::size_t(y) * std::size_t(image.width) + std::size_t(x)] || !image.at(x, y)) continue;
+			std::vector<std::pair<int, int>> stack;
 			InkBox piece;
-			stack.assign(1, {x, y});
-			seen[std::size_t(y) * std::size_t(image.width) + std::size_t(x)] = 1;
-			while (!stack.empty()) {
+			for (take(x, y, stack); !stack.empty();) {
 				const auto [px, py] = stack.back();
 				stack.pop_back();
 				piece.add(px, py);
-				for (int ny = std::max(py - 1, 0); ny <= std::min(py + 1, image.height - 1); ++ny) {
-					for (int nx = std::max(px - 1, 0); nx <= std::min(px + 1, image.width - 1); ++nx) {
-						const std::size_t next = std::size_t(ny) * std::size_t(image.width) + std::size_t(nx);
-						if (!seen[next] && image.at(nx, ny)) seen[next] = 1, stack.emplace_back(nx, ny);
-					}
-				}
+				for (int n = 0; n < 9; ++n) take(px + n % 3 - 1, py + n / 3 - 1, stack);
 			}
-			pieces.push_back(piece);
+			if (piece.right >= 0) pieces.push_back(piece);
 		}
 	}
 	return pieces;

@@ -23,9 +23,10 @@ const noBuild = build.missing.length
   ? `no C++ build: ${build.missing.join(', ')} missing (run scripts/build.sh, or set LUMBREL_BUILD_DIR)` : false;
 if (noBuild && process.env.CI) throw new Error(noBuild);
 // LUMBREL_BRIDGE_PLUGINS=swell,octaver limits the editors tested (by the id's last part).
+const shortName = (id) => id.slice(id.lastIndexOf('.') + 1);
 const only = process.env.LUMBREL_BRIDGE_PLUGINS?.split(',').filter(Boolean);
 const allPlugins = noBuild ? [] : listPlugins();
-const plugins = only ? allPlugins.filter((p) => only.includes(p.id.slice(p.id.lastIndexOf('.') + 1))) : allPlugins;
+const plugins = only ? allPlugins.filter((p) => only.includes(shortName(p.id))) : allPlugins;
 
 /** A parameter's id as a host sees it: CRC-32 of each key followed by a zero byte. */
 function keyPathId(keys) {
@@ -37,7 +38,6 @@ function keyPathId(keys) {
   return ~crc >>> 0;
 }
 
-const shortName = (id) => id.slice(id.lastIndexOf('.') + 1);
 /** Texts compared without blanks: the page shows number and unit apart, value_to_text as one string. */
 const squeeze = (text) => text.replace(/\s+/g, '');
 const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
@@ -300,19 +300,14 @@ for (const { id, name } of plugins) {
         await eventsUntil(param.id, (x) => x.type === 'value' && x.value === expected);
         assert.equal(await value(), expected);
         await showsPluginText(index);
-        // A button at the end of the range is marked.
-        await until(() => classOf('up'), (c) => /\bdisabled\b/.test(c) === (expected >= param.max), 'up button marking');
-        await until(() => classOf('down'), (c) => /\bdisabled\b/.test(c) === (expected <= param.min), 'down button marking');
+        await until(async () => [/\bdisabled\b/.test(await classOf('up')), /\bdisabled\b/.test(await classOf('down'))],
+          (marked) => marked[0] === (expected >= param.max) && marked[1] === (expected <= param.min), 'a button at an end is marked');
       }
 
       const start = await value();
-      if (start < param.max) {
-        await press('up', start + 1);
-        await press('down', start);
-      } else {
-        await press('down', start - 1);
-        await press('up', start);
-      }
+      const [first, second] = start < param.max ? ['up', 'down'] : ['down', 'up'];
+      await press(first, start + (first === 'up' ? 1 : -1));
+      await press(second, start);
     });
 
     test('?compact&columns: both classes, a 9pt font, controls in a column, no header', async () => {

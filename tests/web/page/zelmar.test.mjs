@@ -197,15 +197,10 @@ describe('interaction attributes', () => {
 
   test('keyboard: Enter and Space press and release; arrows step 15 px; Page, Home, End are infinite', () => {
     const c = control();
-    c.key('keydown', 'Enter');
-    c.key('keydown', 'Enter', { repeat: true });
-    c.key('keyup', 'Enter');
-    c.key('keydown', ' ');
-    c.key('keyup', ' ');
-    for (const k of ['ArrowUp', 'ArrowDown', 'ArrowLeft', 'ArrowRight']) c.key('keydown', k);
-    c.key('keydown', 'ArrowUp', { ctrlKey: true });
-    c.key('keydown', 'ArrowDown', { metaKey: true });
-    for (const k of ['PageUp', 'PageDown', 'Home', 'End']) c.key('keydown', k);
+    for (const [type, k, init] of [['keydown', 'Enter'], ['keydown', 'Enter', { repeat: true }], ['keyup', 'Enter'], ['keydown', ' '],
+      ['keyup', ' '], ['keydown', 'ArrowUp'], ['keydown', 'ArrowDown'], ['keydown', 'ArrowLeft'], ['keydown', 'ArrowRight'],
+      ['keydown', 'ArrowUp', { ctrlKey: true }], ['keydown', 'ArrowDown', { metaKey: true }], ['keydown', 'PageUp'],
+      ['keydown', 'PageDown'], ['keydown', 'Home'], ['keydown', 'End']]) c.key(type, k, init);
     assert.deepEqual(c.log(), [
       ['press', 1, 'keydown'], ['unpress', 'keyup', 0], ['press', 2, 'keydown'], ['unpress', 'keyup', 0],
       ['move', 0, -15], ['move', 0, 15], ['move', -15, 0], ['move', 15, 0], ['move', 0, -1.5], ['move', 0, Infinity],
@@ -224,9 +219,7 @@ describe('interaction attributes', () => {
 
   test('$resize hears the window until removed; a page defines its own attribute on top of press', () => {
     const p = page(`<div id=r $resize="\${(d, el, w, h) => d.sizes.push([el.id, w, h])}" @if="\${d => d.on}" $toggle></div>`);
-    p.Zelmar.global.attributes.toggle = (el) => p.Zelmar.global.attributes.press(el, (count) => {
-      if (count === 2) el.classList.toggle('big');
-    });
+    p.Zelmar.global.attributes.toggle = (el) => p.Zelmar.global.attributes.press(el, (count) => count === 2 && el.classList.toggle('big'));
     const state = p.Zelmar.replace(p.document.body, { sizes: [], on: true });
     p.window.dispatchEvent(new p.window.Event('resize'));
     const el = p.document.getElementById('r');
