@@ -30,23 +30,17 @@ inline varkesh::cbor::CborWalker walkerOn(const std::vector<unsigned char> &byte
 	return {bytes.data(), bytes.data() + bytes.size()};
 }
 
-// Whole numbers as "10.0", others as the shortest decimal that reads back
-// as the same double.
+// The shortest decimal that reads back as the same double, whole ones as "10.0".
 inline std::string diagnosticNumber(double v) {
-	if (std::isnan(v)) return "NaN";
-	if (std::isinf(v)) return v > 0 ? "Infinity" : "-Infinity";
+	if (std::isnan(v) || std::isinf(v)) return std::isnan(v) ? "NaN" : v > 0 ? "Infinity" : "-Infinity";
 	char text[40];
-	if (v == std::floor(v) && std::fabs(v) < 1e15) {
-		std::snprintf(text, sizeof text, "%.1f", v);
-		return text;
-	}
-	for (int precision = 1; precision <= 17; ++precision) {
+	if (v == std::floor(v) && std::fabs(v) < 1e15) std::snprintf(text, sizeof text, "%.1f", v);
+	for (int precision = 1; precision <= 17 && !(v == std::floor(v) && std::fabs(v) < 1e15); ++precision) {
 		std::snprintf(text, sizeof text, "%.*g", precision, v);
 		if (std::strtod(text, nullptr) == v) break;
 	}
-	std::string s = text;
-	if (s.find_first_of(".e") == std::string::npos) s += ".0";
-	return s;
+	const std::string s = text;
+	return s.find_first_of(".e") == std::string::npos ? s + ".0" : s;
 }
 
 // Containers nested deeper than this print as "..." and don't re-encode.
@@ -163,14 +157,6 @@ inline bool reencode(const varkesh::cbor::CborWalker &item, varkesh::cbor::CborW
 	default:
 		return false;
 	}
-}
-
-inline std::vector<unsigned char> reencoded(const std::vector<unsigned char> &bytes, bool *ok = nullptr) {
-	std::vector<unsigned char> out;
-	varkesh::cbor::CborWriter writer(out);
-	const bool done = reencode(walkerOn(bytes), writer);
-	if (ok) *ok = done;
-	return out;
 }
 
 } // namespace lumbrel_test

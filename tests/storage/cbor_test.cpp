@@ -68,8 +68,9 @@ TEST(Cbor, RfcExamplesReadAndRewriteExactly) {
 		const auto bytes = hexBytes(e.hex);
 		EXPECT_EQ(diagnostic(bytes), e.diagnostic);
 		EXPECT_EQ(walkerOn(bytes).next().begin, bytes.data() + bytes.size());
-		bool ok = false;
-		EXPECT_TRUE(e.diagnostic[1] == 's' || (lumbrel_test::reencoded(bytes, &ok) == bytes && ok)) << "rewritten";
+		std::vector<unsigned char> copy;
+		CborWriter writer(copy);
+		EXPECT_TRUE(e.diagnostic[1] == 's' || (lumbrel_test::reencode(walkerOn(bytes), writer) && copy == bytes)) << "rewritten";
 	}
 }
 
