@@ -40,21 +40,17 @@ TEST(RangeParamInfoPosition, CurvePassesThroughLowMidHighAndInverts) {
 	RangeParamInfo straight;
 	straight.range(-0.95, 0, 0.95);
 	EXPECT_EQ(straight.rangeC, 0); // mid halfway: linear
-
 	for (auto &d : declarations) {
 		SCOPED_TRACE(d.high);
 		RangeParamInfo info;
 		info.range(d.low, d.mid, d.high);
-		EXPECT_NEAR(info.fromPosition(0), d.low, 1e-9);
-		EXPECT_NEAR(info.fromPosition(0.5), d.mid, 1e-9);
-		EXPECT_NEAR(info.fromPosition(1), d.high, 1e-9);
+		for (const auto &[x, value] : {std::pair{0.0, d.low}, {0.5, d.mid}, {1.0, d.high}}) EXPECT_NEAR(info.fromPosition(x), value, 1e-9) << x;
 		for (double x = 0; x <= 1; x += 1.0 / 64) EXPECT_NEAR(info.toPosition(info.fromPosition(x)), x, 1e-12);
 	}
 	// No clamp; fromRange after the map and toRange before its inverse: a log-scaled control.
 	RangeParamInfo logged;
 	logged.range(0, 1, 2);
-	logged.fromRange = [](double v) { return std::exp(v); };
-	logged.toRange = [](double v) { return std::log(v); };
+	logged.fromRange = [](double v) { return std::exp(v); }, logged.toRange = [](double v) { return std::log(v); };
 	EXPECT_NEAR(logged.fromPosition(0.5), std::exp(1.0), 1e-12);
 	EXPECT_NEAR(logged.toPosition(std::exp(2.0)), 1, 1e-12);
 	EXPECT_GT(straight.fromPosition(1.01), 0.95);
@@ -210,7 +206,6 @@ TEST(LibraryEffect, CollectsEveryParameterAndAcceptsOnlyAConfigTheEffectKeeps) {
 	EXPECT_EQ(effect.rangeParams, (std::vector<decltype(effect.rangeParams)::value_type>{&effect.bpm, &effect.group.gain, &effect.level}));
 	EXPECT_EQ(effect.steppedParams, (std::vector<decltype(effect.steppedParams)::value_type>{&effect.group.mode}));
 	EXPECT_EQ(effect.bpm.value, 120.0);
-
 	EXPECT_TRUE(effect.configure()); // 2 in, 2 out
 	EXPECT_TRUE(effect.builds == 1 && effect.resets == 1 && effect.firstBlock);
 	EXPECT_TRUE(effect.configure()); // nothing changed, rebuilt all the same
@@ -235,7 +230,6 @@ TEST(LibraryEffect, ParameterChangesRunA20msFade) {
 	run(effect, 256);
 	EXPECT_EQ(effect.blockFade, 0.0) << "steady parameters keep the fade at rest";
 	EXPECT_FALSE(effect.firstBlock);
-
 	effect.level.value = 3.0;
 	run(effect, 240);
 	EXPECT_DOUBLE_EQ(effect.blockFade, 240 / (0.02 * 48000));

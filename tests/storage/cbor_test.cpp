@@ -166,10 +166,8 @@ TEST(Cbor, TextEqualsJoinsChunksAndStopsAtTheEnd) {
 // given most significant byte first and reversed for a little-endian tag.
 std::vector<unsigned char> typedArray(unsigned tag, std::size_t elementSize, const char *bigEndianHex) {
 	std::vector<unsigned char> elements = hexBytes(bigEndianHex);
-	if ((tag & 4) && elementSize > 1) {
-		for (std::size_t i = 0; i + elementSize <= elements.size(); i += elementSize)
-			std::reverse(elements.begin() + i, elements.begin() + i + elementSize);
-	}
+	for (std::size_t i = 0; (tag & 4) && i + elementSize <= elements.size(); i += elementSize)
+		std::reverse(elements.begin() + i, elements.begin() + i + elementSize);
 	std::vector<unsigned char> bytes = {0xd8, static_cast<unsigned char>(tag), 0x58, static_cast<unsigned char>(elements.size())};
 	bytes.insert(bytes.end(), elements.begin(), elements.end());
 	return bytes;
@@ -190,9 +188,7 @@ TEST(Cbor, TaggedWalkerKeepsTheTypedArrayTag) {
 	EXPECT_TRUE(taggedOn(hexBytes("c1")).isError());
 	const auto map = hexBytes("a1 c16161 d85540"); // {1("a"): 85(h'')}
 	int pairs = 0;
-	taggedOn(map).forEachPair([&](const TaggedCborWalker &key, const TaggedCborWalker &value) {
-		pairs += key.textEquals("a") && key.tagCount == 1 && value.typedArrayTag == 85;
-	});
+	taggedOn(map).forEachPair([&](const TaggedCborWalker &key, const TaggedCborWalker &value) { pairs += key.textEquals("a") && key.tagCount == 1 && value.typedArrayTag == 85; });
 	EXPECT_EQ(pairs, 1);
 }
 
@@ -237,7 +233,6 @@ TEST(Cbor, TypedArrayCopiesStayInBounds) {
 	EXPECT_EQ(taggedOn(hexBytes("d845 47 0100 0200 0300 04")).readTypedArray(ints, 0, 4), 3u) << "a partial last element";
 	EXPECT_EQ(taggedOn(typedArray(64, 1, "0a 0b 0c")).readTypedArray(ints, 2, 4), 1u);
 	EXPECT_EQ(ints, (std::vector<int>{12, 2, 3, -1}));
-
 	for (const char *hex : {"d850 42 3c00", "d853 50 3fff0000000000000000000000000000", "44 0000803f", "c1 44 0000803f",
 			 "d855 5f 440000803f ff", "d855 64 0000803f", "d855 48 0000803f", "d855 5b ffffffffffffffff 0000803f"}) {
 		std::vector<float> none(4, -1.0f);
@@ -373,7 +368,6 @@ TEST(ObjectStorage, WholeWriteRoundTripsThroughAFreshObject) {
 	EXPECT_EQ(a.uiCalls, 0);
 	write(a, nullptr, true);
 	EXPECT_EQ(a.uiCalls, 1);
-
 	a.group.gain.value = -3.25;
 	a.group.mode = -7;
 	a.group.curve = {0.125f, -1, 1e30f};
@@ -410,7 +404,6 @@ TEST(ObjectStorage, RowsPatchByIndex) {
 	ASSERT_TRUE(read(root, hexBytes("a1 65 67726f7570 a1 65 6375727665 a3 6130 f9 3e00 00 fa 3fc00000 61 35 01"), &dirty));
 	// "0" and 0 name the same element, the later pair winning.
 	EXPECT_EQ(root.group.curve, (std::vector<float>{1.5f, 2}));
-
 	root.group.curve = {1, 2};
 	ASSERT_TRUE(read(root, hexBytes("a1 65 67726f7570 a1 65 6375727665 a2 6130 fa 3fc00000 6132 fa 40400000"), &dirty));
 	EXPECT_EQ(root.group.curve, (std::vector<float>{1.5f, 2, 3}));

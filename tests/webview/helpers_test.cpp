@@ -96,12 +96,10 @@ TEST(ClapGui, SizesAnswersAndTheWebviewEditorOfEachInstance) {
 	EXPECT_EQ(size(plugin), "400x250") << "before init";
 	ASSERT_TRUE(instance.init() && second.init());
 	EXPECT_EQ(size(plugin), "500x300");
-
 	const char *api = nullptr;
 	bool floating = true;
 	ASSERT_TRUE(gui->get_preferred_api(plugin, &api, &floating));
-	EXPECT_STREQ(api, "webview");
-	EXPECT_FALSE(floating);
+	EXPECT_TRUE(std::string(api) == "webview" && !floating);
 	for (const char *kind : {"webview", "cocoa", "x11", "win32", "wayland"})
 		EXPECT_EQ(gui->is_api_supported(plugin, kind, true), std::string(kind) == "webview") << kind;
 	EXPECT_FALSE(gui->create(plugin, "x11", true)) << "nothing floats";

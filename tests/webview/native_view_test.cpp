@@ -172,12 +172,9 @@ std::string outputPath(const std::string &name) { return std::string(LUMBREL_TES
 
 std::string run(const std::string &command) {
 	std::string output;
-	if (FILE *pipe = ::popen(command.c_str(), "r")) {
-		char buffer[65536];
-		std::size_t n;
-		while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) output.append(buffer, n);
-		::pclose(pipe);
-	}
+	FILE *pipe = ::popen(command.c_str(), "r");
+	for (int c; pipe && (c = std::fgetc(pipe)) != EOF;) output += char(c);
+	if (pipe) ::pclose(pipe);
 	return output;
 }
 
@@ -222,10 +219,8 @@ std::vector<Window> childrenOf(Display *display, Window window) {
 	Window root = 0, parent = 0, *children = nullptr;
 	unsigned count = 0;
 	std::vector<Window> result;
-	if (XQueryTree(display, window, &root, &parent, &children, &count)) {
-		result.assign(children, children + count);
-		if (children) XFree(children);
-	}
+	if (XQueryTree(display, window, &root, &parent, &children, &count)) result.assign(children, children + count);
+	if (children) XFree(children);
 	return result;
 }
 
@@ -333,7 +328,6 @@ TEST(NativeViewOffer, X11IsOfferedOnlyWithTheGtkObjectWhichTheBundleDoesNotLink)
 	const std::string needed = run(std::string("ldd ") + LUMBREL_BUNDLE_PATH);
 	ASSERT_NE(needed.find("libc.so"), std::string::npos) << needed;
 	EXPECT_TRUE(needed.find("gtk") == std::string::npos && needed.find("webkit") == std::string::npos) << needed;
-
 	EXPECT_FALSE(aloneGui->is_api_supported(withoutGtk.clapPlugin(), CLAP_WINDOW_API_X11, false));
 	EXPECT_FALSE(aloneGui->create(withoutGtk.clapPlugin(), CLAP_WINDOW_API_X11, false));
 	EXPECT_TRUE(aloneHost.timers.empty());

@@ -77,12 +77,10 @@ before(async () => {
   mkdirSync(shots, { recursive: true });
   profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
   context = await chromium.launchPersistentContext(profile, {
-    executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium',
-    headless: true,
+    executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium', headless: true,
     args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    viewport: { width: 500, height: 300 },
-    deviceScaleFactor: 1,
+    viewport: { width: 500, height: 300 }, deviceScaleFactor: 1,
   });
 });
 
@@ -110,12 +108,8 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     for (const path of ['/index.htmlx', '/html/index.html', '/page.js']) assert.equal((await fetch(origin() + path)).status, 404, path);
     const root = await fetch(origin() + '/', { redirect: 'manual' });
     assert.deepEqual([root.status, root.headers.get('location')], [302, `/index.html?ws=${bridge.port}`]);
-    const status = (host) => new Promise((r, j) => {
-      request({ host: '127.0.0.1', port: bridge.port, path: '/index.html', headers: { Host: host } }, (response) => {
-        response.resume();
-        r(response.statusCode);
-      }).on('error', j).end();
-    });
+    const status = (host) => new Promise((r, j) => request({ host: '127.0.0.1', port: bridge.port, path: '/index.html',
+      headers: { Host: host } }, (response) => r(response.resume().statusCode)).on('error', j).end());
     assert.equal(await status('example.com'), 403);
     assert.equal(await status(`localhost:${bridge.port}`), 200);
     const socket = new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: 'http://example.com' });
@@ -208,11 +202,9 @@ for (const { id, name } of plugins) {
       assert.equal(bridge.received[0], 'ready');
       assert.equal(await page.title(), 'Generic QUORL UI');
       assert.equal(await page.locator('#header').textContent(), whole.name);
-
       for (const p of params) assert.ok(p.keys.length > 0 && keyPathId(p.keys) === p.id, `id of ${p.name}: ${p.keys.join('.')}`);
       assert.deepEqual(await drawnControls(page),
         params.map((p) => [p.groups.join('/'), p.name, p.stepped ? 'stepped' : 'range', squeeze(p.text)]));
-
       await page.waitForSelector('.plot canvas.plot-data');
       await sleep(400);
       await page.screenshot({ path: file('') });
@@ -303,7 +295,6 @@ for (const { id, name } of plugins) {
         await until(async () => [/\bdisabled\b/.test(await classOf('up')), /\bdisabled\b/.test(await classOf('down'))],
           (marked) => marked[0] === (expected >= param.max) && marked[1] === (expected <= param.min), 'a button at an end is marked');
       }
-
       const start = await value();
       const [first, second] = start < param.max ? ['up', 'down'] : ['down', 'up'];
       await press(first, start + (first === 'up' ? 1 : -1));

@@ -170,9 +170,7 @@ describe('decoder errors', () => {
   };
   for (const [message, inputs] of Object.entries(cases)) {
     test(`"${message}"`, () => {
-      for (const hex of inputs) {
-        assert.throws(() => decodeHex(hex.replace(/ /g, '')), { message }, hex);
-      }
+      for (const hex of inputs) assert.throws(() => decodeHex(hex.replace(/ /g, '')), { message }, hex);
     });
   }
 

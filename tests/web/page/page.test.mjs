@@ -62,11 +62,9 @@ const range = (name, value, rangeUnit, text, extra = {}) => ({
 });
 const stepped = (name, value, low, high, text) => ({ value, $type: 'ParamStepped', low, high, name, text });
 const wholeState = () => ({
-  name: 'Test Effect',
-  desc: '',
+  name: 'Test Effect', desc: '', // members in page order
   engineConfig: { name: 'Engine', desc: '', latencyMs: range('latency', 12, 0.5, '12'), iterations: stepped('iterations', 3, 0, 3, '8') },
-  mode: stepped('mode', 0, 0, 1, 'off'),
-  analysisSpectrum: { energy: [] },
+  mode: stepped('mode', 0, 0, 1, 'off'), analysisSpectrum: { energy: [] },
 });
 
 describe('start-up and messages', () => {
