@@ -502,6 +502,7 @@ TEST_F(SavedState, PitchShifterSavesTheDocumentedFieldsAndAnswersEditsWithThePar
 // stepped ones to their lowest step) reaches the state, which comes back byte
 // for byte in a running instance that plays on with the loaded latency.
 TEST_F(SavedState, EveryEffectSavesByTheRulesAndLoadsWhileRunning) {
+	ASSERT_EQ(bundle->count(), 10u);
 	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
 		const char *id = bundle->descriptor(p)->id;
 		SCOPED_TRACE(id);
