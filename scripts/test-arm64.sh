@@ -21,7 +21,7 @@ fi
 
 cmake -S . -B "$out/lumbrel" "${toolchain[@]}" -DCMAKE_PREFIX_PATH="$out/googletest" \
   -DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF >/dev/null
-targets=(linear_tests lumbrel_engine_tests storage_cbor_tests storage_object_tests
+targets=(linear_tests lumbrel_engine_tests storage_cbor_tests
   effects_spectral_pass_test effects_swell_decay_test)
 echo "test-arm64: building ${targets[*]}"
 cmake --build "$out/lumbrel" -j "$jobs" --target "${targets[@]}"

@@ -31,7 +31,7 @@ echo "sanitizers: fuzzing took $((SECONDS - start)) s"
 # ThreadSanitizer (build-tsan/): the web tests, where the audio and the main
 # thread meet in the message ring. Only their targets are built.
 start=$SECONDS
-tsan_tests=(web_message_ring_threads_test web_bridge_test web_saved_state_test)
+tsan_tests=(web_bridge_test)
 tsan_dir=${LUMBREL_TSAN_BUILD_DIR:-build-tsan}
 cmake -S . -B "$tsan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMBREL_SANITIZE=thread \
 	-DLUMBREL_BENCHMARKS=OFF -DLUMBREL_TOOLS=OFF > /dev/null

@@ -1,3 +1,7 @@
+// Parameter infos (position maps, texts both ways), and the frame's
+// bookkeeping around an effect wrapper: parameters, configuration, fades, meters.
+#include "frame/library_effect.h"
+#include "frame/library_effect_base.h"
 #include "frame/range_param_info.h"
 #include "frame/stepped_param_info.h"
 
@@ -36,105 +40,77 @@ TEST(RangeParamInfoPosition, CurvePassesThroughLowMidHighAndInverts) {
 	RangeParamInfo straight;
 	straight.range(-0.95, 0, 0.95);
 	EXPECT_EQ(straight.rangeC, 0); // mid halfway: linear
-
 	for (auto &d : declarations) {
 		SCOPED_TRACE(d.high);
 		RangeParamInfo info;
 		info.range(d.low, d.mid, d.high);
-		EXPECT_NEAR(info.fromPosition(0), d.low, 1e-9);
-		EXPECT_NEAR(info.fromPosition(0.5), d.mid, 1e-9);
-		EXPECT_NEAR(info.fromPosition(1), d.high, 1e-9);
+		for (const auto &[x, value] : {std::pair{0.0, d.low}, {0.5, d.mid}, {1.0, d.high}}) EXPECT_NEAR(info.fromPosition(x), value, 1e-9) << x;
 		for (double x = 0; x <= 1; x += 1.0 / 64) EXPECT_NEAR(info.toPosition(info.fromPosition(x)), x, 1e-12);
 	}
-
 	// No clamp; fromRange after the map and toRange before its inverse: a log-scaled control.
 	RangeParamInfo logged;
 	logged.range(0, 1, 2);
-	logged.fromRange = [](double v) { return std::exp(v); };
-	logged.toRange = [](double v) { return std::log(v); };
+	logged.fromRange = [](double v) { return std::exp(v); }, logged.toRange = [](double v) { return std::log(v); };
 	EXPECT_NEAR(logged.fromPosition(0.5), std::exp(1.0), 1e-12);
 	EXPECT_NEAR(logged.toPosition(std::exp(2.0)), 1, 1e-12);
 	EXPECT_GT(straight.fromPosition(1.01), 0.95);
 }
 
 TEST(RangeParamInfoText, RoundingBranchesAndTrailingZeros) {
-	EXPECT_EQ(withUnit("", 0).toString(2.54), "2"); // truncates after the 0.45 nudge
-	EXPECT_EQ(withUnit("", 0).toString(2.55), "3");
-	EXPECT_EQ(withUnit("", 0).toString(-2.54), "-2");
-	EXPECT_EQ(withUnit("", 0).toString(100), "100");
-	EXPECT_EQ(withUnit("", 1).toString(2.004), "2"); // 2.049 -> "2.0" -> "2"
-	EXPECT_EQ(withUnit("", 1).toString(2.01), "2.1"); // 2.055 rounds up
-	EXPECT_EQ(withUnit("", 2).toString(1.5), "1.5");
-	EXPECT_EQ(withUnit("", 2).toString(-0.0), "-0"); // the nudge keeps the sign
+	// Truncated after a 0.45 nudge with no decimals; rounded, trailing zeros dropped, with some.
+	const struct {
+		int precision;
+		double value;
+		const char *text;
+	} cases[] = {{0, 2.54, "2"}, {0, 2.55, "3"}, {0, -2.54, "-2"}, {0, 100, "100"}, {1, 2.004, "2"}, {1, 2.01, "2.1"},
+		{2, 1.5, "1.5"}, {2, -0.0, "-0"}};
+	for (const auto &c : cases) EXPECT_EQ(withUnit("", c.precision).toString(c.value), c.text) << c.value;
 	RangeParamInfo keep(1);
 	keep.unit("", 2, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 1, 0);
 	EXPECT_EQ(keep.toString(1.5), "1.50");
 }
 
-TEST(RangeParamInfoText, SuffixSpacingAndUnitChoice) {
+TEST(RangeParamInfoText, SuffixSpacingUnitChoiceAndExactValues) {
 	RangeParamInfo spaced = withUnit(" ms", 1);
 	EXPECT_EQ(spaced.units[0].suffix, "ms");
-	EXPECT_EQ(spaced.toString(10), "10 ms");
-	EXPECT_EQ(withUnit("ms", 1).toString(10), "10ms");
 	std::string number, suffix;
 	spaced.toString(7.25, number, suffix);
-	EXPECT_EQ(number, "7.3");
-	EXPECT_EQ(suffix, "ms");
-
-	// Unit ranges are inclusive at both ends; outside all of them the first unit is used.
-	RangeParamInfo ranged(1);
-	ranged.unit("a", 0, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 0, 1)
-		.unit("b", 0, RangeParamInfo::identityMap, RangeParamInfo::identityMap, 1, 2);
-	EXPECT_EQ(ranged.toString(0), "0a");
-	EXPECT_EQ(ranged.toString(1), "1a");
-	EXPECT_EQ(ranged.toString(2), "2b");
-	EXPECT_EQ(ranged.toString(5), "5a");
-
-	// The detune declaration: the first unit spans all doubles and always wins.
+	EXPECT_EQ(number + "|" + suffix, "7.3|ms");
+	// Unit ranges are inclusive at both ends; outside all of them the first
+	// unit is used; a first unit spanning all doubles always wins.
 	auto id = RangeParamInfo::identityMap;
-	RangeParamInfo detune(1.5);
+	RangeParamInfo ranged(1), detune(1.5), exact = withUnit(" dB", 1);
+	ranged.unit("a", 0, id, id, 0, 1).unit("b", 0, id, id, 1, 2);
 	detune.unit("%", 2).unit("%", 1, id, id, 4, 10).unit("%", 0, id, id, 10, 1e100);
-	EXPECT_EQ(detune.toString(12.34), "12.34%");
-	EXPECT_EQ(detune.toString(5.55), "5.55%");
-
-	// Exact values come first, in order, with no suffix; no unit at all gives "%f".
-	RangeParamInfo exact = withUnit(" dB", 1);
+	// Exact values come first, in order, with no suffix.
 	exact.exactValues = {{0, "off"}, {0, "silent"}};
+	const std::pair<std::string, std::string> texts[] = {{spaced.toString(10), "10 ms"}, {withUnit("ms", 1).toString(10), "10ms"},
+		{ranged.toString(0), "0a"}, {ranged.toString(1), "1a"}, {ranged.toString(2), "2b"}, {ranged.toString(5), "5a"},
+		{detune.toString(12.34), "12.34%"}, {detune.toString(5.55), "5.55%"}, {exact.toString(0), "off"},
+		{RangeParamInfo().toString(1.5), "1.500000"}};
+	for (const auto &[text, expected] : texts) EXPECT_EQ(text, expected);
 	exact.toString(0, number, suffix);
-	EXPECT_EQ(number, "off");
-	EXPECT_EQ(suffix, "");
-	EXPECT_EQ(exact.toString(0), "off");
-	EXPECT_EQ(RangeParamInfo().toString(1.5), "1.500000");
+	EXPECT_EQ(number + "|" + suffix, "off|");
 }
 
 TEST(RangeParamInfoText, FromStringEdgeCases) {
-	RangeParamInfo db = withUnit("dB", 1), spacedDb = withUnit(" dB", 1);
-	EXPECT_EQ(db.fromString("  -3.5 dB\t"), -3.5);
-	EXPECT_EQ(spacedDb.fromString("  -3.5 dB\t"), -3.5);
-	EXPECT_EQ(db.fromString("1,5 dB"), 1); // the conversion stops at the comma
-	RangeParamInfo ms(7);
+	RangeParamInfo db = withUnit("dB", 1), spacedDb = withUnit(" dB", 1), ms(7), hz(440), exact(-1);
 	ms.unit(" ms", 0);
-	EXPECT_EQ(ms.fromString("abc"), 7);
-	EXPECT_EQ(ms.fromString("5 sec"), 5); // unknown unit: the number as it stands
-	EXPECT_EQ(ms.fromString("."), 7);
-	EXPECT_EQ(ms.fromString("-"), 7);
-
 	// A matching unit converts, the first match in declaration order.
-	RangeParamInfo hz(440);
 	hz.unit("Hz", 0)
 		.unit("kHz", 2, [](double k) { return k * 1000; }, [](double v) { return v / 1000; })
 		.unit("kHz", 2, [](double k) { return -k; });
-	EXPECT_EQ(hz.fromString("2.5 kHz"), 2500);
-	EXPECT_EQ(hz.fromString("300 Hz"), 300);
-
 	// Without a digit: longest common prefix with an exact value, first on a tie.
-	RangeParamInfo exact(-1);
 	exact.exactValues = {{0, "off"}, {1, "octave"}, {2, "on"}};
-	EXPECT_EQ(exact.fromString("of"), 0);
-	EXPECT_EQ(exact.fromString("oct"), 1);
-	EXPECT_EQ(exact.fromString("o"), 0);
-	EXPECT_EQ(exact.fromString(" off"), -1); // no blank skipping here
-	EXPECT_EQ(exact.fromString("x"), -1);
+	const struct {
+		const RangeParamInfo &info;
+		const char *text;
+		double value;
+	} cases[] = {{db, "  -3.5 dB\t", -3.5}, {spacedDb, "  -3.5 dB\t", -3.5}, {db, "1,5 dB", 1} /* stops at the comma */,
+		{ms, "abc", 7}, {ms, "5 sec", 5} /* unknown unit: the number as it stands */, {ms, ".", 7}, {ms, "-", 7},
+		{hz, "2.5 kHz", 2500}, {hz, "300 Hz", 300}, {exact, "of", 0}, {exact, "oct", 1}, {exact, "o", 0},
+		{exact, " off", -1} /* no blank skipping here */, {exact, "x", -1}};
+	for (const auto &c : cases) EXPECT_EQ(c.info.fromString(c.text), c.value) << c.text;
 }
 
 // Text shown to the user reads back to within one step of the last digit.
@@ -159,46 +135,131 @@ TEST(RangeParamInfoText, EffectDeclarationsRoundTripThroughText) {
 	}
 }
 
-TEST(SteppedParamInfo, LabelsWidenTheRange) {
-	SteppedParamInfo channels(1);
+TEST(SteppedParamInfo, LabelsWidenTheRangeAndTextsReadBack) {
+	SteppedParamInfo channels(1), reversed(2), repeated(0), onOff(0), iterations(2), semitones(0);
 	EXPECT_EQ(channels.info("channels").labelsFrom(0).label("mono", "full").low, 0);
 	EXPECT_EQ(channels.high, 1);
 	EXPECT_EQ(channels.name, "channels");
-	EXPECT_EQ(channels.toString(1), "full");
-	EXPECT_EQ(channels.toString(7), "7");
-
-	// A reversed range stays reversed while it grows.
-	SteppedParamInfo reversed(2);
-	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d");
+	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d"); // stays reversed while it grows
 	EXPECT_EQ(reversed.low, 2);
 	EXPECT_EQ(reversed.high, -1);
-
-	// A repeated text reads back as the later value.
-	SteppedParamInfo repeated(0);
-	repeated.labelsFrom(0).label("x", "y", "x");
-	EXPECT_EQ(repeated.fromString("x"), 2);
-	EXPECT_EQ(repeated.toString(0), "x");
+	repeated.labelsFrom(0).label("x", "y", "x"); // a repeated text reads back as the later value
+	onOff.labelsFrom(0).label("off", "on");
+	iterations.labelsFrom(0).label("1", "2", "4", "8");
+	semitones.range(-24, 24).labelsFrom(0).label("none");
+	const std::pair<std::string, std::string> texts[] = {{channels.toString(1), "full"}, {channels.toString(7), "7"},
+		{repeated.toString(0), "x"}, {semitones.toString(0), "none"}, {semitones.toString(-5), "-5"}};
+	for (const auto &[text, expected] : texts) EXPECT_EQ(text, expected);
+	// Labels, or numbers with a tail (bare digits are no value), clamped to the range.
+	const struct {
+		const SteppedParamInfo &info;
+		const char *text;
+		int value;
+	} cases[] = {{repeated, "x", 2}, {onOff, "on", 1}, {onOff, "1", 0}, {onOff, "1x", 1}, {onOff, "9x", 1}, {onOff, "-4x", 0},
+		{iterations, "4", 2}, {iterations, "3", 2}, {semitones, "-5", 0}, {semitones, "-5 st", -5}, {semitones, "30 st", 24}};
+	for (const auto &c : cases) EXPECT_EQ(c.info.fromString(c.text), c.value) << c.text;
 }
 
-TEST(SteppedParamInfo, FromStringTakesLabelsOrNumbersWithATail) {
-	SteppedParamInfo onOff(0);
-	onOff.labelsFrom(0).label("off", "on");
-	EXPECT_EQ(onOff.fromString("on"), 1);
-	EXPECT_EQ(onOff.fromString("1"), 0); // bare digits are no value
-	EXPECT_EQ(onOff.fromString("1x"), 1);
-	EXPECT_EQ(onOff.fromString("9x"), 1); // clamped
-	EXPECT_EQ(onOff.fromString("-4x"), 0);
+namespace {
+// One group holding a ranged and a stepped parameter; counts builds and
+// blocks, and wants at least as many outputs as inputs.
+template<class Base>
+struct CountingQUORL : Base {
+	struct Group {
+		typename Base::ParamRange gain{0.5};
+		typename Base::ParamStepped mode{1};
+		template<class Storage>
+		void state(Storage &s) {
+			s.range("gain", gain).info("gain").range(0, 0.5, 1).unit("", 2), s.stepped("mode", mode).info("mode").labelsFrom(0).label("a", "b");
+		}
+	};
+	Group group;
+	typename Base::ParamRange level{2.0};
+	int builds = 0, resets = 0, blocks = 0;
+	bool lastSpectrumDue = false;
 
-	SteppedParamInfo iterations(2);
-	iterations.labelsFrom(0).label("1", "2", "4", "8");
-	EXPECT_EQ(iterations.fromString("4"), 2);
-	EXPECT_EQ(iterations.fromString("3"), 2);
+	template<class Storage>
+	void state(Storage &storage) {
+		storage("group", group), storage.range("level", level).info("level").range(0, 2, 4).unit(" dB", 1);
+	}
+	void configureQUORL(quorl::LibraryConfig &config) {
+		++builds;
+		if (config.outputChannels < config.inputChannels) config.outputChannels = config.inputChannels;
+	}
+	void reset() { ++resets; }
+	void processQUORL(const quorl::LibraryConfig &, const float *const *, float *const *, std::size_t, bool due) { ++blocks, lastSpectrumDue = due; }
+};
 
-	SteppedParamInfo semitones(0);
-	semitones.range(-24, 24).labelsFrom(0).label("none");
-	EXPECT_EQ(semitones.toString(0), "none");
-	EXPECT_EQ(semitones.toString(-5), "-5");
-	EXPECT_EQ(semitones.fromString("-5"), 0);
-	EXPECT_EQ(semitones.fromString("-5 st"), -5);
-	EXPECT_EQ(semitones.fromString("30 st"), 24);
+using Effect = quorl::LibraryEffect<float, CountingQUORL<quorl::LibraryEffectBase<float>>>;
+
+void run(Effect &effect, std::size_t length) {
+	std::vector<float> in(length), out(length);
+	const float *inputs[2] = {in.data(), in.data()};
+	float *outputs[2] = {out.data(), out.data()};
+	effect.process(inputs, outputs, length);
+}
+
+} // namespace
+
+TEST(LibraryEffect, CollectsEveryParameterAndAcceptsOnlyAConfigTheEffectKeeps) {
+	Effect effect;
+	EXPECT_EQ(effect.rangeParams, (std::vector<decltype(effect.rangeParams)::value_type>{&effect.bpm, &effect.group.gain, &effect.level}));
+	EXPECT_EQ(effect.steppedParams, (std::vector<decltype(effect.steppedParams)::value_type>{&effect.group.mode}));
+	EXPECT_EQ(effect.bpm.value, 120.0);
+	EXPECT_TRUE(effect.configure()); // 2 in, 2 out
+	EXPECT_TRUE(effect.builds == 1 && effect.resets == 1 && effect.firstBlock);
+	EXPECT_TRUE(effect.configure()); // nothing changed, rebuilt all the same
+	EXPECT_EQ(effect.builds, 2);
+	// Outputs are proposed equal to inputs: 1 in, 2 out fails once, then holds.
+	effect.config.inputChannels = 1;
+	effect.config.outputChannels = 2;
+	EXPECT_FALSE(effect.configure());
+	EXPECT_EQ(effect.config.outputChannels, 1u);
+	EXPECT_TRUE(effect.configure());
+	// Aux ports are refused the same way.
+	effect.config.auxInputs = {2};
+	EXPECT_FALSE(effect.configure());
+	EXPECT_TRUE(effect.config.auxInputs.empty());
+	EXPECT_TRUE(effect.configure());
+	EXPECT_TRUE(effect.inputOffsets.empty());
+}
+
+TEST(LibraryEffect, ParameterChangesRunA20msFade) {
+	Effect effect;
+	ASSERT_TRUE(effect.configure());
+	run(effect, 256);
+	EXPECT_EQ(effect.blockFade, 0.0) << "steady parameters keep the fade at rest";
+	EXPECT_FALSE(effect.firstBlock);
+	effect.level.value = 3.0;
+	run(effect, 240);
+	EXPECT_DOUBLE_EQ(effect.blockFade, 240 / (0.02 * 48000));
+	EXPECT_TRUE(effect.level.from == 2.0 && effect.level.to == 3.0 && effect.level.current == 3.0);
+	// During a fade `from` and `to` stand still, even when the value moves on.
+	effect.level.value = 4.0;
+	run(effect, 240);
+	EXPECT_DOUBLE_EQ(effect.blockFade, 480 / (0.02 * 48000));
+	EXPECT_EQ(effect.level.to, 3.0);
+	run(effect, 480); // reaches 960 samples: the fade ends
+	EXPECT_EQ(effect.blockFade, 0.0);
+	// A block of 960 samples or more ends a fade at once.
+	effect.group.mode.value = 0;
+	run(effect, 960);
+	EXPECT_EQ(effect.blockFade, 0.0);
+	EXPECT_EQ(effect.group.mode.to, 0);
+}
+
+TEST(LibraryEffect, MeterRequestIsAnsweredAfterTheBlockAndTheControlWordRestored) {
+	Effect effect;
+	ASSERT_TRUE(effect.configure());
+	run(effect, 64);
+	EXPECT_FALSE(effect.lastSpectrumDue || effect.hasMeters.load());
+	effect.wantsMeters = true;
+#if defined(__x86_64__)
+	const unsigned before = _mm_getcsr();
+#endif
+	run(effect, 64);
+	EXPECT_TRUE(effect.lastSpectrumDue && effect.hasMeters.load() && !effect.wantsMeters.load());
+#if defined(__x86_64__)
+	EXPECT_EQ(_mm_getcsr(), before);
+#endif
 }

@@ -5,6 +5,7 @@
 #include "storage/cbor_walker.h"
 #include "storage/cbor_writer.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -18,17 +19,10 @@ namespace lumbrel_test {
 // "83 01 02" or "830102" to bytes; anything but hex digits is ignored.
 inline std::vector<unsigned char> hexBytes(std::string_view hex) {
 	std::vector<unsigned char> bytes;
-	int high = -1;
-	for (char c : hex) {
-		int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-		if (digit < 0) continue;
-		if (high < 0) {
-			high = digit;
-		} else {
-			bytes.push_back(static_cast<unsigned char>(high * 16 + digit));
-			high = -1;
-		}
-	}
+	std::string digits;
+	for (char c : hex)
+		if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
+	for (std::size_t i = 0; i + 1 < digits.size(); i += 2) bytes.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
 	return bytes;
 }
 
@@ -36,23 +30,17 @@ inline varkesh::cbor::CborWalker walkerOn(const std::vector<unsigned char> &byte
 	return {bytes.data(), bytes.data() + bytes.size()};
 }
 
-// Whole numbers as "10.0", others as the shortest decimal that reads back
-// as the same double.
+// The shortest decimal that reads back as the same double, whole ones as "10.0".
 inline std::string diagnosticNumber(double v) {
-	if (std::isnan(v)) return "NaN";
-	if (std::isinf(v)) return v > 0 ? "Infinity" : "-Infinity";
+	if (std::isnan(v) || std::isinf(v)) return std::isnan(v) ? "NaN" : v > 0 ? "Infinity" : "-Infinity";
 	char text[40];
-	if (v == std::floor(v) && std::fabs(v) < 1e15) {
-		std::snprintf(text, sizeof text, "%.1f", v);
-		return text;
-	}
-	for (int precision = 1; precision <= 17; ++precision) {
+	if (v == std::floor(v) && std::fabs(v) < 1e15) std::snprintf(text, sizeof text, "%.1f", v);
+	for (int precision = 1; precision <= 17 && !(v == std::floor(v) && std::fabs(v) < 1e15); ++precision) {
 		std::snprintf(text, sizeof text, "%.*g", precision, v);
 		if (std::strtod(text, nullptr) == v) break;
 	}
-	std::string s = text;
-	if (s.find_first_of(".e") == std::string::npos) s += ".0";
-	return s;
+	const std::string s = text;
+	return s.find_first_of(".e") == std::string::npos ? s + ".0" : s;
 }
 
 // Containers nested deeper than this print as "..." and don't re-encode.
@@ -85,14 +73,10 @@ inline std::string diagnostic(const varkesh::cbor::CborWalker &item, unsigned de
 		return "\"" + std::string(item.stringView()) + "\"";
 	case CborType::Tag:
 		return std::to_string(item.value) + "(" + diagnostic(CborWalker(item.data, item.end), depth + 1) + ")";
-	case CborType::Simple:
-		switch (item.value) {
-		case 20: return "false";
-		case 21: return "true";
-		case 22: return "null";
-		case 23: return "undefined";
-		default: return "simple(" + std::to_string(item.value) + ")";
-		}
+	case CborType::Simple: {
+		static const char *const named[] = {"false", "true", "null", "undefined"};
+		return item.value >= 20 && item.value <= 23 ? named[item.value - 20] : "simple(" + std::to_string(item.value) + ")";
+	}
 	case CborType::Float32:
 	case CborType::Float64:
 		return diagnosticNumber(item.asDouble());
@@ -103,29 +87,14 @@ inline std::string diagnostic(const varkesh::cbor::CborWalker &item, unsigned de
 	default:
 		break;
 	}
-	const char *open = "";
-	const char *close = "";
-	switch (item.type) {
-	case CborType::Array: open = "["; close = "]"; break;
-	case CborType::IndefiniteArray: open = "[_ "; close = "]"; break;
-	case CborType::Map: open = "{"; close = "}"; break;
-	case CborType::IndefiniteMap: open = "{_ "; close = "}"; break;
-	default: open = "(_ "; close = ")"; break;
-	}
-	std::string body;
-	CborWalker after;
-	if (item.type == CborType::Map || item.type == CborType::IndefiniteMap) {
-		after = item.forEachPair([&](const CborWalker &key, const CborWalker &value) {
-			if (!body.empty()) body += ", ";
-			body += diagnostic(key, depth + 1) + ": " + diagnostic(value, depth + 1);
-		});
-	} else {
-		after = item.forEach([&](const CborWalker &child, std::size_t) {
-			if (!body.empty()) body += ", ";
-			body += diagnostic(child, depth + 1);
-		});
-	}
-	std::string s = open + body + close;
+	const bool map = item.type == CborType::Map || item.type == CborType::IndefiniteMap;
+	const bool indefinite = item.type != CborType::Array && item.type != CborType::Map;
+	const bool array = item.type == CborType::Array || item.type == CborType::IndefiniteArray;
+	std::string body, s = std::string(map ? "{" : array ? "[" : "(") + (indefinite ? "_ " : "");
+	const CborWalker after = map ? item.forEachPair([&](const CborWalker &key, const CborWalker &value) {
+		body += (body.empty() ? "" : ", ") + diagnostic(key, depth + 1) + ": " + diagnostic(value, depth + 1);
+	}) : item.forEach([&](const CborWalker &child, std::size_t) { body += (body.empty() ? "" : ", ") + diagnostic(child, depth + 1); });
+	s += body + (map ? "}" : array ? "]" : ")");
 	if (after.isError() && !after.atBufferEnd()) s += " error(" + std::to_string(after.value) + ")";
 	return s;
 }
@@ -141,10 +110,7 @@ inline bool reencode(const varkesh::cbor::CborWalker &item, varkesh::cbor::CborW
 	if (depth > diagnosticDepth) return false;
 	bool ok = true;
 	auto child = [&](const CborWalker &c, std::size_t = 0) { ok = ok && reencode(c, writer, depth + 1); };
-	auto pair = [&](const CborWalker &key, const CborWalker &value) {
-		child(key);
-		child(value);
-	};
+	auto pair = [&](const CborWalker &key, const CborWalker &value) { child(key), child(value); };
 	// A walk ends cleanly on the item after the container or at the end of the buffer.
 	auto clean = [](const CborWalker &after) { return !after.isError() || after.atBufferEnd(); };
 	const unsigned char major = static_cast<unsigned char>(item.type);
@@ -191,14 +157,6 @@ inline bool reencode(const varkesh::cbor::CborWalker &item, varkesh::cbor::CborW
 	default:
 		return false;
 	}
-}
-
-inline std::vector<unsigned char> reencoded(const std::vector<unsigned char> &bytes, bool *ok = nullptr) {
-	std::vector<unsigned char> out;
-	varkesh::cbor::CborWriter writer(out);
-	const bool done = reencode(walkerOn(bytes), writer);
-	if (ok) *ok = done;
-	return out;
 }
 
 } // namespace lumbrel_test
