@@ -6,10 +6,13 @@
 // the command line: a shift of the same number of hertz for every peak
 // ("300Hz") instead of semitones, the gain smoothing and detail boost, the
 // analysis' refinement rounds and resolution, and a pair of sines (880 Hz and
-// OTHER_HZ) instead of the 220 Hz harmonic tone.
+// OTHER_HZ, OTHER_dB louder) instead of the 220 Hz harmonic tone. KEEP_HZ > 0
+// outputs only the bands that move with the partial at KEEP_HZ (its own peak
+// and those that take its shift), so that what those bands hold of each
+// partial can be heard apart. Each partial's output level is listed.
 //
 //   lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ
-//       [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB]]]]]]
+//       [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB [KEEP_HZ [OTHER_dB]]]]]]]]
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
@@ -38,7 +41,8 @@ public:
 	double sineA = 0, sineB = 0;
 	std::vector<std::complex<double>> shareA, shareB;
 	std::size_t demodulated = 0;
-	float fromHz = 0, toHz = 0, shiftHz = 0;
+	float fromHz = 0, toHz = 0, shiftHz = 0, keepHz = 0;
+	std::vector<float> keptReal, keptImag;
 
 	void init() {
 		reserveScratch();
@@ -54,6 +58,19 @@ public:
 			shifter.update(*this, peaks);
 		}
 		if (++frame == dumpAt) dump();
+		const float *inReal = inputReal(0), *inImag = inputImag(0);
+		if (keepHz > 0) {
+			// The bands whose shift is that of the band at keepHz.
+			const std::size_t at = std::size_t(nominalBand(keepHz) + 0.5f);
+			const float keepShift = shifter.gains.hz[at] - nominalHz(at);
+			keptReal.assign(inReal, inReal + bands);
+			keptImag.assign(inImag, inImag + bands);
+			for (std::size_t b = 0; b < bands; ++b) {
+				if (std::fabs(shifter.gains.hz[b] - nominalHz(b) - keepShift) > 0.01f) keptReal[b] = keptImag[b] = 0;
+			}
+			inReal = keptReal.data();
+			inImag = keptImag.data();
+		}
 		if (sineB > 0 && frame > dumpAt / 2 && frame <= dumpAt) {
 			shareA.resize(bands);
 			shareB.resize(bands);
@@ -67,7 +84,7 @@ public:
 			}
 			++demodulated;
 		}
-		for (std::size_t o = 0; o < channelsOut; ++o) shifter.gains.addOutput(*this, o, inputReal(0), inputImag(0), 1);
+		for (std::size_t o = 0; o < channelsOut; ++o) shifter.gains.addOutput(*this, o, inReal, inImag, 1);
 	}
 	void dump() {
 		std::vector<std::size_t> owner(bands);
@@ -89,7 +106,7 @@ public:
 
 int main(int argc, char **argv) {
 	if (argc < 5) {
-		std::fprintf(stderr, "usage: lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB]]]]]]\n");
+		std::fprintf(stderr, "usage: lumbrel_pitch_stages tone|pair|SINE_HZ SEMITONES|SHIFT_Hz FROM_HZ TO_HZ [PHASE_SMOOTHING [DETAIL_BOOST [ITERATIONS [RESOLUTION [OTHER_HZ [EMPHASIS_dB [KEEP_HZ [OTHER_dB]]]]]]]]\n");
 		return 2;
 	}
 	constexpr float rate = 48000;
@@ -99,7 +116,8 @@ int main(int argc, char **argv) {
 		if (a == 2 && text.size() > 2 && text.compare(text.size() - 2, 2, "Hz") == 0) text.resize(text.size() - 2);
 		char *end = nullptr;
 		const double value = std::strtod(text.c_str(), &end);
-		if (text.empty() || *end != 0 || !std::isfinite(value) || ((a == 1 || a == 9) && !(value > 0 && value < 20000))) {
+		if (text.empty() || *end != 0 || !std::isfinite(value) || ((a == 1 || a == 9) && !(value > 0 && value < 20000)) ||
+			(a == 11 && !(value >= 0 && value < 20000)) || (a == 12 && std::fabs(value) > 60)) {
 			std::fprintf(stderr, "lumbrel_pitch_stages: argument %d, '%s', is not a number in range\n", a, argv[a]);
 			return 2;
 		}
@@ -108,6 +126,7 @@ int main(int argc, char **argv) {
 	if (argc > 7) config.iterations = unsigned(std::atoi(argv[7]));
 	if (argc > 8) config.resolution = float(std::atof(argv[8]));
 	if (argc > 10) config.emphasis = float(std::atof(argv[10]));
+	const double otherGain = argc > 12 ? std::pow(10.0, std::atof(argv[12]) / 20) : 1.0;
 	Shift fx(1, 1, rate, config);
 	fx.init();
 	const std::string shift = argv[2];
@@ -120,6 +139,7 @@ int main(int argc, char **argv) {
 	if (argc > 6) fx.shifter.gains.detailBoost = float(std::atof(argv[6]));
 	fx.fromHz = float(std::atof(argv[3]));
 	fx.toHz = float(std::atof(argv[4]));
+	if (argc > 11) fx.keepHz = float(std::atof(argv[11]));
 	fx.dumpAt = std::size_t(fx.subRate); // one second in
 	const std::string what = argv[1];
 	const std::size_t frames = std::size_t(2.0 * rate);
@@ -127,7 +147,7 @@ int main(int argc, char **argv) {
 										   : lumbrel_test::sine(std::atof(argv[1]), rate, frames, 0.25);
 	if (what == "pair") {
 		in = lumbrel_test::sine(880, rate, frames, 0.03);
-		const auto other = lumbrel_test::sine(argc > 9 ? std::atof(argv[9]) : 1100, rate, frames, 0.03);
+		const auto other = lumbrel_test::sine(argc > 9 ? std::atof(argv[9]) : 1100, rate, frames, 0.03 * otherGain);
 		for (std::size_t i = 0; i < frames; ++i) in[i] += other[i];
 	}
 	if (what == "pair") {
@@ -173,6 +193,22 @@ int main(int argc, char **argv) {
 		partials = {std::atof(argv[1]) * ratio + fx.shiftHz};
 	}
 	const auto s = lumbrel_test::toneSpectrum(out, from, length, partials, rate);
+	// Each partial's level out against in, by demodulation under a
+	// Blackman-Harris window (no scalloping between FFT bins).
+	std::printf("partials, dB re input:");
+	for (std::size_t p = 0; p < partials.size(); ++p) {
+		std::complex<double> sum = 0;
+		double windowSum = 0;
+		for (std::size_t i = 0; i < length; ++i) {
+			const double phase = 2 * M_PI * double(i) / double(length);
+			const double w = 0.35875 - 0.48829 * std::cos(phase) + 0.14128 * std::cos(2 * phase) - 0.01168 * std::cos(3 * phase);
+			sum += w * double(out[from + i]) * std::polar(1.0, -2 * M_PI * partials[p] * double(i) / rate);
+			windowSum += w;
+		}
+		const double input = what == "tone" ? 0.03 : what == "pair" ? (p == 0 ? 0.03 : 0.03 * otherGain) : 0.25;
+		std::printf(" %+.3f", lumbrel_test::dB(2 * std::abs(sum) / windowSum / input));
+	}
+	std::printf("\n");
 	std::printf("level %+.3f dB, strongest spurious %.1f dB, floor %.1f dB\n",
 		lumbrel_test::dB(lumbrel_test::rms(out, from, from + length) / lumbrel_test::rms(in, from, from + length)),
 		s.strongestSpuriousDb, s.floorDb);
