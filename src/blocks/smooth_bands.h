@@ -59,31 +59,26 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 			for (std::size_t k = 0; k < 4; ++k) r[k][i] = v[k];
 		}
 	};
-	// Bands base .. base + 3 of every row, in rising or falling order.
+	// Bands base .. base + 3 of every row, in rising or falling order, one
+	// vector of rows after the other (their chains overlap all the same).
 	const auto block = [&](std::size_t base, bool rising) {
-		__m128 v[G][4];
 		for (std::size_t g = 0; g < G; ++g) {
 			float *const *r = x + 4 * g;
-			v[g][0] = _mm_loadu_ps(r[0] + base);
-			v[g][1] = _mm_loadu_ps(r[1] + base);
-			v[g][2] = _mm_loadu_ps(r[2] + base);
-			v[g][3] = _mm_loadu_ps(r[3] + base);
-			_MM_TRANSPOSE4_PS(v[g][0], v[g][1], v[g][2], v[g][3]);
-		}
-		for (std::size_t j = 0; j < 4; ++j) {
-			const std::size_t at = rising ? j : 3 - j;
-			for (std::size_t g = 0; g < G; ++g) {
-				s[g] = _mm_add_ps(_mm_mul_ps(v[g][at], va), _mm_mul_ps(s[g], vb));
-				v[g][at] = s[g];
+			__m128 v[4] = {_mm_loadu_ps(r[0] + base), _mm_loadu_ps(r[1] + base), _mm_loadu_ps(r[2] + base),
+				_mm_loadu_ps(r[3] + base)};
+			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
+			__m128 state = s[g];
+			for (std::size_t j = 0; j < 4; ++j) {
+				const std::size_t at = rising ? j : 3 - j;
+				state = _mm_add_ps(_mm_mul_ps(v[at], va), _mm_mul_ps(state, vb));
+				v[at] = state;
 			}
-		}
-		for (std::size_t g = 0; g < G; ++g) {
-			float *const *r = x + 4 * g;
-			_MM_TRANSPOSE4_PS(v[g][0], v[g][1], v[g][2], v[g][3]);
-			_mm_storeu_ps(r[0] + base, v[g][0]);
-			_mm_storeu_ps(r[1] + base, v[g][1]);
-			_mm_storeu_ps(r[2] + base, v[g][2]);
-			_mm_storeu_ps(r[3] + base, v[g][3]);
+			s[g] = state;
+			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
+			_mm_storeu_ps(r[0] + base, v[0]);
+			_mm_storeu_ps(r[1] + base, v[1]);
+			_mm_storeu_ps(r[2] + base, v[2]);
+			_mm_storeu_ps(r[3] + base, v[3]);
 		}
 	};
 	for (std::size_t g = 0; g < G; ++g) {
