@@ -28,10 +28,14 @@ inline float angleOf(float y, float x) {
 // The backward pass of a one-pole smoothing of complex band values across
 // bands, each band with its own weight, as smoothBands (band 0 keeps its
 // value), for K channels side by side so that their chains overlap; the
-// caller runs the forward pass, fused with its own use of it.
-template<std::size_t K>
-void smoothNearBackward(const float *const (&re)[K], const float *const (&im)[K], float *const (&outRe)[K],
-	float *const (&outIm)[K], const float *__restrict weight, std::size_t n) {
+// caller runs the forward pass, fused with its own use of it. With E, the
+// backward pass of smoothBands over `energy` (weights ea and eb) runs along;
+// its state is returned.
+template<std::size_t K, bool E>
+float smoothNearBackward(const float *const (&re)[K], const float *const (&im)[K], float *const (&outRe)[K],
+	float *const (&outIm)[K], const float *__restrict weight, std::size_t n, float *__restrict energy, float ea,
+	float eb) {
+	float se = E ? energy[n - 1] : 0.0f;
 	float sr[K], si[K];
 	for (std::size_t k = 0; k < K; ++k) {
 		sr[k] = re[k][n - 1];
@@ -47,19 +51,25 @@ void smoothNearBackward(const float *const (&re)[K], const float *const (&im)[K]
 			outRe[k][i] = sr[k];
 			outIm[k][i] = si[k];
 		}
+		if (E) {
+			se = energy[i] * ea + se * eb;
+			energy[i] = se;
+		}
 	}
 	for (std::size_t k = 0; k < K; ++k) {
 		outRe[k][0] = re[k][0];
 		outIm[k][0] = im[k][0];
 	}
+	return se;
 }
 
 // The forward pass over K channels c0 .. c0 + K - 1 side by side, carrying on
 // from band 1, and each channel's phase step against last frame's values
-// added to sr/si in channel order.
-template<std::size_t K>
+// added to sr/si in channel order. With E, smoothBands(energy, n, width)
+// runs along, ea = 1 / (width + 1) and eb = 1 - ea.
+template<std::size_t K, bool E>
 void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t c0, float *__restrict sr,
-	float *__restrict si) {
+	float *__restrict si, float *__restrict energy = nullptr, float ea = 0, float eb = 0) {
 	const std::size_t n = effect.bands;
 	const float *__restrict weight = peaks.nearWeight.data();
 	const float *re[K], *im[K];
@@ -72,7 +82,7 @@ void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t
 		nr[k] = peaks.nearReal.data() + k * n;
 		ni[k] = peaks.nearImag.data() + k * n;
 	}
-	smoothNearBackward<K>(re, im, nr, ni, weight, n);
+	float se = smoothNearBackward<K, E>(re, im, nr, ni, weight, n, energy, ea, eb);
 	float ar[K], ai[K];
 	for (std::size_t k = 0; k < K; ++k) {
 		ar[k] = nr[k][1 < n ? 1 : 0];
@@ -90,6 +100,10 @@ void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t
 		}
 		sr[b] = stepR;
 		si[b] = stepI;
+		if (E) {
+			se = energy[b] * ea + se * eb;
+			energy[b] = se;
+		}
 	}
 }
 
@@ -148,6 +162,7 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 
 	const float width = smoothing * 0.01f * effect.resolution;
 	const bool weighted = smoothHz && width >= 1e-18f;
+	const bool fuseEnergy = !weighted && width > 1e-18f && n > 0 && channels > 0;
 
 	// Frequency of each band from the phase step of its values since the last
 	// frame, summed over the channels (so weighted by their energy), against
@@ -163,10 +178,21 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		std::fill(sr, sr + n, 0.0f);
 		std::fill(si, si + n, 0.0f);
 		if (n > 0) {
-			// Two channels at a time: the smoothing is a serial chain per channel.
+			// Two channels at a time: the smoothing is a serial chain per
+			// channel. The energy's smoothing, when it is not weighted, is one
+			// more chain and runs with the first two.
 			std::size_t c = 0;
-			for (; c + 2 <= channels; c += 2) stepChannels<2>(effect, *this, c, sr, si);
-			if (c < channels) stepChannels<1>(effect, *this, c, sr, si);
+			if (fuseEnergy) {
+				const float ea = 1 / (width + 1), eb = 1 - ea;
+				if (channels >= 2) {
+					stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
+				} else {
+					stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
+				}
+				c = std::min<std::size_t>(channels, 2);
+			}
+			for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
+			if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
 		}
 		const float hzPerRadian = effect.subRate / 6.2831855f;
 		for (std::size_t b = 0; b < n; ++b) {
@@ -185,7 +211,7 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		if (weighted) {
 			float *const rows[] = {e, h};
 			smoothBandsRows(rows, n, width);
-		} else {
+		} else if (!fuseEnergy) {
 			smoothBands(e, n, width);
 		}
 	}
