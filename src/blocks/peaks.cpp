@@ -27,21 +27,84 @@ inline float angleOf(float y, float x) {
 
 // The backward pass of a one-pole smoothing of complex band values across
 // bands, each band with its own weight, as smoothBands (band 0 keeps its
-// value); the caller runs the forward pass, fused with its own use of it.
-void smoothNearBackward(const float *re, const float *im, float *outRe, float *outIm, const float *weight,
-	std::size_t n) {
-	float sr = re[n - 1], si = im[n - 1];
-	outRe[n - 1] = sr;
-	outIm[n - 1] = si;
+// value), for K channels side by side so that their chains overlap; the
+// caller runs the forward pass, fused with its own use of it. With E, the
+// backward pass of smoothBands over `energy` (weights ea and eb) runs along;
+// its state is returned.
+template<std::size_t K, bool E>
+float smoothNearBackward(const float *const (&re)[K], const float *const (&im)[K], float *const (&outRe)[K],
+	float *const (&outIm)[K], const float *__restrict weight, std::size_t n, float *__restrict energy, float ea,
+	float eb) {
+	float se = E ? energy[n - 1] : 0.0f;
+	float sr[K], si[K];
+	for (std::size_t k = 0; k < K; ++k) {
+		sr[k] = re[k][n - 1];
+		si[k] = im[k][n - 1];
+		outRe[k][n - 1] = sr[k];
+		outIm[k][n - 1] = si[k];
+	}
 	for (std::size_t i = n - 1; i-- > 1;) {
 		const float a = weight[i];
-		sr += (re[i] - sr) * a;
-		si += (im[i] - si) * a;
-		outRe[i] = sr;
-		outIm[i] = si;
+		for (std::size_t k = 0; k < K; ++k) {
+			sr[k] += (re[k][i] - sr[k]) * a;
+			si[k] += (im[k][i] - si[k]) * a;
+			outRe[k][i] = sr[k];
+			outIm[k][i] = si[k];
+		}
+		if (E) {
+			se = energy[i] * ea + se * eb;
+			energy[i] = se;
+		}
 	}
-	outRe[0] = re[0];
-	outIm[0] = im[0];
+	for (std::size_t k = 0; k < K; ++k) {
+		outRe[k][0] = re[k][0];
+		outIm[k][0] = im[k][0];
+	}
+	return se;
+}
+
+// The forward pass over K channels c0 .. c0 + K - 1 side by side, carrying on
+// from band 1, and each channel's phase step against last frame's values
+// added to sr/si in channel order. With E, smoothBands(energy, n, width)
+// runs along, ea = 1 / (width + 1) and eb = 1 - ea.
+template<std::size_t K, bool E>
+void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t c0, float *__restrict sr,
+	float *__restrict si, float *__restrict energy = nullptr, float ea = 0, float eb = 0) {
+	const std::size_t n = effect.bands;
+	const float *__restrict weight = peaks.nearWeight.data();
+	const float *re[K], *im[K];
+	float *pr[K], *pi[K], *nr[K], *ni[K];
+	for (std::size_t k = 0; k < K; ++k) {
+		re[k] = effect.inputReal(c0 + k);
+		im[k] = effect.inputImag(c0 + k);
+		pr[k] = peaks.previousReal.data() + (c0 + k) * n;
+		pi[k] = peaks.previousImag.data() + (c0 + k) * n;
+		nr[k] = peaks.nearReal.data() + k * n;
+		ni[k] = peaks.nearImag.data() + k * n;
+	}
+	float se = smoothNearBackward<K, E>(re, im, nr, ni, weight, n, energy, ea, eb);
+	float ar[K], ai[K];
+	for (std::size_t k = 0; k < K; ++k) {
+		ar[k] = nr[k][1 < n ? 1 : 0];
+		ai[k] = ni[k][1 < n ? 1 : 0];
+	}
+	for (std::size_t b = 0; b < n; ++b) {
+		float stepR = sr[b], stepI = si[b];
+		for (std::size_t k = 0; k < K; ++k) {
+			ar[k] += (nr[k][b] - ar[k]) * weight[b];
+			ai[k] += (ni[k][b] - ai[k]) * weight[b];
+			stepR += ar[k] * pr[k][b] + ai[k] * pi[k][b];
+			stepI += ai[k] * pr[k][b] - ar[k] * pi[k][b];
+			pr[k][b] = ar[k];
+			pi[k][b] = ai[k];
+		}
+		sr[b] = stepR;
+		si[b] = stepI;
+		if (E) {
+			se = energy[b] * ea + se * eb;
+			energy[b] = se;
+		}
+	}
 }
 
 } // namespace
@@ -50,9 +113,9 @@ void Peaks<float>::init(LumbrelEffect<float> &effect) {
 	energyBuffer.assign(effect.bands, 0.0f);
 	hzBuffer.assign(effect.bands, 0.0f);
 	const std::size_t n = effect.bands;
-	for (auto *row : {&nominalHz, &rotateReal, &rotateImag, &stepReal, &stepImag, &nearReal, &nearImag, &nearWeight}) {
-		row->assign(n, 0.0f);
-	}
+	for (auto *row : {&nominalHz, &rotateReal, &rotateImag, &stepReal, &stepImag, &nearWeight}) row->assign(n, 0.0f);
+	nearReal.assign(2 * n, 0.0f);
+	nearImag.assign(2 * n, 0.0f);
 	previousReal.assign(n * effect.channelsIn, 0.0f);
 	previousImag.assign(n * effect.channelsIn, 0.0f);
 	for (std::size_t b = 0; b < n; ++b) {
@@ -101,6 +164,7 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 
 	const float width = smoothing * 0.01f * effect.resolution;
 	const bool weighted = smoothHz && width >= 1e-18f;
+	const bool fuseEnergy = !weighted && width > 1e-18f && n > 0 && channels > 0;
 
 	// Frequency of each band from the phase step of its values since the last
 	// frame, summed over the channels (so weighted by their energy), against
@@ -115,26 +179,22 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		float *__restrict si = stepImag.data();
 		std::fill(sr, sr + n, 0.0f);
 		std::fill(si, si + n, 0.0f);
-		for (std::size_t c = 0; c < channels; ++c) {
-			const float *__restrict re = effect.inputReal(c);
-			const float *__restrict im = effect.inputImag(c);
-			float *__restrict pr = previousReal.data() + c * n;
-			float *__restrict pi = previousImag.data() + c * n;
-			float *__restrict nr = nearReal.data();
-			float *__restrict ni = nearImag.data();
-			const float *__restrict weight = nearWeight.data();
-			if (n == 0) continue;
-			smoothNearBackward(re, im, nr, ni, weight, n);
-			// The forward pass, carrying on from band 1, and the step.
-			float ar = nr[1 < n ? 1 : 0], ai = ni[1 < n ? 1 : 0];
-			for (std::size_t b = 0; b < n; ++b) {
-				ar += (nr[b] - ar) * weight[b];
-				ai += (ni[b] - ai) * weight[b];
-				sr[b] += ar * pr[b] + ai * pi[b];
-				si[b] += ai * pr[b] - ar * pi[b];
-				pr[b] = ar;
-				pi[b] = ai;
+		if (n > 0) {
+			// Two channels at a time: the smoothing is a serial chain per
+			// channel. The energy's smoothing, when it is not weighted, is one
+			// more chain and runs with the first two.
+			std::size_t c = 0;
+			if (fuseEnergy) {
+				const float ea = 1 / (width + 1), eb = 1 - ea;
+				if (channels >= 2) {
+					stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
+				} else {
+					stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
+				}
+				c = std::min<std::size_t>(channels, 2);
 			}
+			for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
+			if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
 		}
 		const float hzPerRadian = effect.subRate / 6.2831855f;
 		for (std::size_t b = 0; b < n; ++b) {
@@ -153,7 +213,7 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		if (weighted) {
 			float *const rows[] = {e, h};
 			smoothBandsRows(rows, n, width);
-		} else {
+		} else if (!fuseEnergy) {
 			smoothBands(e, n, width);
 		}
 	}

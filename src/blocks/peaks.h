@@ -46,7 +46,7 @@ public:
 	BumpVector<float> nominalHz, rotateReal, rotateImag; // each band's own frequency and its step per frame
 	BumpVector<float> previousReal, previousImag;        // last frame's band values, channel after channel
 	BumpVector<float> stepReal, stepImag;                // working rows: phase step summed over channels
-	BumpVector<float> nearReal, nearImag;                // working rows: one channel's band values, smoothed backwards
+	BumpVector<float> nearReal, nearImag;                // working rows: two channels' band values, smoothed backwards
 	BumpVector<float> nearWeight; // per band, the weight of its own value in that smoothing
 
 	// [set-up, allocates] Sizes the buffers to `bands` and reserves the peak

@@ -81,6 +81,31 @@ void dryOutput(float *__restrict outR, float *__restrict outI, const float *__re
 	}
 }
 
+// Each band's gain g turned by its peak's p (turnReal, turnImag) and set to
+// the level |z2|^2 of its noise stages, or to z2 itself where the turned gain
+// has died away; outHz = nominal + shift. `stages` points at the first band's
+// re2, four floats to a band. Two passes around a square root of the row, so
+// that both vectorise.
+void turnGains(float *__restrict gr, float *__restrict gi, float *__restrict outHz, float *__restrict ratio,
+	const float *__restrict turnReal, const float *__restrict turnImag, const float *__restrict shift,
+	const float *__restrict stages, const float *__restrict nominal, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		const float re = gr[b] * turnReal[b] - gi[b] * turnImag[b];
+		const float im = gr[b] * turnImag[b] + gi[b] * turnReal[b];
+		const float level = stages[4 * b] * stages[4 * b] + stages[4 * b + 1] * stages[4 * b + 1];
+		ratio[b] = level / (re * re + im * im);
+	}
+	linear::platform::sqrt(ratio, ratio, n);
+	for (std::size_t b = 0; b < n; ++b) {
+		const float re = gr[b] * turnReal[b] - gi[b] * turnImag[b];
+		const float im = gr[b] * turnImag[b] + gi[b] * turnReal[b];
+		const bool alive = double(re * re + im * im) > 1e-30;
+		gr[b] = alive ? re * ratio[b] : stages[4 * b];
+		gi[b] = alive ? im * ratio[b] : stages[4 * b + 1];
+		outHz[b] = nominal[b] + shift[b];
+	}
+}
+
 } // namespace
 } // namespace chorus_rows
 
@@ -118,6 +143,10 @@ public:
 			const float *inputGain = chorus.noiseGain.data();
 			float *gr = gainsReal.data(), *gi = gainsImag.data(), *outHz = hz.data();
 			NoiseStages *stages = noise.data();
+			// Per band, its peak's turn and frequency offset, in rows that are
+			// free until the smoothing.
+			float *turnReal = outReal.data(), *turnImag = outImag.data(), *shift = weightedReal.data();
+			float *ratio = magnitudes.data();
 			// The phase step of one frame, read as a frequency (1/2pi per radian).
 			const float hzPerRadian = 0.15915494f * chorus.subRate;
 
@@ -140,28 +169,18 @@ public:
 				const float pRe = z.re2 * oldRe + z.im2 * oldIm;
 				const float pIm = z.im2 * oldRe - z.re2 * oldIm;
 				const float offset = pIm * hzPerRadian;
-				const float level = z.re2 * z.re2 + z.im2 * z.im2;
 
+				// Every band of the peak follows its top from now on; the
+				// turn itself runs over all bands below.
 				for (std::size_t b = peak.start; b < peak.end; ++b) {
-					float re = gr[b] * pRe - gi[b] * pIm;
-					float im = gr[b] * pIm + gi[b] * pRe;
-					const float norm = re * re + im * im;
-					if (double(norm) > 1e-30) {
-						// The new direction, at the level of z2.
-						const float scale = std::sqrt(level / norm);
-						re *= scale;
-						im *= scale;
-					} else {
-						re = z.re2;
-						im = z.im2;
-					}
-					gr[b] = re;
-					gi[b] = im;
-					outHz[b] = chorus.nominalHz(b) + offset;
-					// Every band of the peak follows its top from now on.
+					turnReal[b] = pRe;
+					turnImag[b] = pIm;
+					shift[b] = offset;
 					stages[b] = z;
 				}
 			}
+			chorus_rows::turnGains(gr, gi, outHz, ratio, turnReal, turnImag, shift, &stages[0].re2,
+				chorus.nominalHzRow.data(), chorus.bands);
 		}
 	};
 
