@@ -1,36 +1,37 @@
-// The audio callback of every plug-in allocates nothing and takes no lock once
-// it runs: blocks of changing length, host events and resets included, and
-// with the page open (spectra and updates through the message ring).
-#include "host/bundle.h"
-#include "host/events.h"
-#include "host/host.h"
-#include "host/instance.h"
+// The audio callback of every plug-in allocates nothing, takes no lock and
+// writes nothing once it runs: blocks of changing length, every kind of host
+// event, resets, with the page closed (its ring overflows, which the main
+// thread reports once) and open (spectra and updates through the ring).
 #include "host/key_paths.h"
 #include "support/alloc_counter.h"
+#include "support/plugin_runner.h"
 
 #include <gtest/gtest.h>
 
 #include <clap/ext/draft/webview.h>
 
 #include <cmath>
+#include <cstdio>
 #include <iterator>
 #include <mutex>
 #include <random>
 
 using namespace lumbrel::host;
 
-TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
+TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 	if (!lumbrel_test::allocationCountingAvailable()) GTEST_SKIP() << "no allocation counting in this build";
 	{
 		std::mutex mutex;
-		lumbrel_test::LockScope locks;
+		const std::size_t locks = lumbrel_test::lockCount(), writes = lumbrel_test::writeCount();
 		mutex.lock();
 		mutex.unlock();
-		ASSERT_EQ(locks.count(), 1u) << "the lock counter must see locks";
+		FILE *sink = std::tmpfile();
+		std::fputs("x", sink);
+		std::fclose(sink);
+		ASSERT_TRUE(lumbrel_test::lockCount() > locks && lumbrel_test::writeCount() > writes) << "the counters must see";
 	}
-	std::string error;
-	auto bundle = Bundle::load(LUMBREL_BUNDLE_PATH, error);
-	ASSERT_TRUE(bundle) << error;
+	auto bundle = lumbrel_test::bundle();
+	ASSERT_TRUE(bundle);
 	Host host;
 	const std::uint32_t maxFrames = 1024;
 	std::vector<float> left(maxFrames), right(maxFrames), outLeft(maxFrames), outRight(maxFrames);
@@ -55,11 +56,22 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		ASSERT_TRUE(instance.saveState(state));
 		for (const auto &path : stateKeyPaths(state.data(), state.size()))
 			if (path.keys.front() != "engineConfig" && path.keys.front() != "channelMode") automated.push_back(path.id);
+		ASSERT_FALSE(automated.empty());
 		const double hostile[] = {-1e9, -3, -0.25, 0, 0.5, 1, 1.02, 2, 100, 1e9};
+		// Passed over in silence: transport, modulation, gestures, an unknown
+		// core type, another space's event.
+		clap_event_transport transport{};
+		transport.header = {sizeof(transport), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_TRANSPORT, 0};
+		clap_event_param_mod mod{};
+		mod.header = {sizeof(mod), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_PARAM_MOD, 0};
+		mod.param_id = automated[0];
+		mod.amount = 0.1;
+		clap_event_header unknown{sizeof(clap_event_header), 0, CLAP_CORE_EVENT_SPACE_ID, 200, 0},
+			otherSpace{sizeof(clap_event_header), 0, 7, CLAP_EVENT_PARAM_VALUE, 0};
 
 		// Counts only inside process(); with `page`, the main thread takes its
 		// turn between blocks and drains the ring, as a host with the editor open.
-		std::size_t allocations = 0, lockCount = 0, spectra = 0;
+		std::size_t allocations = 0, locks = 0, writes = 0, spectra = 0;
 		auto run = [&](int blocks, bool page) {
 			for (int b = 0; b < blocks; ++b) {
 				const std::uint32_t frames = 1 + random() % maxFrames;
@@ -68,16 +80,20 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 					right[i] = std::sin(0.05f * float(i));
 				}
 				events.clear();
-				for (int e = 0; e < 3 && !automated.empty(); ++e) {
+				for (const clap_event_header *e : {&transport.header, &mod.header, &unknown, &otherSpace}) events.add(*e);
+				events.paramGesture(0, automated[0], true);
+				for (int e = 0; e < 3; ++e) {
 					const double value = random() % 2 ? double(random() % 1000) / 999.0 : hostile[random() % std::size(hostile)];
 					events.paramValue(std::uint32_t(random() % frames), automated[random() % automated.size()], value);
 				}
+				events.paramGesture(frames - 1, automated[0], false);
 				output.clear();
-				const std::size_t allocationsBefore = lumbrel_test::allocationCount();
-				const std::size_t locksBefore = lumbrel_test::lockCount();
+				const std::size_t a = lumbrel_test::allocationCount(), l = lumbrel_test::lockCount(),
+								  w = lumbrel_test::writeCount();
 				instance.process(inputs, 2, outputs, 2, frames, events, output);
-				allocations += lumbrel_test::allocationCount() - allocationsBefore;
-				lockCount += lumbrel_test::lockCount() - locksBefore;
+				allocations += lumbrel_test::allocationCount() - a;
+				locks += lumbrel_test::lockCount() - l;
+				writes += lumbrel_test::writeCount() - w;
 				if (page) {
 					instance.onMainThread();
 					for (const auto &m : host.sentMessages) spectra += m.size() > 3 && m[0] == 0x82 && m[2] == 'm';
@@ -85,12 +101,18 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 				}
 			}
 		};
+		instance.onMainThread(); // the first whole state goes, so updates queue again
 		run(50, false); // warm-up: first-use caches may grow here
-		allocations = lockCount = 0;
+		allocations = locks = writes = 0;
 		run(400, false);
 		instance.reset();
 		run(50, false);
-		EXPECT_EQ(allocations + lockCount, 0u) << allocations << " allocations, " << lockCount << " locks";
+		EXPECT_EQ(allocations + locks + writes, 0u) << allocations << " allocations, " << locks << " locks, " << writes
+													<< " writes";
+		testing::internal::CaptureStderr();
+		instance.onMainThread();
+		instance.onMainThread();
+		EXPECT_EQ(testing::internal::GetCapturedStderr(), "Web message queue full - sending entire state instead\n");
 
 		// The page: "ready", then a lease of a spectrum every 1 ms (each block).
 		// Each ring slot grows once to hold a spectrum; after that, nothing.
@@ -103,9 +125,10 @@ TEST(Realtime, ProcessAllocatesNothingInSteadyState) {
 		ASSERT_TRUE(webview->receive(instance.clapPlugin(), ready, sizeof(ready)));
 		ASSERT_TRUE(webview->receive(instance.clapPlugin(), meters, sizeof(meters)));
 		run(300, true);
-		allocations = lockCount = spectra = 0;
+		allocations = locks = writes = spectra = 0;
 		run(400, true);
 		EXPECT_GT(spectra, 300u) << "the page got its spectra";
-		EXPECT_EQ(allocations + lockCount, 0u) << "with the page open: " << allocations << " allocations, " << lockCount << " locks";
+		EXPECT_EQ(allocations + locks + writes, 0u) << "with the page open: " << allocations << " allocations, " << locks
+													<< " locks, " << writes << " writes";
 	}
 }

@@ -1,34 +1,118 @@
 // lumbrel-render run as a person runs it: what it lists and accepts, what it
 // does to the audio and to files, and every mistake a person can make, each a
-// one-line message, a non-zero exit and no output file.
-#include "tools/render/render_runner.h"
-
+// one-line message, a non-zero exit and no output file. Audio files are made
+// and read with libsndfile directly, not the tool's code.
 #include "support/signals.h"
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <pty.h>
+#include <random>
+#include <regex>
 #include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
 using namespace lumbrel_test;
+namespace fs = std::filesystem;
 
 const std::string bundle = LUMBREL_BUNDLE_PATH, tool = LUMBREL_RENDER_PATH;
 
-struct RenderCli : ::testing::Test {
-	TempFolder folder;
-	std::string input = folder / "in.wav"; // 16-bit stereo tone, half a second
+struct RunResult {
+	int exitCode = -1;
+	std::string out, err;
+};
 
-	void SetUp() override { ASSERT_TRUE(writeSound(input, tone(24000, 0.25f), 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16)); }
+std::string readText(const std::string &path) {
+	std::ifstream file(path, std::ios::binary);
+	return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// Runs a program on a terminal of its own, `columns` wide: its exit code and all it drew there.
+RunResult runOnTerminal(std::vector<std::string> args, unsigned short columns) {
+	std::vector<char *> argv;
+	for (auto &a : args) argv.push_back(a.data());
+	argv.push_back(nullptr);
+	winsize size{24, columns, 0, 0};
+	int terminal = -1;
+	RunResult result;
+	const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
+	if (pid == 0) execv(argv[0], argv.data()), _exit(127);
+	char buffer[512];
+	for (ssize_t n; pid > 0 && (n = read(terminal, buffer, sizeof buffer)) > 0;) result.out.append(buffer, std::size_t(n));
+	int status = 0;
+	if (pid > 0) waitpid(pid, &status, 0), close(terminal);
+	result.exitCode = pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+	return result;
+}
+
+struct SoundFile {
+	int format = 0; // SF_FORMAT_* of the file
+	double sampleRate = 0;
+	std::vector<std::vector<float>> channels;
+	std::size_t frames() const { return channels.empty() ? 0 : channels[0].size(); }
+};
+
+bool writeSound(const std::string &path, const std::vector<std::vector<float>> &channels, double sampleRate,
+	int format = SF_FORMAT_WAV | SF_FORMAT_FLOAT) {
+	SF_INFO info{0, int(sampleRate), int(channels.size()), format, 0, 0};
+	SNDFILE *file = sf_open(path.c_str(), SFM_WRITE, &info);
+	if (!file) return false;
+	std::vector<float> interleaved;
+	for (std::size_t i = 0; i < channels[0].size(); ++i)
+		for (const auto &channel : channels) interleaved.push_back(channel[i]);
+	const sf_count_t frames = sf_count_t(channels[0].size());
+	return (sf_writef_float(file, interleaved.data(), frames) == frames) & (sf_close(file) == 0);
+}
+
+bool readSound(const std::string &path, SoundFile &sound) {
+	SF_INFO info{};
+	SNDFILE *file = sf_open(path.c_str(), SFM_READ, &info);
+	if (!file) return false;
+	std::vector<float> interleaved(std::size_t(info.frames * info.channels));
+	const auto frames = std::size_t(sf_readf_float(file, interleaved.data(), info.frames));
+	sf_close(file);
+	sound = {info.format, double(info.samplerate), std::vector<std::vector<float>>(std::size_t(info.channels))};
+	for (std::size_t c = 0; c < sound.channels.size(); ++c)
+		for (std::size_t i = 0; i < frames; ++i) sound.channels[c].push_back(interleaved[i * info.channels + c]);
+	return true;
+}
+
+std::size_t peakIndex(const std::vector<float> &x) {
+	return std::size_t(std::max_element(x.begin(), x.end(), [](float a, float b) { return std::abs(a) < std::abs(b); })
+		- x.begin());
+}
+
+struct RenderCli : ::testing::Test {
+	fs::path root = fs::temp_directory_path() / ("lumbrel-render-test-" + std::to_string(std::random_device()()));
+	std::string input = folder("in.wav"); // 16-bit stereo tone, half a second
+
+	void SetUp() override {
+		fs::create_directories(root);
+		ASSERT_TRUE(writeSound(input, tone(24000, 0.25f), 48000, SF_FORMAT_WAV | SF_FORMAT_PCM_16));
+	}
+	void TearDown() override { std::error_code ignored; fs::remove_all(root, ignored); }
+	std::string folder(const std::string &name) const { return (root / name).string(); }
 	static std::vector<std::vector<float>> tone(std::size_t frames, float level) {
 		return std::vector<std::vector<float>>(2, sine(48000 * 0.05 / (2 * M_PI), 48000, frames, level));
 	}
-	RunResult run(std::vector<std::string> args) {
-		args.insert(args.begin(), {tool, "--bundle", bundle});
-		return lumbrel_test::run(folder, args);
+	// Runs the tool (with --bundle unless `plain`) through the shell.
+	RunResult run(std::vector<std::string> args, bool plain = false) {
+		if (!plain) args.insert(args.begin(), {"--bundle", bundle});
+		std::string command = "'" + tool + "' ";
+		for (const auto &a : args) command += "'" + a + "' ";
+		const int status = std::system((command + "> '" + folder(".out") + "' 2> '" + folder(".err") + "'").c_str());
+		RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(folder(".out")), readText(folder(".err"))};
+		fs::remove(folder(".out")), fs::remove(folder(".err"));
+		return result;
 	}
 	// The row of `keyPath` in the listing that `args` ask for.
 	std::string row(std::vector<std::string> args, const std::string &keyPath) {
@@ -38,12 +122,12 @@ struct RenderCli : ::testing::Test {
 		const auto at = r.out.find("  " + keyPath + " ");
 		return at == std::string::npos ? "(no " + keyPath + ")" : r.out.substr(at, r.out.find('\n', at) - at);
 	}
-	// A stereo second of silence but for a click at clickAt.
+	// A second of silence but for a click at clickAt.
 	static constexpr std::size_t clickAt = 12345;
 	std::string click(std::size_t channels, double rate) {
 		std::vector<std::vector<float>> sound(channels, std::vector<float>(std::size_t(rate)));
 		for (auto &channel : sound) channel[clickAt] = 0.8f;
-		const std::string path = folder / ("click" + std::to_string(channels) + ".wav");
+		const std::string path = folder("click" + std::to_string(channels) + ".wav");
 		EXPECT_TRUE(writeSound(path, sound, rate));
 		return path;
 	}
@@ -60,23 +144,15 @@ struct RenderCli : ::testing::Test {
 TEST_F(RenderCli, ListsPlugInsAndParametersAndTakesValuesAndPlugInsAsPeopleTypeThem) {
 	const auto all = run({"--list"});
 	ASSERT_EQ(all.exitCode, 0) << all.err;
-	for (const char *plugin : {"pitch-shifter-layer1", "octaver", "cleanup", "chorus", "chorus-detune", "transients", "swell",
-			 "decay-scale", "frequency-snap", "shepard-drop"})
-		EXPECT_NE(all.out.find(std::string("varkesh.lumbrel.") + plugin), std::string::npos) << plugin;
-	EXPECT_EQ(lumbrel_test::run(folder, {tool, "--list", bundle}).out, all.out) << "the bundle as a plain argument";
+	std::size_t listed = 0;
+	for (std::size_t at = 0; (at = all.out.find("\n  varkesh.lumbrel.", at)) != std::string::npos; ++at) ++listed;
+	EXPECT_EQ(listed, 10u) << all.out;
+	EXPECT_EQ(run({"--list", bundle}, true).out, all.out) << "the bundle as a plain argument";
 	// Name, range, default and current value, with units.
 	const std::string latency = row({"--plugin", "decay-scale", "--set", "latency=0.005s"}, "engineConfig.latencyMs");
 	for (const char *part : {"latency", "2ms to 15ms", "10ms", "5ms"}) EXPECT_NE(latency.find(part), std::string::npos) << latency;
-	struct Case {
-		const char *plugin, *setting, *keyPath, *shown;
-	} cases[] = {
-		{"swell", "time=500ms", "swell.time", "0.5sec"},
-		{"swell", "autoGain=6 db", "swell.autoGain", "6dB"},
-		{"pitch-shifter", "semitones=-12 s.t.", "peakShifterConfig.semitones", "-12"},
-		{"frequency-snap", "baseNote=db", "chordConfig.baseNote", "C#/Db"},
-	};
-	for (const auto &c : cases)
-		EXPECT_NE(row({"--plugin", c.plugin, "--set", c.setting}, c.keyPath).find(c.shown), std::string::npos) << c.setting;
+	EXPECT_NE(row({"--plugin", "frequency-snap", "--set", "baseNote=db"}, "chordConfig.baseNote").find("C#/Db"),
+		std::string::npos);
 	// Plug-ins by any case, unique part or word.
 	for (const auto &[typed, found] : std::map<std::string, std::string>{{"LUMBREL: OCTAVER", "octaver"},
 			 {"chor", "chorus"}, {"detune", "chorus-detune"}, {"snap", "frequency-snap"}, {"shep", "shepard-drop"}}) {
@@ -86,36 +162,36 @@ TEST_F(RenderCli, ListsPlugInsAndParametersAndTakesValuesAndPlugInsAsPeopleTypeT
 }
 
 TEST_F(RenderCli, PresetsAndAutomationReachThePlugIn) {
-	const std::string preset = folder / "slow.state";
+	const std::string preset = folder("slow.state");
 	ASSERT_EQ(run({"--plugin", "swell", "--set", "time=1.5sec", "--set", "swell.autoGain=6dB", "--state-out", preset})
 				  .exitCode, 0);
 	EXPECT_EQ(readText(preset).substr(0, 1), "\xBF") << "a saved state is one CBOR map";
 	EXPECT_NE(row({"--plugin", "swell", "--state-in", preset}, "swell.autoGain").find("6dB"), std::string::npos);
 	EXPECT_NE(row({"--plugin", "swell", "--state-in", preset, "--set", "time=0.5sec"}, "swell.time").find("0.5sec"),
 		std::string::npos) << "--set goes on top of the preset";
-	const SoundFile a = render({"--plugin", "swell", "--state-in", preset, input, folder / "a.wav"});
-	const SoundFile b = render({"--plugin", "swell", "--set", "time=1.5sec", "--set", "autoGain=6", input, folder / "b.wav"});
+	const SoundFile a = render({"--plugin", "swell", "--state-in", preset, input, folder("a.wav")});
+	const SoundFile b = render({"--plugin", "swell", "--set", "time=1.5sec", "--set", "autoGain=6", input, folder("b.wav")});
 	EXPECT_EQ(a.channels, b.channels) << "a render from the preset is the render with the same settings";
 
 	// The state after the render holds each course's last value.
-	const std::string after = folder / "after.state";
+	const std::string after = folder("after.state");
 	render({"--plugin", "swell", "--automate", "time=0:0.1sec,0.25:1.5sec", "--automate", "autoGain=0:0,0.2:24dB,0.2:3dB",
-		"--state-out", after, input, folder / "out.wav"});
-	const std::string time = row({"--plugin", "swell", "--state-in", after}, "swell.time");
-	EXPECT_NE(time.find("1.5sec"), std::string::npos) << time;
+		"--state-out", after, input, folder("out.wav")});
+	EXPECT_NE(row({"--plugin", "swell", "--state-in", after}, "swell.time").find("1.5sec"), std::string::npos);
 	EXPECT_NE(row({"--plugin", "swell", "--state-in", after}, "swell.autoGain").find("3dB"), std::string::npos);
 }
 
 TEST_F(RenderCli, EveryMistakeIsOneLineAnExitCodeAndNoFile) {
-	const std::string out = folder / "out.wav", whole = readText(input), cut = folder / "cut.wav";
+	const std::string out = folder("out.wav"), whole = readText(input), cut = folder("cut.wav");
 	std::ofstream(cut, std::ios::binary) << whole.substr(0, whole.size() / 2); // its header promises twice the samples
-	std::ofstream(folder / "junk.wav") << "this is not audio";
-	std::ofstream(folder / "junk.state") << "not a state";
-	std::filesystem::create_directory(folder / "taken.wav");
-	const std::string preset = folder / "swell.state";
+	std::ofstream(folder("junk.wav")) << "this is not audio";
+	std::ofstream(folder("junk.state")) << "not a state";
+	fs::create_directory(folder("taken.wav"));
+	const std::string preset = folder("swell.state");
 	ASSERT_EQ(run({"--plugin", "swell", "--state-out", preset}).exitCode, 0);
+	const std::regex soundFile("\\.(wav|ogg|mp3)$");
 	struct Case {
-		std::vector<std::string> args;
+		std::vector<std::string> args; // swell, and both files unless the case gives files
 		int exitCode;
 		const char *words;
 	} cases[] = {
@@ -127,49 +203,47 @@ TEST_F(RenderCli, EveryMistakeIsOneLineAnExitCodeAndNoFile) {
 		{{"--frobnicate"}, 2, "unknown option --frobnicate"},
 		{{"--force=yes"}, 2, "--force takes no value"},
 		{{"--block", "0"}, 2, "--block"},
-		{{"--state-in", folder / "junk.state"}, 1, "not a saved plug-in state"},
-		{{"--state-in", folder / "none.state"}, 1, "cannot read the state"},
-		{{"--bits", "16", input, folder / "out.ogg"}, 2, "--bits"},
+		{{"--state-in", folder("junk.state")}, 1, "not a saved plug-in state"},
+		{{"--state-in", folder("none.state")}, 1, "cannot read the state"},
+		{{"--bits", "16", input, folder("out.ogg")}, 2, "--bits"},
 		{{input}, 2, "one input file and one output file"},
-		{{folder / "missing.wav", out}, 1, "cannot read"},
-		{{folder / "junk.wav", out}, 1, "cannot read"},
+		{{folder("missing.wav"), out}, 1, "cannot read"},
+		{{folder("junk.wav"), out}, 1, "cannot read"},
 		{{cut, out}, 1, "truncated"},
-		{{input, folder / "no-such-folder/out.wav"}, 1, "cannot write"},
-		{{input, folder / "taken.wav"}, 1, "cannot write"},
-		{{input, folder / "out.mp3"}, 2, "output format"},
+		{{input, folder("no-such-folder/out.wav")}, 1, "cannot write"},
+		{{input, folder("taken.wav")}, 1, "cannot write"},
+		{{input, folder("out.mp3")}, 2, "output format"},
 		{{input, input}, 2, "add --force"},
 		{{"--plugin", "no-such-effect"}, 2, "no plug-in \"no-such-effect\""},
 		{{"--plugin", "chrous"}, 2, "did you mean chorus"},
 		{{"--plugin", "octaver", "--state-in", preset}, 2, "is a saved state of Lumbrel: Swell, not of Lumbrel: Octaver"},
 		{{"--plugin", "decay-scale", "--automate", "latency=0:5ms,0.2:10ms"}, 2, "changes the plug-in's latency"},
-		{{"--bundle", folder / "none.clap"}, 1, "no bundle"},
+		{{"--bundle", folder("none.clap")}, 1, "no bundle"},
 	};
 	for (const auto &c : cases) {
-		// Swell, the bundle, and both files unless the case gives its own.
 		std::vector<std::string> args = c.args;
 		const auto given = [&](const std::string &what) { return std::find(args.begin(), args.end(), what) != args.end(); };
-		const bool files = std::any_of(args.begin(), args.end(), [](const std::string &a) {
-			const auto dot = a.rfind('.');
-			return dot != std::string::npos && std::string(".wav.ogg.flac.mp3").find(a.substr(dot)) != std::string::npos;
-		});
-		if (!files) args.insert(args.end(), {input, out});
+		if (std::none_of(args.begin(), args.end(), [&](const std::string &a) { return std::regex_search(a, soundFile); }))
+			args.insert(args.end(), {input, out});
 		if (!given("--plugin")) args.insert(args.begin(), {"--plugin", "swell"});
-		const auto r = given("--bundle") ? lumbrel_test::run(folder, (args.insert(args.begin(), tool), args)) : run(args);
+		const auto r = run(args, given("--bundle"));
 		EXPECT_EQ(r.exitCode, c.exitCode) << c.words << ": " << r.err;
 		EXPECT_NE(r.err.find(c.words), std::string::npos) << r.err;
 		EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
 	}
 	EXPECT_EQ(readText(input), whole);
-	EXPECT_TRUE(std::filesystem::is_directory(folder / "taken.wav"));
-	for (const auto &name : folder.files())
+	EXPECT_TRUE(fs::is_directory(folder("taken.wav")));
+	for (const auto &entry : fs::directory_iterator(root)) {
+		const std::string name = entry.path().filename();
 		EXPECT_TRUE(name.find(".partial") == std::string::npos && name.rfind("out.", 0) == std::string::npos) << name;
+	}
 
 	// A render that fails after it began (three channels don't fit the stereo
 	// port) leaves the old output as it was; --force replaces a file whole.
 	ASSERT_EQ(run({"--plugin", "swell", input, out}).exitCode, 0);
 	const std::string before = readText(out);
-	ASSERT_TRUE(writeSound(folder / "three.wav", std::vector<std::vector<float>>(3, std::vector<float>(4800, 0.1f)), 48000));
-	const auto r = run({"--plugin", "swell", folder / "three.wav", out});
+	ASSERT_TRUE(writeSound(folder("three.wav"), std::vector<std::vector<float>>(3, std::vector<float>(4800, 0.1f)), 48000));
+	const auto r = run({"--plugin", "swell", folder("three.wav"), out});
 	EXPECT_EQ(r.exitCode, 1);
 	EXPECT_NE(r.err.find("3 channels"), std::string::npos) << r.err;
 	EXPECT_EQ(readText(out), before);
@@ -177,19 +251,19 @@ TEST_F(RenderCli, EveryMistakeIsOneLineAnExitCodeAndNoFile) {
 }
 
 TEST_F(RenderCli, UsualOptionsAndStandardInputAndOutput) {
-	auto r = lumbrel_test::run(folder, {tool, "--version"});
+	auto r = run({"--version"}, true);
 	EXPECT_EQ(r.exitCode, 0);
 	EXPECT_EQ(r.out.rfind("lumbrel-render 1.", 0), 0u) << r.out;
 	for (const char *help : {"-h", "--help"}) {
-		r = lumbrel_test::run(folder, {tool, help});
+		r = run({help}, true);
 		EXPECT_EQ(r.exitCode, 0);
 		EXPECT_NE(r.out.find("Exit status: 0"), std::string::npos) << r.out;
 	}
-	r = run({"--plugin=swell", "--set=time=1s", "-q", input, folder / "a.wav"});
+	r = run({"--plugin=swell", "--set=time=1s", "-q", input, folder("a.wav")});
 	EXPECT_EQ(r.exitCode, 0);
 	EXPECT_EQ(r.out + r.err, "") << "quiet";
 
-	const std::string out = folder / "piped.wav", err = folder / "err.txt";
+	const std::string out = folder("piped.wav"), err = folder("err.txt");
 	const std::string command = "'" + tool + "' --bundle '" + bundle + "' --plugin decay-scale - - < '" + input + "' > '"
 		+ out + "' 2> '" + err + "'";
 	ASSERT_EQ(std::system(command.c_str()), 0) << readText(err);
@@ -217,27 +291,24 @@ TEST_F(RenderCli, FormatsFollowTheFileNameKeepTheInputsBitsAndTheLevel) {
 	for (const auto &c : cases) {
 		std::vector<std::string> args = {"--plugin", "decay-scale"};
 		args.insert(args.end(), c.args.begin(), c.args.end());
-		args.insert(args.end(), {input, folder / c.name});
+		args.insert(args.end(), {input, folder(c.name)});
 		const SoundFile out = render(args);
-		EXPECT_EQ(out.format, c.format) << c.name;
-		EXPECT_EQ(out.sampleRate, 48000) << c.name;
-		ASSERT_EQ(out.channels.size(), 2u) << c.name;
+		EXPECT_TRUE(out.format == c.format && out.sampleRate == 48000 && out.channels.size() == 2) << c.name;
 		// A steady tone passes the decay scale at unity gain.
 		for (const auto &channel : out.channels)
 			EXPECT_NEAR(dB(rms(channel, 4800, 19200) / rms(in[0], 4800, 19200)), 0, c.toleranceDb) << c.name;
 	}
 	// Above full scale: clipped to 16 bits, a warning in float.
-	ASSERT_TRUE(writeSound(folder / "loud.wav", tone(24000, 1.5f), 48000));
-	auto r = run({"--plugin", "decay-scale", "--bits", "16", folder / "loud.wav", folder / "clipped.wav"});
+	ASSERT_TRUE(writeSound(folder("loud.wav"), tone(24000, 1.5f), 48000));
+	auto r = run({"--plugin", "decay-scale", "--bits", "16", folder("loud.wav"), folder("clipped.wav")});
 	EXPECT_EQ(r.exitCode, 0) << r.err;
-	EXPECT_NE(r.err.find("clipped "), std::string::npos) << r.err;
-	EXPECT_NE(r.err.find("(peak +"), std::string::npos) << r.err;
-	r = run({"--plugin", "decay-scale", folder / "loud.wav", folder / "float.wav"});
+	EXPECT_TRUE(r.err.find("clipped ") != std::string::npos && r.err.find("(peak +") != std::string::npos) << r.err;
+	r = run({"--plugin", "decay-scale", folder("loud.wav"), folder("float.wav")});
 	EXPECT_NE(r.err.find("warning: peak +"), std::string::npos) << r.err;
 }
 
 TEST_F(RenderCli, AClickComesOutAtItsOwnIndexOrLateByTheReportedLatency) {
-	const std::string in = click(2, 48000), out = folder / "out.wav";
+	const std::string in = click(2, 48000), out = folder("out.wav");
 	struct Case {
 		std::vector<std::string> args;
 		std::size_t latency; // reported, and the delay with --no-compensate
@@ -259,10 +330,7 @@ TEST_F(RenderCli, AClickComesOutAtItsOwnIndexOrLateByTheReportedLatency) {
 			EXPECT_EQ(sound.frames(), 48000u) << "the same length, the tail cut";
 			ASSERT_EQ(sound.channels.size(), 2u);
 			const std::size_t at = clickAt + (compensate ? 0 : c.latency);
-			for (const auto &channel : sound.channels) {
-				EXPECT_EQ(peakIndex(channel), at);
-				EXPECT_GT(std::abs(channel[at]), 0.05f);
-			}
+			for (const auto &channel : sound.channels) EXPECT_TRUE(peakIndex(channel) == at && std::abs(channel[at]) > 0.05f);
 			char latency[64];
 			std::snprintf(latency, sizeof latency, "latency %zu samples (%.2f ms)", c.latency, c.latency / 48.0);
 			EXPECT_NE(report.out.find(latency), std::string::npos) << latency;
@@ -272,18 +340,17 @@ TEST_F(RenderCli, AClickComesOutAtItsOwnIndexOrLateByTheReportedLatency) {
 	}
 	// Mono stays mono at its rate, through both of the plug-in's channels: the
 	// output is their mean, a click as high as through a stereo file.
-	const SoundFile stereo = render({"--plugin", "decay-scale", click(2, 44100), folder / "stereo.wav"});
-	const SoundFile mono = render({"--plugin", "decay-scale", click(1, 44100), folder / "mono.wav"});
+	const SoundFile stereo = render({"--plugin", "decay-scale", click(2, 44100), folder("stereo.wav")});
+	const SoundFile mono = render({"--plugin", "decay-scale", click(1, 44100), folder("mono.wav")});
 	ASSERT_EQ(mono.channels.size(), 1u);
-	EXPECT_EQ(mono.sampleRate, 44100);
-	EXPECT_EQ(peakIndex(mono.channels[0]), clickAt);
+	EXPECT_TRUE(mono.sampleRate == 44100 && peakIndex(mono.channels[0]) == clickAt);
 	EXPECT_NEAR(mono.channels[0][clickAt], stereo.channels[0][clickAt], 1e-3);
 }
 
 TEST_F(RenderCli, ProgressIsOneLineThatFitsANarrowTerminal) {
-	ASSERT_TRUE(writeSound(folder / "long.wav", tone(48000 * 20, 0.25f), 48000));
+	ASSERT_TRUE(writeSound(folder("long.wav"), tone(48000 * 20, 0.25f), 48000));
 	const RunResult r = runOnTerminal(
-		{tool, "--bundle", bundle, "--plugin", "chorus", folder / "long.wav", folder / "a-long-name-for-the-output.wav"}, 40);
+		{tool, "--bundle", bundle, "--plugin", "chorus", folder("long.wav"), folder("a-long-name-for-the-output.wav")}, 40);
 	ASSERT_EQ(r.exitCode, 0) << r.out;
 	const std::string bar = r.out.substr(0, r.out.find("Lumbrel"));
 	EXPECT_EQ(bar.find('\n'), std::string::npos) << "one updating line:\n" << bar;
