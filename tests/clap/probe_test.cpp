@@ -1,23 +1,14 @@
-// The instance seen through the chunk probe (chunk_probe.cpp), whose output 0
-// holds the length of the chunk that made each sample and output 1 the count
-// of effect builds: how a host block is cut at events, when activation
-// rebuilds the effect, the ports, and the parameter list through clap.params.
-#include "host/bundle.h"
-#include "host/events.h"
-#include "host/host.h"
-#include "host/instance.h"
+// The instance seen through the chunk probe (chunk_probe.cpp): how a host
+// block is cut at events, when activation rebuilds the effect, the ports, and
+// the parameter list through clap.params.
+#include "support/plugin_runner.h"
 
 #include <gtest/gtest.h>
 
 #include <clap/clap.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <functional>
-#include <memory>
-#include <utility>
-#include <vector>
 
 using namespace lumbrel::host;
 
@@ -29,9 +20,7 @@ constexpr clap_id channelModeId = 0x9321A3CB; // "channelMode\0"
 
 struct Probe : ::testing::Test {
 	void SetUp() override {
-		std::string error;
-		bundle = Bundle::load(LUMBREL_PROBE_PATH, error);
-		ASSERT_TRUE(bundle) << error;
+		ASSERT_TRUE(bundle = lumbrel_test::loadBundle(LUMBREL_PROBE_PATH));
 		instance = std::make_unique<Instance>(*bundle, "lumbrel.test.chunk-probe", host);
 		ASSERT_TRUE(instance->valid() && instance->init());
 	}
@@ -87,27 +76,17 @@ TEST_F(Probe, BlocksAreCutAtParameterEventsOnly) {
 		{"an event at 0 runs first", [&] { events.paramValue(0, 1234, 0.5); }, {{0, 256}}},
 		{"an event at 100", [&] { events.paramValue(100, 1234, 0.5); }, {{0, 100}, {100, 156}}},
 		{"two events at one time give no empty chunk",
-			[&] {
-				events.paramValue(100, 1234, 0.5);
-				events.paramValue(100, 4321, 0.25);
-				events.paramValue(200, 1234, 0.75);
-			},
+			[&] { events.paramValue(100, 1234, 0.5), events.paramValue(100, 4321, 0.25), events.paramValue(200, 1234, 0.75); },
 			{{0, 100}, {100, 100}, {200, 56}}},
 		{"notes and MIDI pass without a cut",
 			[&] {
-				events.note(10, CLAP_EVENT_NOTE_ON, 60, 1.0);
-				events.note(20, CLAP_EVENT_NOTE_OFF, 60, 0.0);
-				events.note(30, CLAP_EVENT_NOTE_CHOKE, 60, 0.0);
-				events.midi(40, 0x90, 60, 100);
+				events.note(10, CLAP_EVENT_NOTE_ON, 60, 1.0), events.note(20, CLAP_EVENT_NOTE_OFF, 60, 0.0);
+				events.note(30, CLAP_EVENT_NOTE_CHOKE, 60, 0.0), events.midi(40, 0x90, 60, 100);
 			},
 			{{0, 256}}},
 		{"another space's event cuts, then is ignored", [&] { events.paramValue(64, 1234, 0.5, nullptr, 7); },
 			{{0, 64}, {64, 192}}},
-		{"an expression passes, a gesture cuts",
-			[&] {
-				events.add(expression.header);
-				events.paramGesture(80, 1234, true);
-			},
+		{"an expression passes, a gesture cuts", [&] { events.add(expression.header), events.paramGesture(80, 1234, true); },
 			{{0, 80}, {80, 176}}},
 		// Not clamped to the block: the host's word is taken.
 		{"an event past the block stretches the chunk", [&] { events.paramValue(300, 1234, 0.5); }, {{0, 300}}},
@@ -154,22 +133,17 @@ TEST_F(Probe, PortsAskedBeforeActivationConfigureTheEffect) {
 	const clap_plugin *plugin = instance->clapPlugin();
 	clap_audio_port_info in{}, out{}, none{};
 	EXPECT_FALSE(ports->get(plugin, 0, true, &none)) << "nothing configured yet";
-	EXPECT_EQ(ports->count(plugin, true), 1u);
-	EXPECT_EQ(ports->count(plugin, false), 1u);
+	EXPECT_TRUE(ports->count(plugin, true) == 1 && ports->count(plugin, false) == 1);
 	ASSERT_TRUE(ports->get(plugin, 0, true, &in) && ports->get(plugin, 0, false, &out));
 	EXPECT_FALSE(ports->get(plugin, 1, false, &none));
-	EXPECT_EQ(in.id, 0x1000000u);
-	EXPECT_EQ(out.id, 0x2000000u);
-	EXPECT_STREQ(in.name, "main");
-	EXPECT_TRUE(in.channel_count == 2 && in.flags == CLAP_AUDIO_PORT_IS_MAIN && !in.port_type
+	EXPECT_TRUE(in.id == 0x1000000u && out.id == 0x2000000u && !std::strcmp(in.name, "main") && in.channel_count == 2 && in.flags == CLAP_AUDIO_PORT_IS_MAIN && !in.port_type
 		&& in.in_place_pair == CLAP_INVALID_ID);
 }
 
 TEST_F(Probe, ParametersAreListedInDeclarationOrderWithPathIdsAsPositionsOrSteps) {
 	ASSERT_EQ(instance->paramCount(), 4u);
 	const clap_param_info latency = info(0), time = info(1), mode = info(2), shift = info(3);
-	EXPECT_EQ(latency.id, latencyId);
-	EXPECT_EQ(mode.id, channelModeId);
+	EXPECT_TRUE(latency.id == latencyId && mode.id == channelModeId) << std::hex << latency.id << " " << mode.id;
 	for (const auto &i : {latency, time, mode, shift}) {
 		EXPECT_EQ(std::string(i.module, sizeof(i.module)), std::string(sizeof(i.module), '\0')) << i.name;
 		EXPECT_NE(i.cookie, nullptr) << i.name;
