@@ -117,8 +117,7 @@ TEST_F(ParamTable, ValuesAreReadInTheUnitOrAsLabelsAndUnknownOrSharedNamesSayWha
 		{"decay-scale", "latency", "fast", "error: give a number"},
 		{"decay-scale", "latency", "20ms", "error: outside the range"},
 		{"decay-scale", "latency", "-1", "error: outside the range"},
-		{"decay-scale", "decay.factor", "2x", "error: plain number"},
-		{"decay-scale", "iterations", "8", "8"},
+		{"decay-scale", "decay.factor", "2x", "error: plain number"}, {"decay-scale", "iterations", "8", "8"},
 		{"decay-scale", "direct", "ON", "on"},
 		{"decay-scale", "iterations", "3", "error: 1, 2, 4, 8"}, // the plug-in would read it as the default
 		{"decay-scale", "direct", "maybe", "error: off, on"},
@@ -127,8 +126,7 @@ TEST_F(ParamTable, ValuesAreReadInTheUnitOrAsLabelsAndUnknownOrSharedNamesSayWha
 		{"pitch-shifter-layer1", "semitones", "25", "error: -24 to 24"},
 		{"pitch-shifter-layer1", "smoothing", "0", "error: peaksConfig.smoothing"},
 		{"pitch-shifter-layer1", "smoothing", "0", "error: timbreConfig.smoothing"},
-		{"swell", "tmie", "0", "error: swell.time"},
-		{"swell", "latencyMS.x", "0", "error: engineConfig.latencyMs"},
+		{"swell", "tmie", "0", "error: swell.time"}, {"swell", "latencyMS.x", "0", "error: engineConfig.latencyMs"},
 		{"swell", "engineConfig", "0", "error: no parameter"}, // a group
 		{"swell", "zzzzzzzzzz", "0", "error: --list --plugin swell"},
 	};
