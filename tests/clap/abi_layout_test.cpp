@@ -48,8 +48,7 @@ constexpr bool sameText(const char *a, const char *b) {
 #define ABI_EACH(m, x, ...) \
    ABI_CALL(ABI_EACH_, (ABI_NTH(__VA_ARGS__, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), m, x, __VA_ARGS__))
 
-// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof)...), every field in
-// declaration order.
+// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof)...), every field in declaration order.
 #define ABI_FIELD(tag, field, offset)                                                                \
    static_assert(!layout64 || offsetof(tag##_t, field) == (offset), "offset of " #tag "." #field);
 #define ABI_STRUCT(tag, size, align, ...)                                                            \
@@ -178,8 +177,8 @@ ABI_FEATURES((CLAP_PLUGIN_FEATURE_INSTRUMENT, "instrument"), (CLAP_PLUGIN_FEATUR
    (CLAP_PLUGIN_FEATURE_CHORUS, "chorus"), (CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER, "transient-shaper"),
    (CLAP_PLUGIN_FEATURE_UTILITY, "utility"), (CLAP_PLUGIN_FEATURE_MONO, "mono"), (CLAP_PLUGIN_FEATURE_STEREO, "stereo"))
 
-// Same width but wrong signedness would turn -1 into 65535 and break "<= 0"
-// error checks, so the exact types matter; fields use them, never the enums.
+// Exact types: a wrong signedness turns -1 into 65535, and const is part of
+// the type a host's compiler checks; fields use these types, never the enums.
 static_assert(std::is_same<clap_id, uint32_t>::value && std::is_same<clap_process_status, int32_t>::value
                  && std::is_same<clap_note_expression, int32_t>::value, "clap_id, status, expression");
 static_assert(std::is_same<clap_beattime, int64_t>::value && std::is_same<clap_sectime, int64_t>::value, "times");
@@ -202,8 +201,6 @@ static_assert(std::is_same<decltype(clap_entry), const clap_plugin_entry_t>::val
 static_assert(sizeof(ABI_TEXT(CLAP_ABI)) == 1, "callbacks use the default C calling convention");
 #endif
 
-// Where a type of the same size is easy to get wrong: signedness turns -1
-// into 65535, and const is part of the type a host's compiler checks.
 #define ABI_TYPE(_, type, field, ...) static_assert(std::is_same<decltype(type::field), __VA_ARGS__>::value, #type "." #field);
 ABI_EACH(ABI_TYPE, _, (clap_event_note_t, port_index, int16_t), (clap_event_note_t, note_id, int32_t),
    (clap_event_param_value_t, key, int16_t), (clap_event_midi_t, port_index, uint16_t),
@@ -243,9 +240,8 @@ constexpr clap_window_t window = {CLAP_WINDOW_API_COCOA, {&view}};
 static_assert(window.cocoa == &view, "clap_window's union starts with the cocoa view");
 
 TEST(ClapVersion, OnlyReleaseLinesAreCompatible) {
-   EXPECT_TRUE(clap_version_is_compatible(CLAP_VERSION));
-   EXPECT_TRUE(clap_version_is_compatible(clap_version_t{2, 0, 0}));
-   EXPECT_FALSE(clap_version_is_compatible(clap_version_t{0, 26, 0}));
+   EXPECT_TRUE(clap_version_is_compatible(CLAP_VERSION) && clap_version_is_compatible(clap_version_t{2, 0, 0})
+               && !clap_version_is_compatible(clap_version_t{0, 26, 0}));
 }
 
 } // namespace

@@ -37,6 +37,7 @@ void editEverything(Instance &instance) {
 	instance.paramsFlush(events, out);
 }
 
+
 using Runs = std::vector<std::pair<int, int>>;
 constexpr clap_id latencyId = 0x06A04C69; // CRC-32 of "engineConfig\0latencyMs\0"
 constexpr clap_id channelModeId = 0x9321A3CB; // "channelMode\0"
@@ -63,16 +64,8 @@ struct Probe : ::testing::Test {
 			runs.emplace_back(int(i), int(out0[i]));
 		return runs;
 	}
-	double value(clap_id id) {
-		double v = -999;
-		EXPECT_TRUE(instance->paramValue(id, v));
-		return v;
-	}
-	clap_param_info info(std::uint32_t index) {
-		clap_param_info result{};
-		EXPECT_TRUE(instance->paramInfo(index, result));
-		return result;
-	}
+	double value(clap_id id) { double v = -999; return instance->paramValue(id, v) ? v : -999; }
+	clap_param_info info(std::uint32_t index) { return infos(*instance).at(index); }
 
 	Host host;
 	std::unique_ptr<Bundle> bundle;
