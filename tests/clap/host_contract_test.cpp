@@ -207,8 +207,7 @@ TEST_F(Probe, BlocksAreCutAtParameterEventsOnly) {
 		{"two events at one time give no empty chunk",
 			[&] { events.paramValue(100, 1234, 0.5), events.paramValue(100, 4321, 0.25), events.paramValue(200, 1234, 0.75); },
 			{{0, 100}, {100, 100}, {200, 56}}},
-		{"notes and MIDI pass without a cut",
-			[&] {
+		{"notes and MIDI pass without a cut", [&] {
 				events.note(10, CLAP_EVENT_NOTE_ON, 60, 1.0), events.note(20, CLAP_EVENT_NOTE_OFF, 60, 0.0);
 				events.note(30, CLAP_EVENT_NOTE_CHOKE, 60, 0.0), events.midi(40, 0x90, 60, 100);
 			},
