@@ -13,8 +13,7 @@
 
 namespace {
 
-// The offsets were measured on 64-bit targets; elsewhere (i386 puts 8-byte
-// fields on 4-byte boundaries) only the types are checked.
+// Offsets as on 64-bit targets; elsewhere (i386 aligns 8-byte fields to 4) only types are checked.
 constexpr bool layout64 = UINTPTR_MAX == UINT64_MAX;
 
 constexpr bool sameText(const char *a, const char *b) {
@@ -56,8 +55,7 @@ constexpr bool sameText(const char *a, const char *b) {
    static_assert(!layout64 || sizeof(tag##_t) == (size), "sizeof " #tag);                           \
    static_assert(!layout64 || alignof(tag##_t) == (align), "alignof " #tag);                        \
    ABI_EACH(ABI_FIELD, tag, __VA_ARGS__)
-// An id is a char array (sizeof covers its text and NUL) whose bytes match:
-// hosts compare ids with strcmp, each with its own copy.
+// An id is a char array (its text and NUL) whose bytes match: hosts compare ids with strcmp.
 #define ABI_ID(_, name, text)                                                                        \
    static_assert(std::is_same<decltype(name), const char[sizeof(text)]>::value && sameText(name, text), #name);
 #define ABI_IDS(...) ABI_EACH(ABI_ID, _, __VA_ARGS__)
@@ -233,8 +231,7 @@ constexpr clap_version_t initialised = CLAP_VERSION_INIT;
 static_assert(CLAP_VERSION.major == 1 && CLAP_VERSION.minor == 2 && CLAP_VERSION.revision == 7
                  && initialised.major == 1 && initialised.minor == 2 && initialised.revision == 7, "1.2.7");
 
-// Brace initialisation sets the window's first union member, which must be the
-// cocoa view (an X11 id first would not even take a pointer).
+// Brace initialisation sets the window's first union member: the cocoa view.
 int view;
 constexpr clap_window_t window = {CLAP_WINDOW_API_COCOA, {&view}};
 static_assert(window.cocoa == &view, "clap_window's union starts with the cocoa view");

@@ -1,8 +1,7 @@
-// Every plug-in under abuse, through the ABI: blocks of random length, random
-// parameter events on every parameter (in range, at the ends, far outside),
-// engine-setting changes, resets, state save/load and random page messages,
-// on music-like input, silence and full-scale noise. The output must stay
-// finite and below +24 dBFS, and nothing may crash.
+// Every plug-in under abuse through the ABI: blocks of random length, random
+// values on every parameter (in range, at the ends, far outside), engine changes,
+// resets, state save/load and page messages, on a chord with clicks, silence and
+// full-scale noise. The output stays finite and below +24 dBFS; nothing crashes.
 #include "host/key_paths.h"
 #include "storage/cbor_writer.h"
 #include "support/plugin_runner.h"
@@ -43,11 +42,11 @@ std::vector<unsigned char> pageMerge(const StateKeyPath &path, std::mt19937 &ran
 	return bytes;
 }
 
-// Two seconds each of a chord with clicks, silence and full-scale noise.
+// Two seconds each.
 std::vector<std::vector<float>> inputs(double rate) {
 	const auto frames = std::size_t(rate * 2);
-	std::vector<float> music = lumbrel_test::harmonicTone(196, 12, rate, frames, 0.08);
-	const auto fifth = lumbrel_test::harmonicTone(293.7, 10, rate, frames, 0.08);
+	std::vector<float> music = lumbrel_test::harmonicTone(196, 12, rate, frames, 0.08),
+					   fifth = lumbrel_test::harmonicTone(293.7, 10, rate, frames, 0.08);
 	for (std::size_t i = 0; i < frames; ++i) music[i] += fifth[i] + (i % std::size_t(rate / 4) < 200 ? 0.3f : 0);
 	std::vector<float> noise(frames);
 	std::mt19937 random(3);
@@ -62,7 +61,6 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 	ASSERT_TRUE(bundle);
 	const double seconds = std::getenv("LUMBREL_STRESS_SECONDS") ? std::atof(std::getenv("LUMBREL_STRESS_SECONDS")) : 10;
 	const float limit = std::pow(10.0f, 24.0f / 20.0f);
-
 	for (double rate : {44100.0, 96000.0}) {
 		const auto signals = inputs(rate);
 		for (std::uint32_t p = 0; p < bundle->count(); ++p) {
@@ -86,7 +84,6 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 				for (double value : {-1e9, -100.0, -0.5, 1.5, 100.0, 1e9})
 					if (path.keys.front() == "engineConfig") engine.insert(path.id), first.emplace_back(path.id, value);
 			ASSERT_FALSE(engine.empty());
-
 			std::vector<float> inL(2048), inR(2048), outL(2048), outR(2048);
 			float *in[2] = {inL.data(), inR.data()}, *out[2] = {outL.data(), outR.data()};
 			InputEvents events;
@@ -100,7 +97,6 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 					inR[i] = signal[(position + i + signal.size() / 2) % signal.size()];
 				}
 				position += frames;
-
 				events.clear();
 				if (block < first.size()) events.paramValue(0, first[block].first, first[block].second);
 				for (int e = int(random() % 4); e > 0; --e) {
@@ -116,9 +112,7 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 					for (float v : {outL[i], outR[i]}) bad += !std::isfinite(v), loud += std::isfinite(v) && std::fabs(v) > limit;
 				done += frames;
 				++block;
-
-				// Now and then, what else a host and a page do between blocks:
-				// a reset, a state round trip, garbage for a state, a page's
+				// Now and then: a reset, a state round trip, garbage for a state, a page's
 				// merge, ["meters", 0.02, 0.3], the main thread's turn.
 				std::vector<std::uint8_t> bytes;
 				const unsigned char meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x94, 0x7a, 0xe1, 0x47,

@@ -18,7 +18,6 @@ template<class Base>
 struct ChunkProbeQUORL : Base {
 	using ParamRange = typename Base::ParamRange;
 	using ParamStepped = typename Base::ParamStepped;
-
 	struct EngineGroup {
 		ParamRange latencyMs{10};
 		template<class Storage>
@@ -30,7 +29,6 @@ struct ChunkProbeQUORL : Base {
 	ParamRange time{0.5};
 	ParamStepped channelMode{1};
 	ParamStepped semitones{0};
-
 	int builds = 0;
 	bool hasEffect = false;
 	static constexpr std::uint32_t noteInputId = 0x3000000;
@@ -39,7 +37,6 @@ struct ChunkProbeQUORL : Base {
 	float noteKey = 0;
 	void noteStart(std::uint64_t offset, std::int64_t, float note, float) { noteAt = offset, noteKey = note; }
 	void noteEnd(std::int64_t, std::int64_t) {}
-
 	template<class Storage>
 	void state(Storage &storage) {
 		storage("engineConfig", engineConfig);
@@ -47,11 +44,9 @@ struct ChunkProbeQUORL : Base {
 		storage.stepped("channelMode", channelMode).info("channels").labelsFrom(0).label("mono", "full");
 		storage.stepped("semitones", semitones).info("shift").range(-24, 24);
 	}
-
 	void configureQUORL(quorl::LibraryConfig &) { hasEffect = true, ++builds; }
 	void reset() {}
 	std::size_t latencySamples() const { return hasEffect ? 7 : 0; }
-
 	void processQUORL(const quorl::LibraryConfig &config, const float *const *, float *const *outputs,
 		std::size_t length, bool) {
 		if (config.outputChannels > 0) std::fill(outputs[0], outputs[0] + length, float(length));

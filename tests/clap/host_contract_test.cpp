@@ -1,9 +1,7 @@
 // What a CLAP host relies on, tried the way a DAW calls: on all ten plug-ins,
-// the entry and factory, a state load that asks the host to read the values
-// again, every value's text read back, bad text and foreign states refused,
-// groups as modules; and through the chunk probe (chunk_probe.cpp), how a host
-// block is cut at events, when activation rebuilds the effect, the ports, and
-// the parameter list. (The silent audio thread: realtime_test.cpp.)
+// the entry, state loads (with a rescan) and texts read back, foreign ones
+// refused, groups as modules; through the chunk probe (chunk_probe.cpp), block
+// cutting, rebuilds on activation, ports and the parameter list.
 #include "support/plugin_runner.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +64,6 @@ struct Probe : ::testing::Test {
 	}
 	double value(clap_id id) { double v = -999; return instance->paramValue(id, v) ? v : -999; }
 	clap_param_info info(std::uint32_t index) { return infos(*instance).at(index); }
-
 	Host host;
 	std::unique_ptr<Bundle> bundle;
 	std::unique_ptr<Instance> instance;
@@ -133,7 +130,6 @@ TEST_F(HostContract, StatesAndTextsReadBackAndWhatIsNoneOfThisPlugInsIsRefused) 
 		EXPECT_TRUE(fresh.loadState(std::vector<std::uint8_t>(saved.begin(), saved.begin() + saved.size() / 2)));
 		EXPECT_EQ(recording.rescanCalls.load(), 2);
 		previous = saved;
-
 		std::set<std::string> listed;
 		for (const auto &info : infos(edited)) {
 			const std::string where = std::string(info.module) + "/" + info.name;
@@ -226,7 +222,6 @@ TEST_F(Probe, BlocksAreCutAtParameterEventsOnly) {
 	}
 	events.paramValue(0, 1234, 0.5);
 	EXPECT_TRUE(chunks(0).empty()) << "a block of no frames processes nothing";
-
 	// Notes start at their own sample, counted from the chunk they fall in.
 	events.clear();
 	events.note(30, CLAP_EVENT_NOTE_ON, 60, 1.0), events.paramValue(100, 1234, 0.5), events.note(150, CLAP_EVENT_NOTE_ON, 62, 1.0);
@@ -280,7 +275,6 @@ TEST_F(Probe, ParametersAreListedInDeclarationOrderWithPathIdsAsPositionsOrSteps
 		&& mode.max_value == 1 && mode.default_value == 1 && shift.min_value == -24 && shift.max_value == 24);
 	clap_param_info none{};
 	EXPECT_FALSE(instance->paramInfo(4, none));
-
 	// Text both ways; a short buffer gets the first bytes, with no terminator.
 	EXPECT_EQ(instance->paramText(channelModeId, 0) + instance->paramText(time.id, 0.5) + instance->paramText(latencyId, 0.5),
 		"mono0.5 sec10ms");

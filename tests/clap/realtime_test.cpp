@@ -37,7 +37,6 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 	float *inputs[2] = {left.data(), right.data()}, *outputs[2] = {outLeft.data(), outRight.data()};
 	std::mt19937 random(1);
 	std::normal_distribution<float> noise(0.0f, 0.1f);
-
 	for (std::uint32_t p = 0; bundle && p < bundle->count(); ++p) {
 		const char *id = bundle->descriptor(p)->id;
 		SCOPED_TRACE(id);
@@ -45,9 +44,8 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		Instance instance(*bundle, id, host);
 		ASSERT_GT(creation.count(), 0u) << "the counter must see the bundle's allocations";
 		ASSERT_TRUE(instance.init() && instance.activate(48000, 1, maxFrames) && instance.startProcessing());
-		// Host automation of every parameter but the engine settings and the
-		// channel mode (whose change rebuilds the effect by design), in range and
-		// far outside it; it also queues page updates.
+		// Automation of all but the engine settings and the channel mode (which
+		// rebuild the effect by design), in range and far outside; it queues page updates.
 		std::vector<clap_id> automated;
 		std::vector<std::uint8_t> state;
 		ASSERT_TRUE(instance.saveState(state));
@@ -57,8 +55,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		const double hostile[] = {-1e9, -3, -0.25, 0, 0.5, 1, 1.02, 2, 100, 1e9};
 		InputEvents events;
 		OutputEvents output;
-		// Passed over in silence: transport, modulation, gestures, an unknown
-		// core type, another space's event.
+		// Passed over: transport, modulation, gestures, an unknown type, another space's.
 		clap_event_transport transport{};
 		transport.header = {sizeof(transport), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_TRANSPORT, 0};
 		clap_event_param_mod mod{};
@@ -67,7 +64,6 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		mod.amount = 0.1;
 		clap_event_header unknown{sizeof(clap_event_header), 0, CLAP_CORE_EVENT_SPACE_ID, 200, 0},
 			otherSpace{sizeof(clap_event_header), 0, 7, CLAP_EVENT_PARAM_VALUE, 0};
-
 		// Counts only inside process(); with `page`, the main thread takes its
 		// turn between blocks and drains the ring, as a host with the editor open.
 		std::size_t allocations = 0, locks = 0, writes = 0, spectra = 0;
@@ -104,9 +100,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		instance.reset();
 		run(50, false);
 		EXPECT_EQ(allocations + locks + writes, 0u) << allocations << " allocations, " << locks << " locks, " << writes;
-
-		// The page: "ready", then a lease of a spectrum every 1 ms (each block).
-		// Each ring slot grows once to hold a spectrum; after that, nothing.
+		// The page: "ready", then a spectrum every 1 ms; each ring slot grows once to hold one.
 		const auto *webview = instance.extension<clap_plugin_webview>(CLAP_EXT_WEBVIEW);
 		const std::uint8_t ready[] = {0x65, 'r', 'e', 'a', 'd', 'y'}, // and ["meters", 0.001, 3600]
 			meters[] = {0x83, 0x66, 'm', 'e', 't', 'e', 'r', 's', 0xfb, 0x3f, 0x50, 0x62, 0x4d, 0xd2, 0xf1, 0xa9, 0xfc, 0x19, 0x0e, 0x10};

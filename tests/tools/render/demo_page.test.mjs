@@ -57,7 +57,6 @@ test('the demo page reads well and its commands make its files again',
     const page = await browser.newPage();
     await page.goto(pathToFileURL(join(folder, 'index.html')).href);
     await page.waitForFunction(() => Array.from(document.images).every((i) => i.complete));
-
     const sections = await page.$$eval('section', (all) => all.map((s) => ({
       id: s.id,
       listen: s.querySelector('.listen')?.textContent ?? '',
@@ -73,7 +72,6 @@ test('the demo page reads well and its commands make its files again',
       assert.equal(s.automation, s.command.includes('--automate') ? 1 : 0, `${s.id}: automation drawn as a course`);
     }
     assert.ok(sections.some((s) => s.automation), 'one example automates');
-
     // Every picture loaded; the axis labels of each are at least 12 px and
     // don't touch one another.
     const figures = await page.$$eval('.spectrogram', (all) => all.map((figure) => {
@@ -99,7 +97,6 @@ test('the demo page reads well and its commands make its files again',
       assert.ok(hz[0].top >= f.top - 0.5 && hz.at(-1).bottom <= f.bottom + 0.5, 'labels within the picture');
       assert.ok(apart(f.seconds, 'left', 'right'), JSON.stringify(f.seconds));
     }
-
     // The page's commands, run as written, make the same audio.
     for (const s of sections.filter((x) => x.id === 'octaver' || x.automation)) {
       const made = join(folder, `${s.id}.wav`);
@@ -109,7 +106,6 @@ test('the demo page reads well and its commands make its files again',
       const [again, first] = [samples(made), samples(`${made}.demo`)];
       assert.ok(first.length > 0 && again.equals(first), `${s.id}: the command makes the same audio`);
     }
-
     if (process.env.LUMBREL_UPDATE_DOCS) {
       await page.locator('#octaver .before .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-input.png') });
       await page.locator('#octaver .after .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-octaver.png') });
