@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# lumbrel-editor as a user runs it after installing: installed into a home of
-# its own, run from outside the repository with nothing of the repository on
-# its paths, and the browser opener stubbed by $BROWSER with a program that
-# fetches the page it is handed. Usage: editor_command_test.sh BUILD_DIR
+# lumbrel-editor installed into a home of its own and run from outside the
+# repository, $BROWSER stubbed by a program that fetches the page it is handed.
+# Usage: editor_command_test.sh BUILD_DIR
 set -euo pipefail
 build=$(cd "$1" && pwd)
 repo=$(cd "$(dirname "$0")/../../.." && pwd)
