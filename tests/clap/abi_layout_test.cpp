@@ -2,7 +2,6 @@
 // alignment and field offsets, the types easy to get wrong, the ids and the
 // constants, all at compile time; a mistake stops the build naming the struct
 // and field, or the constant, that differs.
-
 #include <clap/all.h>
 
 #include <gtest/gtest.h>
@@ -16,10 +15,7 @@ namespace {
 // Offsets as on 64-bit targets; elsewhere (i386 aligns 8-byte fields to 4) only types are checked.
 constexpr bool layout64 = UINTPTR_MAX == UINT64_MAX;
 
-constexpr bool sameText(const char *a, const char *b) {
-   while (*a && *a == *b) ++a, ++b;
-   return *a == *b;
-}
+constexpr bool sameText(const char *a, const char *b) { return *a == *b && (!*a || sameText(a + 1, b + 1)); }
 
 // ABI_EACH(m, x, (a...), (b...), ...) expands to m(x, a...) m(x, b...) ...
 #define ABI_CALL(m, args) m args
@@ -138,10 +134,9 @@ ABI_IDS((CLAP_EXT_WEBVIEW, "clap.webview/3"), (CLAP_PORT_MONO, "mono"), (CLAP_PO
    (CLAP_WINDOW_API_WIN32, "win32"), (CLAP_WINDOW_API_COCOA, "cocoa"), (CLAP_WINDOW_API_X11, "x11"),
    (CLAP_WINDOW_API_WAYLAND, "wayland"), (CLAP_WINDOW_API_WEBVIEW, "webview"))
 ABI_ENUMS((CLAP_NAME_SIZE, 256), (CLAP_PATH_SIZE, 1024), (CLAP_PROCESS_ERROR, 0), (CLAP_PROCESS_CONTINUE, 1),
-   (CLAP_PROCESS_CONTINUE_IF_NOT_QUIET, 2), (CLAP_PROCESS_TAIL, 3), (CLAP_PROCESS_SLEEP, 4),
-   (CLAP_EVENT_IS_LIVE, 0x1), (CLAP_EVENT_DONT_RECORD, 0x2), (CLAP_EVENT_NOTE_ON, 0), (CLAP_EVENT_NOTE_OFF, 1),
-   (CLAP_EVENT_NOTE_CHOKE, 2), (CLAP_EVENT_NOTE_END, 3), (CLAP_EVENT_NOTE_EXPRESSION, 4), (CLAP_EVENT_PARAM_VALUE, 5),
-   (CLAP_EVENT_PARAM_MOD, 6))
+   (CLAP_PROCESS_CONTINUE_IF_NOT_QUIET, 2), (CLAP_PROCESS_TAIL, 3), (CLAP_PROCESS_SLEEP, 4), (CLAP_EVENT_IS_LIVE, 0x1),
+   (CLAP_EVENT_DONT_RECORD, 0x2), (CLAP_EVENT_NOTE_ON, 0), (CLAP_EVENT_NOTE_OFF, 1), (CLAP_EVENT_NOTE_CHOKE, 2),
+   (CLAP_EVENT_NOTE_END, 3), (CLAP_EVENT_NOTE_EXPRESSION, 4), (CLAP_EVENT_PARAM_VALUE, 5), (CLAP_EVENT_PARAM_MOD, 6))
 ABI_ENUMS((CLAP_EVENT_PARAM_GESTURE_BEGIN, 7), (CLAP_EVENT_PARAM_GESTURE_END, 8), (CLAP_EVENT_TRANSPORT, 9),
    (CLAP_EVENT_MIDI, 10), (CLAP_EVENT_MIDI_SYSEX, 11), (CLAP_EVENT_MIDI2, 12), (CLAP_NOTE_EXPRESSION_VOLUME, 0),
    (CLAP_NOTE_EXPRESSION_PAN, 1), (CLAP_NOTE_EXPRESSION_TUNING, 2), (CLAP_NOTE_EXPRESSION_VIBRATO, 3),

@@ -27,10 +27,7 @@ const double positions[] = {0.0, 1.0, 0.5, -0.5, 1.5, -100.0, 100.0, 0.999};
 std::vector<unsigned char> pageMerge(const StateKeyPath &path, std::mt19937 &random) {
 	std::vector<unsigned char> bytes;
 	varkesh::cbor::CborWriter writer(bytes);
-	for (const auto &key : path.keys) {
-		writer.writeHead(5, 1);
-		writer.addText(key);
-	}
+	for (const auto &key : path.keys) writer.writeHead(5, 1), writer.addText(key);
 	writer.writeHead(5, 1);
 	const double value = random() % 8 ? positions[random() % 8] : std::nan("");
 	switch (random() % 4) {
@@ -76,8 +73,7 @@ TEST(AutomationStress, EveryPluginStaysFiniteAndBounded) {
 			std::vector<std::uint8_t> state;
 			ASSERT_TRUE(instance.saveState(state));
 			const auto paths = stateKeyPaths(state.data(), state.size());
-			// Engine settings rebuild the effect: changed rarely, but each of them
-			// to each hostile value first, one a block.
+			// Engine settings (which rebuild the effect): each to each hostile value first, then rarely.
 			std::set<clap_id> engine;
 			std::vector<std::pair<clap_id, double>> first;
 			for (const auto &path : paths)

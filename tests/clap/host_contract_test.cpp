@@ -61,9 +61,7 @@ struct Probe : ::testing::Test {
 	Runs notes; // (sample, key) where a note started
 };
 
-struct HostContract : ::testing::Test {
-	std::unique_ptr<Bundle> bundle = lumbrel_test::bundle();
-};
+struct HostContract : ::testing::Test { std::unique_ptr<Bundle> bundle = lumbrel_test::bundle(); };
 
 } // namespace
 
@@ -224,7 +222,7 @@ TEST_F(Probe, ActivationRebuildsOnEqualOrLargerBlocksAndNewRates) {
 	}
 }
 
-TEST_F(Probe, PortsAskedBeforeActivationConfigureTheEffect) {
+TEST_F(Probe, PortsAskedBeforeActivationAndParametersInDeclarationOrderWithPathIdsAsPositionsOrSteps) {
 	const auto *ports = instance->extension<clap_plugin_audio_ports>(CLAP_EXT_AUDIO_PORTS);
 	const clap_plugin *plugin = instance->clapPlugin();
 	clap_audio_port_info in{}, out{}, none{};
@@ -234,9 +232,6 @@ TEST_F(Probe, PortsAskedBeforeActivationConfigureTheEffect) {
 	EXPECT_FALSE(ports->get(plugin, 1, false, &none));
 	EXPECT_TRUE(in.id == 0x1000000u && out.id == 0x2000000u && !std::strcmp(in.name, "main") && in.channel_count == 2
 		&& in.flags == CLAP_AUDIO_PORT_IS_MAIN && !in.port_type && in.in_place_pair == CLAP_INVALID_ID);
-}
-
-TEST_F(Probe, ParametersAreListedInDeclarationOrderWithPathIdsAsPositionsOrSteps) {
 	ASSERT_EQ(instance->paramCount(), 4u);
 	const clap_param_info latency = info(0), time = info(1), mode = info(2), shift = info(3);
 	EXPECT_TRUE(latency.id == latencyId && mode.id == channelModeId) << std::hex << latency.id << " " << mode.id;
@@ -249,8 +244,8 @@ TEST_F(Probe, ParametersAreListedInDeclarationOrderWithPathIdsAsPositionsOrSteps
 		&& std::abs(time.default_value - 0.5) < 1e-12) << time.default_value;
 	EXPECT_TRUE(mode.flags == (CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED) && mode.min_value == 0
 		&& mode.max_value == 1 && mode.default_value == 1 && shift.min_value == -24 && shift.max_value == 24);
-	clap_param_info none{};
-	EXPECT_FALSE(instance->paramInfo(4, none));
+	clap_param_info past{};
+	EXPECT_FALSE(instance->paramInfo(4, past));
 	// Text both ways; a short buffer gets the first bytes, with no terminator.
 	EXPECT_EQ(instance->paramText(channelModeId, 0) + instance->paramText(time.id, 0.5) + instance->paramText(latencyId, 0.5),
 		"mono0.5 sec10ms");
@@ -271,9 +266,7 @@ TEST_F(Probe, ValueEventsAreStoredUnclampedAndCookiesHonouredOnlyForTheirId) {
 	ASSERT_TRUE(instance->activate(48000, 1, 256));
 	const clap_param_info time = info(1), mode = info(2), shift = info(3);
 	const auto send = [&](clap_id id, double v, void *cookie = nullptr) {
-		events.clear();
-		events.paramValue(0, id, v, cookie);
-		chunks(16);
+		events.clear(), events.paramValue(0, id, v, cookie), chunks(16);
 	};
 	// Beyond the range the curve is taken as it stands: position 1.5 is past
 	// its pole (at 1/0.7) and maps to 0.875 / -0.05.

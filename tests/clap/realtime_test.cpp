@@ -21,11 +21,11 @@ using namespace lumbrel::host;
 TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 	if (!lumbrel_test::allocationCountingAvailable()) GTEST_SKIP() << "no allocation counting in this build";
 	std::mutex mutex;
-	const std::size_t locks = lumbrel_test::lockCount(), writes = lumbrel_test::writeCount();
+	const std::size_t locksBefore = lumbrel_test::lockCount(), writesBefore = lumbrel_test::writeCount();
 	mutex.lock(), mutex.unlock();
 	FILE *sink = std::tmpfile();
 	std::fputs("x", sink), std::fclose(sink);
-	ASSERT_TRUE(lumbrel_test::lockCount() > locks && lumbrel_test::writeCount() > writes) << "the counters must see";
+	ASSERT_TRUE(lumbrel_test::lockCount() > locksBefore && lumbrel_test::writeCount() > writesBefore) << "counters see";
 	auto bundle = lumbrel_test::bundle();
 	Host host;
 	const std::uint32_t maxFrames = 1024;
@@ -56,12 +56,10 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		transport.header = {sizeof(transport), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_TRANSPORT, 0};
 		clap_event_param_mod mod{};
 		mod.header = {sizeof(mod), 0, CLAP_CORE_EVENT_SPACE_ID, CLAP_EVENT_PARAM_MOD, 0};
-		mod.param_id = automated[0];
-		mod.amount = 0.1;
+		mod.param_id = automated[0], mod.amount = 0.1;
 		clap_event_header unknown{sizeof(clap_event_header), 0, CLAP_CORE_EVENT_SPACE_ID, 200, 0},
 			otherSpace{sizeof(clap_event_header), 0, 7, CLAP_EVENT_PARAM_VALUE, 0};
-		// Counts only inside process(); with `page`, the main thread takes its
-		// turn between blocks and drains the ring, as a host with the editor open.
+		// Counts inside process() only; with `page` the main thread drains the ring between blocks.
 		std::size_t allocations = 0, locks = 0, writes = 0, spectra = 0;
 		auto run = [&](int blocks, bool page) {
 			for (int b = 0; b < blocks; ++b) {
@@ -76,8 +74,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 				}
 				events.paramGesture(frames - 1, automated[0], false);
 				output.clear();
-				const std::size_t a = lumbrel_test::allocationCount(), l = lumbrel_test::lockCount(),
-								  w = lumbrel_test::writeCount();
+				const std::size_t a = lumbrel_test::allocationCount(), l = lumbrel_test::lockCount(), w = lumbrel_test::writeCount();
 				instance.process(inputs, 2, outputs, 2, frames, events, output);
 				allocations += lumbrel_test::allocationCount() - a;
 				locks += lumbrel_test::lockCount() - l;

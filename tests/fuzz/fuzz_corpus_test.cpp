@@ -1,6 +1,5 @@
-// Replays a fuzz target's seeds, and prefixes of each (every
-// LUMBREL_FUZZ_PREFIX_STEP-th length), through the target: a failed check of
-// the target aborts the process, which fails the test.
+// Replays a fuzz target's seeds and their prefixes (every LUMBREL_FUZZ_PREFIX_STEP-th length)
+// through the target: a failed check aborts the process, which fails the test.
 #include <gtest/gtest.h>
 
 #include <algorithm>

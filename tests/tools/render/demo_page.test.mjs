@@ -45,9 +45,7 @@ test('the demo writes a file per plug-in, as long as the input and not silent', 
     assert.ok(page.includes(`src="${name}.wav"`) && existsSync(join(folder, `${name}.png`)), name);
   }
   // A setting for a parameter that isn't there yet is a note, not a failure.
-  for (const line of report.split('\n').filter((l) => l.includes('note:'))) {
-    assert.match(line, /skipped|spectrograms/, line);
-  }
+  for (const line of report.split('\n').filter((l) => l.includes('note:'))) assert.match(line, /skipped|spectrograms/, line);
 });
 
 test('the demo page reads well and its commands make its files again',
@@ -87,9 +85,7 @@ test('the demo page reads well and its commands make its files again',
     }));
     assert.equal(figures.length, 20);
     for (const f of figures) {
-      assert.ok(f.loaded);
-      assert.equal(f.hz[0].text, '50 Hz');
-      assert.ok(f.hz.some((b) => b.text === '20 kHz'));
+      assert.ok(f.loaded && f.hz[0].text === '50 Hz' && f.hz.some((b) => b.text === '20 kHz'), JSON.stringify(f.hz));
       for (const b of [...f.hz, ...f.seconds]) assert.ok(b.size >= 12 && b.left >= 0, JSON.stringify(b));
       const apart = (boxes, a, b) => boxes.slice(1).every((box, i) => box[a] >= boxes[i][b] - 0.5);
       const hz = [...f.hz].sort((x, y) => x.top - y.top);

@@ -37,10 +37,7 @@ namespace fs = std::filesystem;
 
 const std::string bundle = LUMBREL_BUNDLE_PATH, tool = LUMBREL_RENDER_PATH;
 
-struct RunResult {
-	int exitCode = -1;
-	std::string out, err;
-};
+struct RunResult { int exitCode = -1; std::string out, err; };
 
 std::string readText(const std::string &path) {
 	std::ifstream file(path, std::ios::binary);
@@ -351,9 +348,8 @@ TEST_F(RenderCli, ProgressIsOneLineThatFitsANarrowTerminal) {
 	EXPECT_NE(r.out.find("wrote"), std::string::npos) << r.out;
 }
 
-// A state shaped as the plug-ins save one: a leaf between two groups, a group
-// in a group, and a group field (desc) that is a map holding a value, which is
-// still no parameter.
+// A state shaped as the plug-ins save one: a leaf between two groups, a group in
+// a group, and a group field (desc) that is a map holding a value: no parameter.
 const std::string sampleState = "\xBF\x64name\x61T\x64" "desc\xA1\x65value\x61x"
 	"\x6C" "engineConfig\xA2\x64name\x66" "Engine\x69latencyMs\xA1\x65value\x0A"
 	"\x6B" "channelMode\xA1\x65value\x01"
@@ -390,8 +386,8 @@ TEST(KeyPaths, ParametersOfASavedStateInOrderWithTheirGroupsAndIdsAndWhatACutSta
 }
 
 struct ParamTable : ::testing::Test {
-	std::unique_ptr<host::Bundle> bundle = host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
 	std::string error;
+	std::unique_ptr<host::Bundle> bundle = host::Bundle::load(LUMBREL_BUNDLE_PATH, error);
 	host::Host host;
 	std::unique_ptr<host::Instance> instance;
 	std::unique_ptr<render::ParamTable> table;
