@@ -1,9 +1,7 @@
-// The ABI declaration must match CLAP 1.2.7 to the byte: every struct's size
-// and alignment, every field's offset, the exact types where they are easy to
-// get wrong, the ids, the numbers and the kind of each constant. All of it is checked at compile time; a mistake
-// stops the build with the struct and field, or the constant, that differs.
-// Every header also compiles alone and twice, as C11 and as C++ (CMakeLists).
-
+// The ABI declaration matches CLAP 1.2.7 to the byte: every struct's size,
+// alignment and field offsets, the types easy to get wrong, the ids and the
+// constants, all at compile time; a mistake stops the build naming the struct
+// and field, or the constant, that differs.
 #include <clap/all.h>
 
 #include <gtest/gtest.h>
@@ -14,14 +12,10 @@
 
 namespace {
 
-// The offsets were measured on 64-bit targets; elsewhere (i386 puts 8-byte
-// fields on 4-byte boundaries) only the types are checked.
+// Offsets as on 64-bit targets; elsewhere (i386 aligns 8-byte fields to 4) only types are checked.
 constexpr bool layout64 = UINTPTR_MAX == UINT64_MAX;
 
-constexpr bool sameText(const char *a, const char *b) {
-   while (*a && *a == *b) ++a, ++b;
-   return *a == *b;
-}
+constexpr bool sameText(const char *a, const char *b) { return *a == *b && (!*a || sameText(a + 1, b + 1)); }
 
 // ABI_EACH(m, x, (a...), (b...), ...) expands to m(x, a...) m(x, b...) ...
 #define ABI_CALL(m, args) m args
@@ -44,17 +38,12 @@ constexpr bool sameText(const char *a, const char *b) {
 #define ABI_E14(m, x, t, ...) ABI_ONE(m, x, t) ABI_E13(m, x, __VA_ARGS__)
 #define ABI_E15(m, x, t, ...) ABI_ONE(m, x, t) ABI_E14(m, x, __VA_ARGS__)
 #define ABI_E16(m, x, t, ...) ABI_ONE(m, x, t) ABI_E15(m, x, __VA_ARGS__)
-#define ABI_E17(m, x, t, ...) ABI_ONE(m, x, t) ABI_E16(m, x, __VA_ARGS__)
-#define ABI_E18(m, x, t, ...) ABI_ONE(m, x, t) ABI_E17(m, x, __VA_ARGS__)
-#define ABI_E19(m, x, t, ...) ABI_ONE(m, x, t) ABI_E18(m, x, __VA_ARGS__)
-#define ABI_E20(m, x, t, ...) ABI_ONE(m, x, t) ABI_E19(m, x, __VA_ARGS__)
-#define ABI_NTH(_1, _2, _3, _4, _5, _6, _7, _8, _9, _10, _11, _12, _13, _14, _15, _16, _17, _18, _19, _20, n, ...) n
+#define ABI_NTH(_1, _2, _3, _4, _5, _6, _7, _8, _9, _10, _11, _12, _13, _14, _15, _16, n, ...) n
 #define ABI_EACH_(n, m, x, ...) ABI_E##n(m, x, __VA_ARGS__)
-#define ABI_EACH(m, x, ...) ABI_CALL(ABI_EACH_, (ABI_NTH(__VA_ARGS__, 20, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, \
-   9, 8, 7, 6, 5, 4, 3, 2, 1, 0), m, x, __VA_ARGS__))
+#define ABI_EACH(m, x, ...) \
+   ABI_CALL(ABI_EACH_, (ABI_NTH(__VA_ARGS__, 16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0), m, x, __VA_ARGS__))
 
-// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof)...), every field in
-// declaration order.
+// ABI_STRUCT(tag, sizeof, alignof, (field, offsetof)...), every field in declaration order.
 #define ABI_FIELD(tag, field, offset)                                                                \
    static_assert(!layout64 || offsetof(tag##_t, field) == (offset), "offset of " #tag "." #field);
 #define ABI_STRUCT(tag, size, align, ...)                                                            \
@@ -62,8 +51,7 @@ constexpr bool sameText(const char *a, const char *b) {
    static_assert(!layout64 || sizeof(tag##_t) == (size), "sizeof " #tag);                           \
    static_assert(!layout64 || alignof(tag##_t) == (align), "alignof " #tag);                        \
    ABI_EACH(ABI_FIELD, tag, __VA_ARGS__)
-// An id is a char array (sizeof covers its text and NUL) whose bytes match:
-// hosts compare ids with strcmp, each with its own copy.
+// An id is a char array (its text and NUL) whose bytes match: hosts compare ids with strcmp.
 #define ABI_ID(_, name, text)                                                                        \
    static_assert(std::is_same<decltype(name), const char[sizeof(text)]>::value && sameText(name, text), #name);
 #define ABI_IDS(...) ABI_EACH(ABI_ID, _, __VA_ARGS__)
@@ -141,52 +129,40 @@ ABI_STRUCT(clap_host_webview, 8, 8, (send, 0))
 ABI_IDS((CLAP_PLUGIN_FACTORY_ID, "clap.plugin-factory"), (CLAP_EXT_PARAMS, "clap.params"),
    (CLAP_EXT_AUDIO_PORTS, "clap.audio-ports"), (CLAP_EXT_NOTE_PORTS, "clap.note-ports"),
    (CLAP_EXT_STATE, "clap.state"), (CLAP_EXT_LATENCY, "clap.latency"), (CLAP_EXT_GUI, "clap.gui"),
-   (CLAP_EXT_TIMER_SUPPORT, "clap.timer-support"), (CLAP_EXT_POSIX_FD_SUPPORT, "clap.posix-fd-support"),
-   (CLAP_EXT_WEBVIEW, "clap.webview/3"), (CLAP_PORT_MONO, "mono"), (CLAP_PORT_STEREO, "stereo"),
+   (CLAP_EXT_TIMER_SUPPORT, "clap.timer-support"), (CLAP_EXT_POSIX_FD_SUPPORT, "clap.posix-fd-support"))
+ABI_IDS((CLAP_EXT_WEBVIEW, "clap.webview/3"), (CLAP_PORT_MONO, "mono"), (CLAP_PORT_STEREO, "stereo"),
    (CLAP_WINDOW_API_WIN32, "win32"), (CLAP_WINDOW_API_COCOA, "cocoa"), (CLAP_WINDOW_API_X11, "x11"),
    (CLAP_WINDOW_API_WAYLAND, "wayland"), (CLAP_WINDOW_API_WEBVIEW, "webview"))
-ABI_ENUMS((CLAP_NAME_SIZE, 256))
-ABI_ENUMS((CLAP_PATH_SIZE, 1024))
-ABI_ENUMS((CLAP_PROCESS_ERROR, 0))
-ABI_ENUMS((CLAP_PROCESS_CONTINUE, 1), (CLAP_PROCESS_CONTINUE_IF_NOT_QUIET, 2))
-ABI_ENUMS((CLAP_PROCESS_TAIL, 3))
-ABI_ENUMS((CLAP_PROCESS_SLEEP, 4))
-ABI_ENUMS((CLAP_EVENT_IS_LIVE, 0x1))
-ABI_ENUMS((CLAP_EVENT_DONT_RECORD, 0x2))
-ABI_ENUMS((CLAP_EVENT_NOTE_ON, 0), (CLAP_EVENT_NOTE_OFF, 1), (CLAP_EVENT_NOTE_CHOKE, 2), (CLAP_EVENT_NOTE_END, 3),
-   (CLAP_EVENT_NOTE_EXPRESSION, 4))
-ABI_ENUMS((CLAP_EVENT_PARAM_VALUE, 5), (CLAP_EVENT_PARAM_MOD, 6), (CLAP_EVENT_PARAM_GESTURE_BEGIN, 7),
-   (CLAP_EVENT_PARAM_GESTURE_END, 8))
-ABI_ENUMS((CLAP_EVENT_TRANSPORT, 9))
-ABI_ENUMS((CLAP_EVENT_MIDI, 10), (CLAP_EVENT_MIDI_SYSEX, 11))
-ABI_ENUMS((CLAP_EVENT_MIDI2, 12))
-ABI_ENUMS((CLAP_NOTE_EXPRESSION_VOLUME, 0), (CLAP_NOTE_EXPRESSION_PAN, 1), (CLAP_NOTE_EXPRESSION_TUNING, 2),
-   (CLAP_NOTE_EXPRESSION_VIBRATO, 3), (CLAP_NOTE_EXPRESSION_EXPRESSION, 4), (CLAP_NOTE_EXPRESSION_BRIGHTNESS, 5),
-   (CLAP_NOTE_EXPRESSION_PRESSURE, 6))
-ABI_ENUMS((CLAP_TRANSPORT_HAS_TEMPO, 0x01), (CLAP_TRANSPORT_HAS_BEATS_TIMELINE, 0x02),
-   (CLAP_TRANSPORT_HAS_SECONDS_TIMELINE, 0x04), (CLAP_TRANSPORT_HAS_TIME_SIGNATURE, 0x08))
-ABI_ENUMS((CLAP_TRANSPORT_IS_PLAYING, 0x10), (CLAP_TRANSPORT_IS_RECORDING, 0x20),
-   (CLAP_TRANSPORT_IS_LOOP_ACTIVE, 0x40), (CLAP_TRANSPORT_IS_WITHIN_PRE_ROLL, 0x80))
-ABI_ENUMS((CLAP_PARAM_IS_STEPPED, 0x1), (CLAP_PARAM_IS_PERIODIC, 0x2), (CLAP_PARAM_IS_HIDDEN, 0x4),
-   (CLAP_PARAM_IS_READONLY, 0x8), (CLAP_PARAM_IS_BYPASS, 0x10), (CLAP_PARAM_IS_AUTOMATABLE, 0x20),
-   (CLAP_PARAM_IS_AUTOMATABLE_PER_NOTE_ID, 0x40), (CLAP_PARAM_IS_AUTOMATABLE_PER_KEY, 0x80),
-   (CLAP_PARAM_IS_AUTOMATABLE_PER_CHANNEL, 0x100), (CLAP_PARAM_IS_AUTOMATABLE_PER_PORT, 0x200),
-   (CLAP_PARAM_IS_MODULATABLE, 0x400), (CLAP_PARAM_IS_MODULATABLE_PER_NOTE_ID, 0x800),
-   (CLAP_PARAM_IS_MODULATABLE_PER_KEY, 0x1000), (CLAP_PARAM_IS_MODULATABLE_PER_CHANNEL, 0x2000),
-   (CLAP_PARAM_IS_MODULATABLE_PER_PORT, 0x4000), (CLAP_PARAM_IS_ENUM, 0x10000))
-ABI_ENUMS((CLAP_PARAM_REQUIRES_PROCESS, 0x8000))
-ABI_ENUMS((CLAP_PARAM_RESCAN_VALUES, 0x1), (CLAP_PARAM_RESCAN_TEXT, 0x2), (CLAP_PARAM_RESCAN_INFO, 0x4),
-   (CLAP_PARAM_RESCAN_ALL, 0x8))
-ABI_ENUMS((CLAP_PARAM_CLEAR_ALL, 0x1), (CLAP_PARAM_CLEAR_AUTOMATIONS, 0x2), (CLAP_PARAM_CLEAR_MODULATIONS, 0x4))
-ABI_ENUMS((CLAP_AUDIO_PORT_IS_MAIN, 0x1), (CLAP_AUDIO_PORT_SUPPORTS_64BITS, 0x2),
-   (CLAP_AUDIO_PORT_PREFERS_64BITS, 0x4), (CLAP_AUDIO_PORT_REQUIRES_COMMON_SAMPLE_SIZE, 0x8))
-ABI_ENUMS((CLAP_AUDIO_PORTS_RESCAN_NAMES, 0x1), (CLAP_AUDIO_PORTS_RESCAN_FLAGS, 0x2),
-   (CLAP_AUDIO_PORTS_RESCAN_CHANNEL_COUNT, 0x4), (CLAP_AUDIO_PORTS_RESCAN_PORT_TYPE, 0x8),
-   (CLAP_AUDIO_PORTS_RESCAN_IN_PLACE_PAIR, 0x10), (CLAP_AUDIO_PORTS_RESCAN_LIST, 0x20))
-ABI_ENUMS((CLAP_NOTE_DIALECT_CLAP, 0x1), (CLAP_NOTE_DIALECT_MIDI, 0x2), (CLAP_NOTE_DIALECT_MIDI_MPE, 0x4),
-   (CLAP_NOTE_DIALECT_MIDI2, 0x8))
-ABI_ENUMS((CLAP_NOTE_PORTS_RESCAN_ALL, 0x1), (CLAP_NOTE_PORTS_RESCAN_NAMES, 0x2))
-ABI_ENUMS((CLAP_POSIX_FD_READ, 0x1), (CLAP_POSIX_FD_WRITE, 0x2), (CLAP_POSIX_FD_ERROR, 0x4))
+ABI_ENUMS((CLAP_NAME_SIZE, 256), (CLAP_PATH_SIZE, 1024), (CLAP_PROCESS_ERROR, 0), (CLAP_PROCESS_CONTINUE, 1),
+   (CLAP_PROCESS_CONTINUE_IF_NOT_QUIET, 2), (CLAP_PROCESS_TAIL, 3), (CLAP_PROCESS_SLEEP, 4), (CLAP_EVENT_IS_LIVE, 0x1),
+   (CLAP_EVENT_DONT_RECORD, 0x2), (CLAP_EVENT_NOTE_ON, 0), (CLAP_EVENT_NOTE_OFF, 1), (CLAP_EVENT_NOTE_CHOKE, 2),
+   (CLAP_EVENT_NOTE_END, 3), (CLAP_EVENT_NOTE_EXPRESSION, 4), (CLAP_EVENT_PARAM_VALUE, 5), (CLAP_EVENT_PARAM_MOD, 6))
+ABI_ENUMS((CLAP_EVENT_PARAM_GESTURE_BEGIN, 7), (CLAP_EVENT_PARAM_GESTURE_END, 8), (CLAP_EVENT_TRANSPORT, 9),
+   (CLAP_EVENT_MIDI, 10), (CLAP_EVENT_MIDI_SYSEX, 11), (CLAP_EVENT_MIDI2, 12), (CLAP_NOTE_EXPRESSION_VOLUME, 0),
+   (CLAP_NOTE_EXPRESSION_PAN, 1), (CLAP_NOTE_EXPRESSION_TUNING, 2), (CLAP_NOTE_EXPRESSION_VIBRATO, 3),
+   (CLAP_NOTE_EXPRESSION_EXPRESSION, 4), (CLAP_NOTE_EXPRESSION_BRIGHTNESS, 5), (CLAP_NOTE_EXPRESSION_PRESSURE, 6),
+   (CLAP_TRANSPORT_HAS_TEMPO, 0x01), (CLAP_TRANSPORT_HAS_BEATS_TIMELINE, 0x02),
+   (CLAP_TRANSPORT_HAS_SECONDS_TIMELINE, 0x04))
+ABI_ENUMS((CLAP_TRANSPORT_HAS_TIME_SIGNATURE, 0x08), (CLAP_TRANSPORT_IS_PLAYING, 0x10),
+   (CLAP_TRANSPORT_IS_RECORDING, 0x20), (CLAP_TRANSPORT_IS_LOOP_ACTIVE, 0x40),
+   (CLAP_TRANSPORT_IS_WITHIN_PRE_ROLL, 0x80), (CLAP_PARAM_IS_STEPPED, 0x1), (CLAP_PARAM_IS_PERIODIC, 0x2),
+   (CLAP_PARAM_IS_HIDDEN, 0x4), (CLAP_PARAM_IS_READONLY, 0x8), (CLAP_PARAM_IS_BYPASS, 0x10),
+   (CLAP_PARAM_IS_AUTOMATABLE, 0x20), (CLAP_PARAM_IS_AUTOMATABLE_PER_NOTE_ID, 0x40),
+   (CLAP_PARAM_IS_AUTOMATABLE_PER_KEY, 0x80), (CLAP_PARAM_IS_AUTOMATABLE_PER_CHANNEL, 0x100),
+   (CLAP_PARAM_IS_AUTOMATABLE_PER_PORT, 0x200), (CLAP_PARAM_IS_MODULATABLE, 0x400))
+ABI_ENUMS((CLAP_PARAM_IS_MODULATABLE_PER_NOTE_ID, 0x800), (CLAP_PARAM_IS_MODULATABLE_PER_KEY, 0x1000),
+   (CLAP_PARAM_IS_MODULATABLE_PER_CHANNEL, 0x2000), (CLAP_PARAM_IS_MODULATABLE_PER_PORT, 0x4000),
+   (CLAP_PARAM_IS_ENUM, 0x10000), (CLAP_PARAM_REQUIRES_PROCESS, 0x8000), (CLAP_PARAM_RESCAN_VALUES, 0x1),
+   (CLAP_PARAM_RESCAN_TEXT, 0x2), (CLAP_PARAM_RESCAN_INFO, 0x4), (CLAP_PARAM_RESCAN_ALL, 0x8),
+   (CLAP_PARAM_CLEAR_ALL, 0x1), (CLAP_PARAM_CLEAR_AUTOMATIONS, 0x2), (CLAP_PARAM_CLEAR_MODULATIONS, 0x4),
+   (CLAP_AUDIO_PORT_IS_MAIN, 0x1), (CLAP_AUDIO_PORT_SUPPORTS_64BITS, 0x2), (CLAP_AUDIO_PORT_PREFERS_64BITS, 0x4))
+ABI_ENUMS((CLAP_AUDIO_PORT_REQUIRES_COMMON_SAMPLE_SIZE, 0x8), (CLAP_AUDIO_PORTS_RESCAN_NAMES, 0x1),
+   (CLAP_AUDIO_PORTS_RESCAN_FLAGS, 0x2), (CLAP_AUDIO_PORTS_RESCAN_CHANNEL_COUNT, 0x4),
+   (CLAP_AUDIO_PORTS_RESCAN_PORT_TYPE, 0x8), (CLAP_AUDIO_PORTS_RESCAN_IN_PLACE_PAIR, 0x10),
+   (CLAP_AUDIO_PORTS_RESCAN_LIST, 0x20), (CLAP_NOTE_DIALECT_CLAP, 0x1), (CLAP_NOTE_DIALECT_MIDI, 0x2),
+   (CLAP_NOTE_DIALECT_MIDI_MPE, 0x4), (CLAP_NOTE_DIALECT_MIDI2, 0x8), (CLAP_NOTE_PORTS_RESCAN_ALL, 0x1),
+   (CLAP_NOTE_PORTS_RESCAN_NAMES, 0x2), (CLAP_POSIX_FD_READ, 0x1), (CLAP_POSIX_FD_WRITE, 0x2),
+   (CLAP_POSIX_FD_ERROR, 0x4))
 
 ABI_FEATURES((CLAP_PLUGIN_FEATURE_INSTRUMENT, "instrument"), (CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, "audio-effect"),
    (CLAP_PLUGIN_FEATURE_NOTE_EFFECT, "note-effect"), (CLAP_PLUGIN_FEATURE_ANALYZER, "analyzer"),
@@ -194,8 +170,8 @@ ABI_FEATURES((CLAP_PLUGIN_FEATURE_INSTRUMENT, "instrument"), (CLAP_PLUGIN_FEATUR
    (CLAP_PLUGIN_FEATURE_CHORUS, "chorus"), (CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER, "transient-shaper"),
    (CLAP_PLUGIN_FEATURE_UTILITY, "utility"), (CLAP_PLUGIN_FEATURE_MONO, "mono"), (CLAP_PLUGIN_FEATURE_STEREO, "stereo"))
 
-// Same width but wrong signedness would turn -1 into 65535 and break "<= 0"
-// error checks, so the exact types matter; fields use them, never the enums.
+// Exact types: a wrong signedness turns -1 into 65535, and const is part of
+// the type a host's compiler checks; fields use these types, never the enums.
 static_assert(std::is_same<clap_id, uint32_t>::value && std::is_same<clap_process_status, int32_t>::value
                  && std::is_same<clap_note_expression, int32_t>::value, "clap_id, status, expression");
 static_assert(std::is_same<clap_beattime, int64_t>::value && std::is_same<clap_sectime, int64_t>::value, "times");
@@ -218,21 +194,22 @@ static_assert(std::is_same<decltype(clap_entry), const clap_plugin_entry_t>::val
 static_assert(sizeof(ABI_TEXT(CLAP_ABI)) == 1, "callbacks use the default C calling convention");
 #endif
 
-// Where a type of the same size is easy to get wrong: signedness turns -1
-// into 65535, and const is part of the type a host's compiler checks.
 #define ABI_TYPE(_, type, field, ...) static_assert(std::is_same<decltype(type::field), __VA_ARGS__>::value, #type "." #field);
 ABI_EACH(ABI_TYPE, _, (clap_event_note_t, port_index, int16_t), (clap_event_note_t, note_id, int32_t),
    (clap_event_param_value_t, key, int16_t), (clap_event_midi_t, port_index, uint16_t),
    (clap_event_header_t, space_id, uint16_t), (clap_process_t, steady_time, int64_t),
-   (clap_process_t, audio_inputs, const clap_audio_buffer_t *), (clap_process_t, audio_outputs, clap_audio_buffer_t *),
-   (clap_process_t, out_events, const clap_output_events_t *), (clap_audio_buffer_t, data32, float **),
-   (clap_audio_buffer_t, constant_mask, uint64_t), (clap_plugin_descriptor_t, features, const char *const *),
+   (clap_process_t, audio_inputs, const clap_audio_buffer_t *),
+   (clap_process_t, audio_outputs, clap_audio_buffer_t *), (clap_process_t, out_events, const clap_output_events_t *),
+   (clap_audio_buffer_t, data32, float **))
+ABI_EACH(ABI_TYPE, _, (clap_audio_buffer_t, constant_mask, uint64_t),
+   (clap_plugin_descriptor_t, features, const char *const *),
    (clap_output_events_t, try_push, bool (*)(const clap_output_events_t *, const clap_event_header_t *)),
    (clap_plugin_gui_t, get_preferred_api, bool (*)(const clap_plugin_t *, const char **, bool *)),
    (clap_plugin_webview_t, get_uri, int32_t (*)(const clap_plugin_t *, char *, uint32_t)),
    (clap_istream_t, read, int64_t (*)(const clap_istream_t *, void *, uint64_t)),
    (clap_plugin_posix_fd_support_t, on_fd, void (*)(const clap_plugin_t *, int, clap_posix_fd_flags_t)),
-   (clap_window_t, x11, clap_xwnd), (clap_param_info_t, min_value, double), (clap_plugin_t, init, bool (*)(const clap_plugin_t *)))
+   (clap_window_t, x11, clap_xwnd), (clap_param_info_t, min_value, double),
+   (clap_plugin_t, init, bool (*)(const clap_plugin_t *)))
 
 // The version: macros usable in #if, an object usable in constant expressions,
 // comparisons that order by major, then minor, then revision.
@@ -249,16 +226,14 @@ constexpr clap_version_t initialised = CLAP_VERSION_INIT;
 static_assert(CLAP_VERSION.major == 1 && CLAP_VERSION.minor == 2 && CLAP_VERSION.revision == 7
                  && initialised.major == 1 && initialised.minor == 2 && initialised.revision == 7, "1.2.7");
 
-// Brace initialisation sets the window's first union member, which must be the
-// cocoa view (an X11 id first would not even take a pointer).
+// Brace initialisation sets the window's first union member: the cocoa view.
 int view;
 constexpr clap_window_t window = {CLAP_WINDOW_API_COCOA, {&view}};
 static_assert(window.cocoa == &view, "clap_window's union starts with the cocoa view");
 
 TEST(ClapVersion, OnlyReleaseLinesAreCompatible) {
-   EXPECT_TRUE(clap_version_is_compatible(CLAP_VERSION));
-   EXPECT_TRUE(clap_version_is_compatible(clap_version_t{2, 0, 0}));
-   EXPECT_FALSE(clap_version_is_compatible(clap_version_t{0, 26, 0}));
+   EXPECT_TRUE(clap_version_is_compatible(CLAP_VERSION) && clap_version_is_compatible(clap_version_t{2, 0, 0})
+               && !clap_version_is_compatible(clap_version_t{0, 26, 0}));
 }
 
 } // namespace

@@ -1,7 +1,7 @@
-// A test bundle whose one plug-in shows how the instance cut each block: it
-// writes the length of the chunk that produced each sample to output 0 and the
-// number of effect builds so far to output 1, where a note starts 1000 + key. Built on the same Plugin<T> as
-// Lumbrel.clap, so block cutting and activation are seen through the ABI.
+// A test bundle on the same Plugin<T> as Lumbrel.clap. The chunk probe shows
+// how the instance cut each block: output 0 holds the length of the chunk that
+// made each sample, output 1 the number of effect builds so far, and 1000 + key
+// where a note starts. The spectral pass is the smallest spectral effect.
 #include "blocks/lumbrel_effect.h"
 #include "clap/plugin_instance.h"
 #include "clap/plugins.h"
@@ -18,9 +18,6 @@ template<class Base>
 struct ChunkProbeQUORL : Base {
 	using ParamRange = typename Base::ParamRange;
 	using ParamStepped = typename Base::ParamStepped;
-
-	// Parameters declared the way the effects declare theirs, so that the
-	// host-visible list can be checked through the ABI.
 	struct EngineGroup {
 		ParamRange latencyMs{10};
 		template<class Storage>
@@ -32,18 +29,14 @@ struct ChunkProbeQUORL : Base {
 	ParamRange time{0.5};
 	ParamStepped channelMode{1};
 	ParamStepped semitones{0};
-
 	int builds = 0;
 	bool hasEffect = false;
-	// Notes: the key of the last one started is written at its offset in the
-	// next chunk of output 1.
 	static constexpr std::uint32_t noteInputId = 0x3000000;
 	static constexpr const char *noteInputName = "notes";
 	std::uint64_t noteAt = ~std::uint64_t(0);
 	float noteKey = 0;
 	void noteStart(std::uint64_t offset, std::int64_t, float note, float) { noteAt = offset, noteKey = note; }
 	void noteEnd(std::int64_t, std::int64_t) {}
-
 	template<class Storage>
 	void state(Storage &storage) {
 		storage("engineConfig", engineConfig);
@@ -51,14 +44,9 @@ struct ChunkProbeQUORL : Base {
 		storage.stepped("channelMode", channelMode).info("channels").labelsFrom(0).label("mono", "full");
 		storage.stepped("semitones", semitones).info("shift").range(-24, 24);
 	}
-
-	void configureQUORL(quorl::LibraryConfig &) {
-		hasEffect = true;
-		++builds;
-	}
+	void configureQUORL(quorl::LibraryConfig &) { hasEffect = true, ++builds; }
 	void reset() {}
 	std::size_t latencySamples() const { return hasEffect ? 7 : 0; }
-
 	void processQUORL(const quorl::LibraryConfig &config, const float *const *, float *const *outputs,
 		std::size_t length, bool) {
 		if (config.outputChannels > 0) std::fill(outputs[0], outputs[0] + length, float(length));
@@ -68,7 +56,7 @@ struct ChunkProbeQUORL : Base {
 	}
 };
 
-// The smallest spectral effect: every input spectrum added back unchanged.
+// Every input spectrum added back unchanged.
 class SpectralPass : public varkesh::lumbrel::LumbrelEffect<float> {
 public:
 	using LumbrelEffect::LumbrelEffect;
@@ -79,9 +67,8 @@ public:
 protected:
 	void onSpectrum() override {
 		++spectra;
-		for (std::size_t c = 0; c < channelsIn; ++c) {
+		for (std::size_t c = 0; c < channelsIn; ++c)
 			varkesh_lumbrel_engine_float_addOutputSplit(engine, c, inputReal(c), inputImag(c));
-		}
 	}
 };
 
@@ -95,9 +82,7 @@ struct SpectralPassQUORL : varkesh::lumbrel::quorl::LumbrelQUORL<Base, SpectralP
 	template<class Fx>
 	void copyParams(Fx &) {}
 	template<class Fx>
-	void refreshSpectrum(Fx &fx) {
-		this->spectrumRow(0).assign(this->analysisSpectrum.hz.size(), float(fx.spectra));
-	}
+	void refreshSpectrum(Fx &fx) { this->spectrumRow(0).assign(this->analysisSpectrum.hz.size(), float(fx.spectra)); }
 };
 
 quorl::clap::Plugins plugins;
@@ -113,8 +98,7 @@ bool probe_init(const char *path) {
 }
 void probe_deinit() {}
 const void *probe_get_factory(const char *id) {
-	if (id && !std::strcmp(id, CLAP_PLUGIN_FACTORY_ID)) return quorl::clap::Plugins::factory(plugins);
-	return nullptr;
+	return id && !std::strcmp(id, CLAP_PLUGIN_FACTORY_ID) ? quorl::clap::Plugins::factory(plugins) : nullptr;
 }
 
 } // namespace
