@@ -5,7 +5,6 @@
 #include "blocks/envelope.h"
 
 #include "blocks/block_harness.h"
-#include "support/alloc_counter.h"
 
 #include <gtest/gtest.h>
 
@@ -175,21 +174,4 @@ TEST(Envelope, SmoothingSpreadsEnergyAcrossBandsByItsWidth) {
 	// Smoothing moves energy, it doesn't make it.
 	EXPECT_NEAR(narrow.sum, 1.0, 0.01);
 	EXPECT_NEAR(wide.sum, 1.0, 0.01);
-}
-
-TEST(Envelope, AllocatesNothingAfterInit) {
-	if (!allocationCountingAvailable()) GTEST_SKIP() << "allocation counting unavailable";
-	SyntheticProbe probe;
-	probe.envelope.smoothing = 1;
-	probe.init();
-	probe.levels.assign(400, 1.0f);
-	probe.trace.reserve(400);
-	const Signal silence(256, 0.0f);
-	Signal out(256);
-	const float *in[] = {silence.data()};
-	float *outs[] = {out.data()};
-	AllocationScope scope;
-	for (int i = 0; i < 100; ++i) probe.process(in, outs, 256);
-	EXPECT_EQ(scope.count(), 0u);
-	EXPECT_GT(probe.trace.size(), 100u);
 }

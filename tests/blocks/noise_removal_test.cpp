@@ -4,7 +4,6 @@
 #include "blocks/noise_removal.h"
 
 #include "blocks/block_harness.h"
-#include "support/alloc_counter.h"
 
 #include <gtest/gtest.h>
 
@@ -146,18 +145,3 @@ TEST(NoiseRemoval, AdaptivePrintFollowsTheNoiseFloor) {
 	EXPECT_LT(dB(rms(out.data() + lateFrom, samples(1)) / rms(loud.data() + lateFrom, samples(1))), -20);
 }
 
-TEST(NoiseRemoval, AllocatesNothingAfterInit) {
-	if (!allocationCountingAvailable()) GTEST_SKIP() << "allocation counting unavailable";
-	CleanupProbe probe(2);
-	probe.learn = CleanupProbe::Learn::adaptive;
-	probe.init();
-	const Signal in = noise(256.0 / rate, 10) + sine(440, rate, 256, 0.3);
-	Signal out0(256), out1(256);
-	const float *inputs[] = {in.data(), in.data()};
-	float *outputs[] = {out0.data(), out1.data()};
-	probe.process(inputs, outputs, 256);
-	AllocationScope scope;
-	for (int i = 0; i < 400; ++i) probe.process(inputs, outputs, 256);
-	EXPECT_EQ(scope.count(), 0u);
-	EXPECT_GT(probe.removal.noiseWeight, 0.0f);
-}

@@ -75,14 +75,6 @@ inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs
 	return outputs;
 }
 
-inline Signal whiteNoise(std::size_t length, double amplitude, std::uint32_t seed) {
-	std::mt19937 random(seed);
-	std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
-	Signal s(length);
-	for (float &x : s) x = float(amplitude) * uniform(random);
-	return s;
-}
-
 inline double rms(const float *x, std::size_t n) {
 	double sum = 0;
 	for (std::size_t i = 0; i < n; ++i) sum += double(x[i]) * x[i];
@@ -92,11 +84,6 @@ inline double rms(const float *x, std::size_t n) {
 // Level of out[from, from + n) against in[from - delay, from - delay + n), in dB.
 inline double levelDb(const Signal &out, const Signal &in, std::size_t delay, std::size_t from, std::size_t n) {
 	return dB(rms(out.data() + from, n) / rms(in.data() + from - delay, n));
-}
-
-// Level of out minus the delayed input, against the input, in dB.
-inline double errorDb(const Signal &out, const Signal &in, std::size_t delay, std::size_t from, std::size_t n) {
-	return residualDb(out, in, delay, from, from + n);
 }
 
 // The lag (0..maxLag) at which out best matches in, by cross-correlation over

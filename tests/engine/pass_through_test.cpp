@@ -78,7 +78,7 @@ TEST_P(PassThroughEngine, OutputIsTheDelayedInput) {
 		const Signal x = sine(hz, c.sampleRate, settle + measure);
 		const Channels y = render(x, 128);
 		for (std::size_t ch = 0; ch < 2; ++ch) {
-			const double level = levelDb(y[ch], x, latency, settle, measure), error = errorDb(y[ch], x, latency, settle, measure);
+			const double level = levelDb(y[ch], x, latency, settle, measure), error = residualDb(y[ch], x, latency, settle, settle + measure);
 			SCOPED_TRACE(testing::Message() << caseName(c) << ", " << hz << " Hz, channel " << ch << ": level " << level
 											<< " dB, error " << error << " dB");
 			if (knee) {

@@ -22,7 +22,7 @@ using lumbrel_test::whiteNoise;
 
 TEST(PlatformVector, EachOperationAgainstPlainArithmeticAndInPlace) {
 	for (std::size_t n : {0u, 1u, 5u, 33u, 1000u}) {
-		const auto a = whiteNoise(n, 1), b = whiteNoise(n, 2), c = whiteNoise(n, 3);
+		const auto a = whiteNoise(n, 1, 1), b = whiteNoise(n, 1, 2), c = whiteNoise(n, 1, 3);
 		std::vector<float> out(n), im(n);
 		struct Case {
 			const char *name;
@@ -90,7 +90,7 @@ TEST(PlatformVector, ExpWithinTwoUlpsAndItsLimits) {
 TEST(Linear, ExpressionsMatchElementwiseArithmetic) {
 	using namespace varkesh::linear::expression;
 	const std::size_t n = 677;
-	auto a = whiteNoise(n, 1), b = whiteNoise(n, 2), c = whiteNoise(n, 3), re = whiteNoise(n, 4), im = whiteNoise(n, 5);
+	auto a = whiteNoise(n, 1, 1), b = whiteNoise(n, 1, 2), c = whiteNoise(n, 1, 3), re = whiteNoise(n, 1, 4), im = whiteNoise(n, 1, 5);
 	for (auto &v : b) v += v < 0 ? -0.5f : 0.5f; // divisors away from 0
 	auto A = readable(a.data()), B = readable(b.data()), C = readable(c.data());
 	auto S = readable(re.data(), im.data());
@@ -127,7 +127,7 @@ TEST(Biquad, BothFormsFollowTheDifferenceEquation) {
 	single.a1 = block.a1 = -0.5f;
 	single.a2 = block.a2 = 0.25f;
 	single.b1 = block.b1 = 0.5f;
-	const auto x = whiteNoise(64, 8);
+	const auto x = whiteNoise(64, 1, 8);
 	std::vector<float> blockOut(x.size());
 	block.process(x.data(), blockOut.data(), 40);
 	block.process(x.data() + 40, blockOut.data() + 40, x.size() - 40);

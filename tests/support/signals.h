@@ -3,6 +3,8 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <cstdint>
+#include <random>
 #include <vector>
 
 namespace lumbrel_test {
@@ -22,6 +24,14 @@ inline std::vector<float> harmonicTone(double f0, int partials, double sampleRat
 		if (k * f0 >= 0.45 * sampleRate) break;
 		for (std::size_t i = 0; i < frames; ++i) out[i] += float(amplitude * std::sin(2 * pi * k * f0 * double(i) / sampleRate + k));
 	}
+	return out;
+}
+
+inline std::vector<float> whiteNoise(std::size_t frames, double amplitude, std::uint32_t seed) {
+	std::mt19937 random(seed);
+	std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
+	std::vector<float> out(frames);
+	for (float &x : out) x = float(amplitude) * uniform(random);
 	return out;
 }
 
