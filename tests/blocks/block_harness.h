@@ -1,12 +1,10 @@
 #pragma once
 // Shared helpers of the building-block tests: an effect whose frame is a test's
-// function, a pitch-shifting effect built from the blocks, and the partials of
-// the audio that comes out.
+// function, and the partials of the audio that comes out.
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
 #include "engine/engine_harness.h"
-#include "support/alloc_counter.h"
 #include "support/quality_measures.h"
 
 #include <algorithm>
@@ -42,40 +40,6 @@ public:
 		if (frame) frame(*this);
 	}
 	bool onSilence() override { return keepRunning; }
-};
-
-// Shifts pitch with Peaks and PeakShifter alone (no timbre): every output
-// channel gets input channel o % channelsIn times the shifter's gains, placed
-// at the shifter's frequencies.
-class ShiftEffect : public LumbrelEffect<float> {
-public:
-	using LumbrelEffect::LumbrelEffect;
-
-	varkesh::lumbrel::Peaks<float> peaks;
-	varkesh::lumbrel::PeakShifter<float> shifter;
-
-	void init() {
-		reserveScratch();
-		peaks.init(*this);
-		shifter.gains.init(*this);
-	}
-	void reset() {
-		varkesh_lumbrel_engine_float_reset(engine);
-		std::fill(peaks.energyBuffer.begin(), peaks.energyBuffer.end(), 0.0f);
-		auto &gains = shifter.gains;
-		std::fill(gains.gainsReal.begin(), gains.gainsReal.end(), 1.0f);
-		std::fill(gains.gainsImag.begin(), gains.gainsImag.end(), 0.0f);
-		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
-	}
-
-	void onSpectrum() override {
-		peaks.update(*this, true);
-		shifter.update(*this, peaks);
-		for (std::size_t o = 0; o < channelsOut; ++o) {
-			std::size_t i = o % channelsIn;
-			shifter.gains.addOutput(*this, o, inputReal(i), inputImag(i), 1);
-		}
-	}
 };
 
 // Runs `inputs` through an effect in blocks of `blockSize`.

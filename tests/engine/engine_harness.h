@@ -1,6 +1,6 @@
 #pragma once
 // Shared helpers of the engine tests: an owning handle, the pass-through
-// callback, block-wise running, test signals and measurements.
+// callback, block-wise running, measurements.
 #include "engine/engine.h"
 #include "support/signals.h"
 
