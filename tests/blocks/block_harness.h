@@ -1,6 +1,6 @@
 #pragma once
-// Shared helpers of the building-block tests: an effect whose frame is a test's
-// function, and the partials of the audio that comes out.
+// Shared helpers of the building-block tests: an effect whose frame is a test's function, and the partials of the audio
+// that comes out.
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
@@ -20,8 +20,7 @@ namespace lumbrel_test {
 using varkesh::lumbrel::LumbrelConfig;
 using varkesh::lumbrel::LumbrelEffect;
 
-// An effect whose frame is whatever the test puts in `frame`; it adds nothing
-// to the output unless the frame does.
+// An effect whose frame is whatever the test puts in `frame`; it adds nothing to the output unless the frame does.
 class ProbeEffect : public LumbrelEffect<float> {
 public:
 	ProbeEffect(std::size_t channelsIn, std::size_t channelsOut, float sampleRate = 48000,
@@ -30,11 +29,9 @@ public:
 		reserveScratch();
 		varkesh_lumbrel_engine_float_reset(engine);
 	}
-
 	std::function<void(ProbeEffect &)> frame;
 	std::size_t frames = 0;
 	bool keepRunning = false; // onSilence's answer: true runs frames through silence
-
 	void onSpectrum() override {
 		++frames;
 		if (frame) frame(*this);
@@ -58,8 +55,7 @@ Channels runEffect(Effect &effect, const Channels &inputs, std::size_t blockSize
 	return outputs;
 }
 
-// Sum of sines, each {Hz, amplitude}, with phases spread so that the peaks of
-// the sum stay moderate.
+// Sum of sines, each {Hz, amplitude}, with phases spread so that the peaks of the sum stay moderate.
 inline Signal tones(const std::vector<std::pair<double, double>> &partials, double sampleRate, std::size_t length) {
 	Signal s(length, 0.0f);
 	for (std::size_t k = 0; k < partials.size(); ++k) {
@@ -71,12 +67,9 @@ inline Signal tones(const std::vector<std::pair<double, double>> &partials, doub
 	return s;
 }
 
-// The strongest component within [lowHz, highHz] of a spectrum from
-// amplitudeSpectrum (bins binHz apart), its frequency refined by a parabola
-// through the log amplitudes of the three bins around it.
-struct Partial {
-	double hz, amplitude;
-};
+// The strongest component within [lowHz, highHz] of a spectrum from amplitudeSpectrum (bins binHz apart), its frequency
+// refined by a parabola through the log amplitudes of the three bins around it.
+struct Partial { double hz, amplitude; };
 inline Partial strongestIn(const std::vector<double> &spectrum, double binHz, double lowHz, double highHz) {
 	const std::size_t lo = std::max<std::size_t>(1, std::size_t(lowHz / binHz));
 	const std::size_t hi = std::min(spectrum.size() - 2, std::size_t(highHz / binHz) + 1);

@@ -1,6 +1,5 @@
-// The band envelope: two poles with the period's time constant on the way
-// down, all but instant on the way up, smoothing across bands, a floor;
-// measured on spectra made by hand, shown to it in place of the engine's rows.
+// The band envelope: two poles with the period's time constant on the way down, all but instant on the way up, smoothing
+// across bands, a floor; measured on spectra made by hand, shown to it in place of the engine's rows.
 #include "blocks/envelope.h"
 
 #include "blocks/block_harness.h"
@@ -12,9 +11,8 @@ using varkesh::lumbrel::Envelope;
 
 namespace {
 
-// Frame n shows an envelope (smoothing, period) the energy levels[n] (the last
-// one after the end) in every band, or in the middle band only with `spike`.
-// Returns band 0 (or the middle one) after each frame; `row` the last row.
+// Frame n shows an envelope (smoothing, period) the energy levels[n] (the last one after the end) in every band, or in
+// the middle band only with `spike`. Returns band 0 (or the middle one) after each frame; `row` the last row.
 std::vector<float> trace(float smoothing, float periodMs, std::vector<float> levels, std::size_t frames,
 	bool spike = false, std::vector<float> *row = nullptr, float *subRate = nullptr) {
 	ProbeEffect probe(1, 1);
@@ -50,8 +48,8 @@ std::size_t framesToFall(const std::vector<float> &x, std::size_t start, float r
 
 } // namespace
 
-// Two identical poles p = T / (T + 1) from rest at 1 with no input give
-// p^n (1 + n (1 - p)), which falls to 1% in about 6.64 T.
+// Two identical poles p = T / (T + 1) from rest at 1 with no input give p^n (1 + n (1 - p)), which falls to 1% in about
+// 6.64 T.
 TEST(Envelope, FallsWithTwoPolesOfThePeriodAndRestsAtTheFloor) {
 	double fallMs[2];
 	const float periods[2] = {20, 80};
@@ -85,9 +83,8 @@ TEST(Envelope, RisesWithinAFrameOrTwo) {
 	EXPECT_GT(framesToFall(x, 200, 0.1f), 15u);
 }
 
-// A spike in one band: half-widths of a one-pole of coefficient 1 - 1 / (w + 1)
-// are ln 2 / ln(1 + 1/w) bands, 3.8 and 14.6 for widths 5 and 20 (smoothing
-// 0.25 and 1 at resolution 20; the two passes a little more). Smoothing moves
+// A spike in one band: half-widths of a one-pole of coefficient 1 - 1 / (w + 1) are ln 2 / ln(1 + 1/w) bands, 3.8 and
+// 14.6 for widths 5 and 20 (smoothing 0.25 and 1 at resolution 20; the two passes a little more). Smoothing moves
 // energy, it doesn't make it.
 TEST(Envelope, SmoothingSpreadsEnergyAcrossBandsByItsWidth) {
 	const struct {

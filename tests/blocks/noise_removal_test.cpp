@@ -1,5 +1,5 @@
-// Noise removal: the gain on rows made by hand, and the adaptive print
-// following the noise floor inside a small clean-up effect on the engine.
+// Noise removal: the gain on rows made by hand, and the adaptive print following the noise floor inside a small clean-up
+// effect on the engine.
 #include "blocks/noise_removal.h"
 
 #include "blocks/block_harness.h"
@@ -11,8 +11,8 @@ using varkesh::lumbrel::SimpleNoiseRemoval;
 
 namespace {
 
-// One frame of subtract() with envelope E and print N the same in every band,
-// on an input of 0.6 + 0.8i: the complex gain of band 10.
+// One frame of subtract() with envelope E and print N the same in every band, on an input of 0.6 + 0.8i: the complex
+// gain of band 10.
 std::complex<float> gainOf(float energy, float print, float strength, float mix) {
 	ProbeEffect probe(1, 1);
 	SimpleNoiseRemoval<float> removal;
@@ -34,11 +34,10 @@ std::complex<float> gainOf(float energy, float print, float strength, float mix)
 
 } // namespace
 
-// E = 4, N = 1, resolution 20: the ratio less one is 3 in every band, which
-// smoothing keeps, so the gate sees 3 + 3 sqrt(20) - strength^2, squared into
-// x and turned into x / (1 + x); power subtraction gives sqrt(1 - N / E). The
-// gain is real. Mix on the curve (2 - mix) mix; under the print a band goes
-// silent unless mixed; an untrained print (1e-30) passes everything.
+// E = 4, N = 1, resolution 20: the ratio less one is 3 in every band, which smoothing keeps, so the gate sees 3 + 3
+// sqrt(20) - strength^2, squared into x and turned into x / (1 + x); power subtraction gives sqrt(1 - N / E). The gain
+// is real. Mix on the curve (2 - mix) mix; under the print a band goes silent unless mixed; an untrained print (1e-30)
+// passes everything.
 TEST(NoiseRemoval, GainIsPowerSubtractionTimesASoftGate) {
 	const double gate1 = std::pow(3 + 3 * std::sqrt(20.0) - 1, 2), gate4 = std::pow(3 + 3 * std::sqrt(20.0) - 16, 2);
 	const std::complex<float> strength1 = gainOf(4, 1, 1, 1), strength4 = gainOf(4, 1, 4, 1);
@@ -52,9 +51,8 @@ TEST(NoiseRemoval, GainIsPowerSubtractionTimesASoftGate) {
 	EXPECT_EQ(gainOf(1e-6f, 1e-30f, 1, 1).real(), 1.0f);
 }
 
-// Nothing is learned in the first four envelope periods (40 ms); then the
-// floor goes down. 20 dB more noise: the print lags at first and catches up
-// within two epochs of a second.
+// Nothing is learned in the first four envelope periods (40 ms); then the floor goes down. 20 dB more noise: the print
+// lags at first and catches up within two epochs of a second.
 TEST(NoiseRemoval, AdaptivePrintFollowsTheNoiseFloor) {
 	ProbeEffect probe(1, 1);
 	SimpleNoiseRemoval<float> removal;

@@ -1,6 +1,5 @@
-// PeakShifter: the per-peak phase rotation and its fall-back, and the shift
-// measured on the engine's output: a harmonic tone from -24 to +24 semitones,
-// the tonality limit, bands moved past Nyquist.
+// PeakShifter: the per-peak phase rotation and its fall-back, and the shift measured on the engine's output: a harmonic
+// tone from -24 to +24 semitones, the tonality limit, bands moved past Nyquist.
 #include "block_harness.h"
 
 #include "blocks/peak_shifter.h"
@@ -20,15 +19,14 @@ using varkesh::lumbrel::Peaks;
 
 using PitchMap = PeakShifter<float>::PitchMap;
 
-// A PeakShifter fed hand-made peaks (tops at bands 100 and 300), its smoothing
-// reduced to a pass-through of the raw gains.
+// A PeakShifter fed hand-made peaks (tops at bands 100 and 300), its smoothing reduced to a pass-through of the raw
+// gains.
 struct ShifterFixture : ::testing::Test {
 	ProbeEffect effect{1, 1};
 	PeakShifter<float> shifter;
 	Peaks<float> peaks;
 	std::vector<float> energy, hz;
 	std::size_t bands = 0;
-
 	void SetUp() override {
 		bands = effect.bands;
 		shifter.gains.init(effect);
@@ -56,8 +54,8 @@ struct ShifterFixture : ::testing::Test {
 };
 
 TEST_F(ShifterFixture, ZeroedGainsRestartFromTheMapsGainAtPhaseZero) {
-	// Zeroed gains rotate to zero, so the fall-back gives (gain, 0) (well above
-	// the smoothing's magnitude floor near energy 1e-15).
+	// Zeroed gains rotate to zero, so the fall-back gives (gain, 0) (well above the smoothing's magnitude floor near
+	// energy 1e-15).
 	shifter.updateWithMap(effect, peaks, [](float f, float &newHz, float &gain) {
 		newHz = f + 10;
 		gain = 0.5f;
@@ -95,9 +93,7 @@ TEST_F(ShifterFixture, EachPeakGetsItsOwnGainAndOffset) {
 	for (std::size_t b = 0; b < bands; ++b) {
 		bool upper = b >= border;
 		double expected = upper ? 2.0 : 0.25;
-		if (energy[b] > 1e-8f) {
-			ASSERT_NEAR(shifter.gains.gainsReal[b], expected, expected * 1e-5) << b;
-		}
+		if (energy[b] > 1e-8f) ASSERT_NEAR(shifter.gains.gainsReal[b], expected, expected * 1e-5) << b;
 		ASSERT_NEAR(shifter.gains.hz[b], hz[b] + (upper ? -100.0f : 50.0f), 1e-3) << b;
 	}
 }
@@ -118,8 +114,8 @@ TEST_F(ShifterFixture, SilenceThenSoundRestartsFromTheFallBack) {
 	EXPECT_NEAR(shifter.gains.gainsImag[100], 0.0, 1e-4);
 }
 
-// The spectrum of partials {Hz, amplitude} shifted by the blocks alone, over
-// 1.37 s after a settling second (bins rate / span apart).
+// The spectrum of partials {Hz, amplitude} shifted by the blocks alone, over 1.37 s after a settling second (bins rate /
+// span apart).
 constexpr double rate = 48000, span = 65536;
 std::vector<double> shifted(const std::vector<std::pair<double, double>> &partials, int semitones, float tonalityLimit = 1e8f) {
 	ProbeEffect effect(1, 1, float(rate));
@@ -138,8 +134,8 @@ std::vector<double> shifted(const std::vector<std::pair<double, double>> &partia
 	return amplitudeSpectrum(runEffect(effect, {tones(partials, rate, 48000 + std::size_t(span) + 4800)})[0], 48000, std::size_t(span));
 }
 
-// Every partial of a harmonic tone within 5 cents and 3 dB of its target,
-// nothing within 28 dB of the strongest between them.
+// Every partial of a harmonic tone within 5 cents and 3 dB of its target, nothing within 28 dB of the strongest between
+// them.
 TEST(PeakShifterAudio, HarmonicToneMovesBySemitonesWithinFiveCents) {
 	std::vector<std::pair<double, double>> tone;
 	for (int k = 1; k <= 8; ++k) tone.push_back({220.0 * k, 0.25 / k});
@@ -156,8 +152,8 @@ TEST(PeakShifterAudio, HarmonicToneMovesBySemitonesWithinFiveCents) {
 	}
 }
 
-// A tonality limit of 3000 Hz at +7: full shift below 2451 Hz, none above
-// 15 kHz, a line between. Bands moved past Nyquist are dropped, with no alias.
+// A tonality limit of 3000 Hz at +7: full shift below 2451 Hz, none above 15 kHz, a line between. Bands moved past
+// Nyquist are dropped, with no alias.
 TEST(PeakShifterAudio, TonalityLimitAndNyquist) {
 	PeakShifter<float> limited;
 	limited.semitones = 7;

@@ -1,5 +1,5 @@
-// Peaks: the walk on hand-made curves, and the update on the engine's spectra
-// of real signals: every band covered once, tops at local maxima, a tone's frequency.
+// Peaks: the walk on hand-made curves, and the update on the engine's spectra of real signals: every band covered once,
+// tops at local maxima, a tone's frequency.
 #include "block_harness.h"
 
 #include "blocks/peaks.h"
@@ -67,8 +67,8 @@ std::string coverageFault(const Peaks<float> &peaks, std::size_t bands) {
 	return expectedStart == bands ? "" : "last end is " + std::to_string(expectedStart);
 }
 
-// Silence (analysed too: the engine is kept running) is one peak topped at
-// the last band. The energy is the sum over channels.
+// Silence (analysed too: the engine is kept running) is one peak topped at the last band. The energy is the sum over
+// channels.
 TEST(Peaks, EveryBandOnceTopsAtLocalMaxima) {
 	const std::size_t n = 24000;
 	const std::pair<const char *, Channels> cases[] = {{"tone", {sine(1234.5, 48000, n, 0.5)}},
@@ -104,9 +104,8 @@ TEST(Peaks, EveryBandOnceTopsAtLocalMaxima) {
 	}
 }
 
-// The strongest peak of a tone sits at its frequency (mean over the second
-// quarter second), and so do the bands beside it, smoothed or not; in stereo
-// the louder channel sets it.
+// The strongest peak of a tone sits at its frequency (mean over the second quarter second), and so do the bands beside
+// it, smoothed or not; in stereo the louder channel sets it.
 TEST(Peaks, ToneGivesAPeakAtItsFrequency) {
 	for (double hz : {97.0, 440.0, 1234.5, 5000.0, 10000.0, 12345.0}) {
 		ProbeEffect effect(2, 2);

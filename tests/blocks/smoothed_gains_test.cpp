@@ -1,6 +1,5 @@
-// SmoothedGains: transparency, the transient pull and boost, smoothing width
-// and energy weighting, detail boost and cut, addOutput on the engine's output;
-// smoothBands under it, and smoothAll.
+// SmoothedGains: transparency, the transient pull and boost, smoothing width and energy weighting, detail boost and cut,
+// addOutput on the engine's output; smoothBands under it, and smoothAll.
 #include "block_harness.h"
 
 #include "blocks/smooth_bands.h"
@@ -19,14 +18,13 @@ using varkesh::lumbrel::SmoothedGains;
 
 constexpr double degrees = 180 / pi;
 
-// A fresh SmoothedGains on a default grid (677 bands, resolution 20), every
-// effect off so that a test turns on only what it measures.
+// A fresh SmoothedGains on a default grid (677 bands, resolution 20), every effect off so that a test turns on only what
+// it measures.
 struct GainsFixture : ::testing::Test {
 	ProbeEffect effect{1, 1};
 	SmoothedGains<float> gains;
 	std::vector<float> energy;
 	std::size_t bands = 0;
-
 	void SetUp() override {
 		gains.init(effect);
 		bands = effect.bands;
@@ -60,8 +58,8 @@ struct GainsFixture : ::testing::Test {
 	double magnitude(std::size_t b) const { return std::hypot(gains.gainsReal[b], gains.gainsImag[b]); }
 };
 
-// At the defaults steady unit gains pass unchanged (transient boost must not
-// act on steady energy); silence gives exactly zero gains.
+// At the defaults steady unit gains pass unchanged (transient boost must not act on steady energy); silence gives
+// exactly zero gains.
 TEST_F(GainsFixture, DefaultsPassSteadyGainsAndSilenceGivesZero) {
 	SmoothedGains<float> defaults;
 	gains.phaseSmoothing = defaults.phaseSmoothing;
@@ -84,13 +82,10 @@ TEST_F(GainsFixture, DefaultsPassSteadyGainsAndSilenceGivesZero) {
 	for (std::size_t b = 0; b < bands; ++b) ASSERT_TRUE(gains.gainsReal[b] == 0 && gains.gainsImag[b] == 0) << b;
 }
 
-// A transient T = ((E - previous) / E)^2 adds T transientReset |gain| to the
-// real part: j turns to atan2(1, T transientReset). Nothing is pulled below
-// half the low cut; above it both energies fade alike.
+// A transient T = ((E - previous) / E)^2 adds T transientReset |gain| to the real part: j turns to atan2(1, T
+// transientReset). Nothing is pulled below half the low cut; above it both energies fade alike.
 TEST_F(GainsFixture, TransientsPullThePhaseTowardZero) {
-	struct Case {
-		float previous, energy, reset, transient;
-	};
+	struct Case { float previous, energy, reset, transient; };
 	for (const Case c : {Case{0, 1, 1, 1}, Case{0, 1, 3, 1}, Case{1, 1, 1, 0}, Case{1, 4, 1, 0.5625f}, Case{4, 1, 1, 0}}) {
 		gains.transientReset = c.reset;
 		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), c.previous);
@@ -112,10 +107,9 @@ TEST_F(GainsFixture, TransientsPullThePhaseTowardZero) {
 	EXPECT_NEAR(phaseDegrees(std::size_t(cut * 0.75f)), 45.0, 0.01);
 }
 
-// Transient boost on onsets only; unitGains: magnitude 1 whatever was written.
-// Detail boost on a full transient: B = 1 + T (1 - r) transientReset
-// detailBoost / (transientReset + 1) = 1.8 for r = -1, and the pull of 1.8
-// turns -1 into +0.8, which gets magnitude 1.8; the same from the raw magnitude.
+// Transient boost on onsets only; unitGains: magnitude 1 whatever was written. Detail boost on a full transient: B = 1 +
+// T (1 - r) transientReset detailBoost / (transientReset + 1) = 1.8 for r = -1, and the pull of 1.8 turns -1 into +0.8,
+// which gets magnitude 1.8; the same from the raw magnitude.
 TEST_F(GainsFixture, TransientBoostAndUnitGains) {
 	gains.transientBoost = 2;
 	setGains(0.5f, 0);
@@ -185,8 +179,8 @@ TEST_F(GainsFixture, SmoothingIsWeightedByEnergy) {
 	EXPECT_LT(phaseDegrees(k - 5), 0.1);
 }
 
-// Opposite phases cancel at their border when smoothed; detail boost gives
-// back up to 1 / (1 - d) there (-0.5 is d = -1: a cut to 0.5), nothing far off.
+// Opposite phases cancel at their border when smoothed; detail boost gives back up to 1 / (1 - d) there (-0.5 is d = -1:
+// a cut to 0.5), nothing far off.
 TEST_F(GainsFixture, DetailBoostRestoresLevelWherePhasesDisagree) {
 	const struct {
 		float boost;
@@ -217,10 +211,7 @@ TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
 	const double hz = 1100;
 	Signal input = sine(hz, rate, length, 0.5, 0.0);
 	Signal quadrature = sine(hz, rate, length, 0.5, pi / 2);
-
-	struct Case {
-		float re, im, gain;
-	};
+	struct Case { float re, im, gain; };
 	std::vector<Signal> outputs;
 	std::size_t latency = 0;
 	for (Case c : {Case{1, 0, 1}, Case{0, 0.5f, 1}, Case{0, 0.5f, 2}, Case{-1, 0, 0.25f}}) {
@@ -243,17 +234,15 @@ TEST(SmoothedGainsOutput, AddOutputAppliesComplexGainAndScale) {
 	};
 	EXPECT_NEAR(levelDb(outputs[0], input, latency, from, n), 0.0, 0.1);
 	EXPECT_NEAR(correlation(outputs[0], input), 1.0, 0.01);
-
 	EXPECT_NEAR(levelDb(outputs[1], input, latency, from, n), -6.02, 0.1);
 	EXPECT_NEAR(correlation(outputs[1], input), 0.0, 0.01);
 	EXPECT_NEAR(correlation(outputs[1], quadrature), 0.5, 0.01); // j advances the phase by 90 degrees
-
 	EXPECT_NEAR(levelDb(outputs[2], input, latency, from, n), 0.0, 0.1);
 	EXPECT_NEAR(correlation(outputs[3], input), -0.25, 0.005);
 }
 
-// smoothBands leaves a row alone at widths at or below its floor; two opposed
-// one-pole passes spread an impulse symmetrically with variance 2 w (w + 1).
+// smoothBands leaves a row alone at widths at or below its floor; two opposed one-pole passes spread an impulse
+// symmetrically with variance 2 w (w + 1).
 TEST(SmoothBands, ImpulseSpreadsSymmetricallyByTheWidth) {
 	for (float width : {0.0f, 1e-19f, -3.0f}) {
 		std::vector<float> x{1, 5, -2, 7, 0};
@@ -278,12 +267,10 @@ TEST(SmoothBands, ImpulseSpreadsSymmetricallyByTheWidth) {
 	}
 }
 
-// smoothAll gives every set exactly what smooth() gives it alone, whatever
-// mix of settings (widths that group and don't, more sets than one pass takes).
+// smoothAll gives every set exactly what smooth() gives it alone, whatever mix of settings (widths that group and don't,
+// more sets than one pass takes).
 TEST(SmoothAll, MatchesSmoothingEachSetAlone) {
-	struct Settings {
-		float phaseSmoothing, detailBoost, transientSmoothing, transientBoost;
-	};
+	struct Settings { float phaseSmoothing, detailBoost, transientSmoothing, transientBoost; };
 	constexpr Settings table[] = {{1, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 1, 0.5f}, {3, 0.8f, 0, 0}, {3, -0.5f, 2, 0},
 		{1, 0.8f, 1, 0}, {0, 0.8f, 1, 0}, {1, 0.8f, 1, 0}, {1, 0, 0, 0}, {2, 0.3f, 1, 1}};
 	constexpr std::size_t count = std::size(table);

@@ -1,5 +1,5 @@
-// Timbre: the envelope's floor, slopes around a single band, and how it rides
-// over a harmonic series: over the partials, not into the gaps.
+// Timbre: the envelope's floor, slopes around a single band, and how it rides over a harmonic series: over the partials,
+// not into the gaps.
 #include "block_harness.h"
 
 #include "blocks/timbre.h"
@@ -19,7 +19,6 @@ struct TimbreFixture : ::testing::Test {
 	Timbre<float> timbre;
 	std::vector<float> energy;
 	std::size_t bands = 0;
-
 	void SetUp() override {
 		timbre.init(effect);
 		bands = effect.bands;
@@ -51,9 +50,7 @@ TEST_F(TimbreFixture, SingleBandCastsSymmetricSlopesOfTheWidth) {
 			EXPECT_NEAR(timbre.hold[centre - d] / expected, 1.0, 1e-4) << "W " << width << ", left at " << d;
 		}
 	}
-
-	// The amplitude envelope falls by e per W = 20 bands far out; the top is
-	// rounded off, not raised.
+	// The amplitude envelope falls by e per W = 20 bands far out; the top is rounded off, not raised.
 	timbre.smoothing = 1;
 	timbre.update(effect, energy.data(), false);
 	const auto &env = timbre.envelope;
@@ -65,9 +62,8 @@ TEST_F(TimbreFixture, SingleBandCastsSymmetricSlopesOfTheWidth) {
 }
 
 TEST_F(TimbreFixture, RidesOverPartialsAndFollowsTheirLevel) {
-	// Partials every 10 bands falling 0.2 neper each, over a floor 60 dB down:
-	// the envelope follows their level (a 30 dB fall) near their own amplitude
-	// and bridges the gaps.
+	// Partials every 10 bands falling 0.2 neper each, over a floor 60 dB down: the envelope follows their level (a 30 dB
+	// fall) near their own amplitude and bridges the gaps.
 	const std::size_t first = 50, spacing = 10, count = 40;
 	std::fill(energy.begin(), energy.end(), 1e-6f);
 	std::vector<double> level(count);
@@ -77,7 +73,6 @@ TEST_F(TimbreFixture, RidesOverPartialsAndFollowsTheirLevel) {
 	}
 	timbre.update(effect, energy.data(), false);
 	const auto &env = timbre.envelope;
-
 	double lowestOffset = 1e9, highestOffset = -1e9, worstDip = 0;
 	for (std::size_t k = 2; k + 2 < count; ++k) {
 		std::size_t at = first + k * spacing;

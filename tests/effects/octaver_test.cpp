@@ -1,5 +1,5 @@
-// The octaver through the plug-in: each voice and the dry signal at its gain,
-// the sweep moving the voices, measured on a sine; in-place buffers.
+// The octaver through the plug-in: each voice and the dry signal at its gain, the sweep moving the voices, measured on a
+// sine; in-place buffers.
 #include "support/effect_checks.h"
 #include "support/signals.h"
 
@@ -17,8 +17,8 @@ using Octaver = BundleTest;
 
 } // namespace
 
-// Voice v at sweep x semitones[v], within 5 cents, at wet x gain: mix 0.5 gives
-// wet and dry 0.75 each, mix 1 wet 1 and no dry. Both channels alike.
+// Voice v at sweep x semitones[v], within 5 cents, at wet x gain: mix 0.5 gives wet and dry 0.75 each, mix 1 wet 1 and
+// no dry. Both channels alike.
 TEST_F(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGainsAndSweep) {
 	const auto in = sine(inputHz, rate, std::size_t(1.5 * rate), amplitude);
 	const std::size_t from = std::size_t(0.8 * rate);
@@ -52,9 +52,8 @@ TEST_F(Octaver, EachVoiceAndTheDryPathComeOutAtTheirGainsAndSweep) {
 	}
 }
 
-// Without wet (mix 0, or sweep 0 however much mix) the output is the input as
-// it comes, once the 10 ms glide of the mix gains has settled; and so it is
-// when the host hands the same buffers as input and output.
+// Without wet (mix 0, or sweep 0 however much mix) the output is the input as it comes, once the 10 ms glide of the mix
+// gains has settled; and so it is when the host hands the same buffers as input and output.
 TEST_F(Octaver, DryPathIsTheUndelayedInputAlsoInPlace) {
 	const auto in = harmonicTone(220, 10, rate, std::size_t(rate), 0.05);
 	for (const char *setting : {"mix", "sweep"}) {

@@ -1,6 +1,5 @@
-// An effect class and its wrapper on the engine, behind the plug-in instance:
-// a spectrum added back unchanged comes out as the input, delayed by the
-// engine's latency; a latency setting rebuilds the engine.
+// An effect class and its wrapper on the engine, behind the plug-in instance: a spectrum added back unchanged comes out
+// as the input, delayed by the engine's latency; a latency setting rebuilds the engine.
 #include "support/effect_checks.h"
 #include "support/signals.h"
 
@@ -21,7 +20,6 @@ TEST(SpectralPass, InputComesOutDelayedByTheReportedLatency) {
 		EXPECT_LT(residualDb(out[1], right, latency, from, frames), -20) << rate;
 		EXPECT_NEAR(dB(rms(out[0], from) / rms(left, from)), 0, 0.5);
 		EXPECT_GT(residualDb(out[1], right, latency + 3, from, frames), -10); // a few samples off shows
-
 		setText(runner, {"engineConfig", "latencyMs"}, "5ms");
 		const std::uint32_t shorter = runner.instance->latency();
 		EXPECT_EQ(shorter, std::uint32_t(std::lround(rate * 0.005))) << "the next block builds the new engine";

@@ -1,5 +1,5 @@
-// Swell and Decay scale through the plug-in, measured on the audio that comes
-// out: how an onset rises, and how fast a ringing tone dies away.
+// Swell and Decay scale through the plug-in, measured on the audio that comes out: how an onset rises, and how fast a
+// ringing tone dies away.
 #include "support/effect_checks.h"
 #include "support/signals.h"
 
@@ -11,8 +11,8 @@ using Swell = BundleTest;
 using DecayScale = BundleTest;
 } // namespace
 
-// A tone from 0.5 s: 30 ms in it is held well back; by a second it has risen
-// to its own level. Focus 0: the gain tends to 1.
+// A tone from 0.5 s: 30 ms in it is held well back; by a second it has risen to its own level. Focus 0: the gain tends
+// to 1.
 TEST_F(Swell, OnsetsRiseOverTheSetTimeAndSteadyTonesPass) {
 	PluginRunner runner(*bundle, "varkesh.lumbrel.swell");
 	ASSERT_TRUE(runner.ok);
@@ -32,10 +32,9 @@ TEST_F(Swell, OnsetsRiseOverTheSetTimeAndSteadyTonesPass) {
 	EXPECT_NEAR(ratioDb(2.9), 0, 1.5);
 }
 
-// A tone falling 60 dB a second against a memory that falls 20 dB in "RT20"
-// seconds (R dB/s, -20 at 1 s): in dB the output falls at rate x 60 +
-// (1 - rate) x R, so rate 1 keeps the decay and rate 0 gives the memory's own.
-// At rate 2 the part under the tonal limit, which keeps the input's decay, shows.
+// A tone falling 60 dB a second against a memory that falls 20 dB in "RT20" seconds (R dB/s, -20 at 1 s): in dB the
+// output falls at rate x 60 + (1 - rate) x R, so rate 1 keeps the decay and rate 0 gives the memory's own. At rate 2 the
+// part under the tonal limit, which keeps the input's decay, shows.
 TEST_F(DecayScale, ScalesTheDecayAgainstTheReferenceRate) {
 	std::vector<float> in = harmonicTone(440, 5, rate, std::size_t(1.5 * rate), 0.2);
 	for (std::size_t i = 0; i < in.size(); ++i) in[i] *= float(std::pow(10.0, -3.0 * double(i) / rate));

@@ -1,6 +1,5 @@
 #pragma once
-// Shared helpers of the engine tests: an owning handle, the pass-through
-// callback, block-wise running, measurements.
+// Shared helpers of the engine tests: an owning handle, the pass-through callback, block-wise running, measurements.
 #include "engine/engine.h"
 #include "support/signals.h"
 
@@ -41,7 +40,6 @@ struct PassThrough {
 	std::size_t spectra = 0;
 	bool keepRunning = false; // onSilence's answer
 	std::size_t silenceQuestions = 0;
-
 	static bool onSpectrum(void *self) {
 		auto &p = *static_cast<PassThrough *>(self);
 		++p.spectra;
@@ -86,8 +84,7 @@ inline double levelDb(const Signal &out, const Signal &in, std::size_t delay, st
 	return dB(rms(out.data() + from, n) / rms(in.data() + from - delay, n));
 }
 
-// The lag (0..maxLag) at which out best matches in, by cross-correlation over
-// out[from, from + n).
+// The lag (0..maxLag) at which out best matches in, by cross-correlation over out[from, from + n).
 inline std::size_t correlationLag(const Signal &out, const Signal &in, std::size_t from, std::size_t n, std::size_t maxLag) {
 	std::size_t best = 0;
 	double bestSum = -1e300;

@@ -1,5 +1,5 @@
-// The engine's geometry at each rate and resolution, the band map and its
-// inverse, the emphasis shelf, the window convolution, the allocation hook.
+// The engine's geometry at each rate and resolution, the band map and its inverse, the emphasis shelf, the window
+// convolution, the allocation hook.
 #include "engine/bump_allocator.h"
 #include "engine/emphasis_shelf.h"
 #include "engine/engine_impl.h"
@@ -17,9 +17,8 @@ using varkesh::lumbrel::EngineImpl;
 
 const EngineImpl<float> &impl(const Engine &engine) { return *engine.handle; }
 
-// The FFT a power of two times 1, 3 or 5 no smaller than the window; bands up
-// to Nyquist, as many tracked wherever the bin width is the same, all of them
-// without directCopy; resolution sets the knee.
+// The FFT a power of two times 1, 3 or 5 no smaller than the window; bands up to Nyquist, as many tracked wherever the
+// bin width is the same, all of them without directCopy; resolution sets the knee.
 TEST(EngineGeometry, SizesAtEachRateAndResolution) {
 	struct Case {
 		float sampleRate;
@@ -46,8 +45,8 @@ TEST(EngineGeometry, SizesAtEachRateAndResolution) {
 	}
 }
 
-// Bands widen up to the knee and are one bin apart above it; band 0 is 0 Hz,
-// the top band below Nyquist. The map back from Hz inverts it.
+// Bands widen up to the knee and are one bin apart above it; band 0 is 0 Hz, the top band below Nyquist. The map back
+// from Hz inverts it.
 TEST(EngineGeometry, BandLayoutAndItsInverse) {
 	for (double resolution : {5.0, 20.0, 40.0}) {
 		varkesh_lumbrel_config config = varkesh_lumbrel_config_default();
@@ -67,7 +66,6 @@ TEST(EngineGeometry, BandLayoutAndItsInverse) {
 		EXPECT_FLOAT_EQ(impl(engine).kneeHz(), hz(low));
 		EXPECT_LT(hz(bands - 1), 24000.0f);
 		EXPECT_GE(hz(bands - 1) + binHz, 24000.0f);
-
 		EXPECT_EQ(band(0), 0.0f);
 		EXPECT_EQ(band(-100), 0.0f);
 		EXPECT_EQ(band(impl(engine).kneeHz()), float(low));
@@ -97,8 +95,8 @@ TEST(EmphasisShelf, LiftsTheTopByTheGain) {
 	}
 }
 
-// stftWindowConvolve against a circular convolution of the whole conjugate-
-// symmetric spectrum; the padding continues it through 0 Hz and Nyquist.
+// stftWindowConvolve against a circular convolution of the whole conjugate- symmetric spectrum; the padding continues it
+// through 0 Hz and Nyquist.
 TEST(WindowConvolve, MatchesCircularConvolutionOfTheWholeSpectrum) {
 	namespace padded = varkesh::lumbrel::padded;
 	const std::size_t fftSamples = 64, bins = fftSamples / 2 + 1;
@@ -153,8 +151,8 @@ struct Arena {
 	static bool owns(const void *p) { return p >= memory && p < memory + sizeof(memory); }
 };
 
-// With the hook set the engine and its rows come from the arena, aligned, and
-// delete leaves it alone; a null answer falls back to malloc.
+// With the hook set the engine and its rows come from the arena, aligned, and delete leaves it alone; a null answer
+// falls back to malloc.
 TEST(BumpHook, EngineLivesInTheArenaOrFallsBackToMalloc) {
 	EXPECT_EQ(varkesh_lumbrel_get_bump_malloc(), nullptr);
 	for (bool answerNull : {false, true}) {

@@ -1,5 +1,5 @@
-// The band spectrum onSpectrum sees, and synthesis: values added at chosen
-// frequencies come out as sines of twice their magnitude.
+// The band spectrum onSpectrum sees, and synthesis: values added at chosen frequencies come out as sines of twice their
+// magnitude.
 #include "engine/engine_impl.h"
 #include "engine/engine_windows.h"
 #include "engine_harness.h"
@@ -35,10 +35,9 @@ struct Probe {
 	float hz(std::size_t band) const { return varkesh_lumbrel_engine_float_nominalHz(engine, band); }
 };
 
-// A sine midway between two tracked bands pulls both bands' measured frequency
-// within a quarter of their spacing, on both channels. Copied bands show the
-// STFT scaled by 1 / windowSamples at their nominal frequency. Band 0 stays
-// real; silence gives zeros at nominal frequencies.
+// A sine midway between two tracked bands pulls both bands' measured frequency within a quarter of their spacing, on
+// both channels. Copied bands show the STFT scaled by 1 / windowSamples at their nominal frequency. Band 0 stays real;
+// silence gives zeros at nominal frequencies.
 TEST(Analysis, BandsMeasureWhatComesIn) {
 	Probe probe(2);
 	const std::size_t low = probe.impl().lowBandCount();
@@ -98,10 +97,9 @@ TEST(Analysis, AnyNumberOfRoundsPassesATrackedSine) {
 	}
 }
 
-// 2000 and 6000 Hz turn by whole cycles per interval (120 samples): the same
-// value at every step is one steady sine of twice its magnitude. Calls add up,
-// split and interleaved forms agree, values at Nyquist plus one bin or above
-// (or below 0 Hz on x86) are dropped, Nyquist is kept.
+// 2000 and 6000 Hz turn by whole cycles per interval (120 samples): the same value at every step is one steady sine of
+// twice its magnitude. Calls add up, split and interleaved forms agree, values at Nyquist plus one bin or above (or
+// below 0 Hz on x86) are dropped, Nyquist is kept.
 TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 	constexpr std::size_t settled = 1440, measured = 4800, length = settled + measured;
 	auto render = [&](std::function<void(varkesh_lumbrel_engine_float *)> effect) {
@@ -120,7 +118,6 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 		varkesh_lumbrel_engine_float_addOutputInterleavedMoved(e, 0, pairs, hz, 2);
 	});
 	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(twice[i], once[i]) << i;
-
 	std::vector<float> dropped = {24000 + 48000.0f / 768, 30000, 1e9f};
 #if defined(__x86_64__)
 	dropped.push_back(-100);
@@ -134,8 +131,8 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 	EXPECT_GT(rms(y.data() + settled, measured), 0.01);
 }
 
-// addOutputSplit places values at the nominal band positions; a swapped
-// inputHz row moves them to the frequencies given there.
+// addOutputSplit places values at the nominal band positions; a swapped inputHz row moves them to the frequencies given
+// there.
 TEST(Synthesis, SwappedFrequenciesMoveTheBands) {
 	Probe nominal(1);
 	const std::size_t bands = varkesh_lumbrel_engine_float_bands(nominal.engine);

@@ -1,7 +1,6 @@
-// vDSP and vForce as Apple documents them, for the Linux build that runs the
-// macOS platform files (LUMBREL_ACCELERATE_REFERENCE): any wrong sign, scale,
-// stride, operand order or size in those files then fails the same tests as
-// on a Mac. Plain loops, in double where rounding could hide a fault.
+// vDSP and vForce as Apple documents them, for the Linux build that runs the macOS platform files
+// (LUMBREL_ACCELERATE_REFERENCE): any wrong sign, scale, stride, operand order or size in those files then fails the
+// same tests as on a Mac. Plain loops, in double where rounding could hide a fault.
 #include "linear/accelerate.h"
 
 #include <cmath>
@@ -26,10 +25,8 @@ FFTSetup vDSP_create_fftsetup(vDSP_Length log2n, FFTRadix radix) {
 }
 void vDSP_destroy_fftsetup(FFTSetup setup) { delete setup; }
 
-// C[k] = sum_j A[j] exp(-Direction 2 pi i j k / N), N = 2^Log2N <= the
-// setup's size, A[j] at j * IA, C[k] at k * IC. No scaling either way: the
-// inverse returns N times the signal (vDSP Programming Guide, "Scaling Fourier
-// Transforms").
+// C[k] = sum_j A[j] exp(-Direction 2 pi i j k / N), N = 2^Log2N <= the setup's size, A[j] at j * IA, C[k] at k * IC. No
+// scaling either way: the inverse returns N times the signal (vDSP Programming Guide, "Scaling Fourier Transforms").
 void vDSP_fft_zop(FFTSetup setup, const DSPSplitComplex *a, vDSP_Stride ia, const DSPSplitComplex *c, vDSP_Stride ic,
 	vDSP_Length log2N, FFTDirection direction) {
 	if (log2N > setup->log2n) std::abort();
@@ -97,8 +94,7 @@ void vDSP_zvabs(const DSPSplitComplex *a, vDSP_Stride ia, float *c, vDSP_Stride 
 }
 #undef LOOP
 
-// vForce: contiguous arrays, the count through a pointer, output first;
-// vvdivf(z, y, x, n) is z = y / x.
+// vForce: contiguous arrays, the count through a pointer, output first; vvdivf(z, y, x, n) is z = y / x.
 void vvdivf(float *z, const float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) z[k] = y[k] / x[k]; }
 void vvsqrtf(float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) y[k] = std::sqrt(x[k]); }
 void vvexpf(float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) y[k] = std::exp(x[k]); }

@@ -1,6 +1,5 @@
 #pragma once
-// The yardsticks of the signal toolkit's tests: a direct DFT in double
-// precision and the relative RMS error against it.
+// The yardsticks of the signal toolkit's tests: a direct DFT in double precision and the relative RMS error against it.
 #include "linear/dynamic_stft.h"
 #include "support/signals.h"
 

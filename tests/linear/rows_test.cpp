@@ -1,6 +1,5 @@
-// Row arithmetic: the platform row operations against plain arithmetic (at
-// sizes that leave vector remainders, and in place), exp in ulps, the
-// vector-expression evaluator, and the biquad section.
+// Row arithmetic: the platform row operations against plain arithmetic (at sizes that leave vector remainders, and in
+// place), exp in ulps, the vector-expression evaluator, and the biquad section.
 #include "linear/biquad.h"
 #include "linear/linear.h"
 #include "linear/platform_vector.h"
@@ -84,9 +83,8 @@ TEST(PlatformVector, ExpWithinTwoUlpsAndItsLimits) {
 	EXPECT_TRUE(std::isnan(y.back()));
 }
 
-// The evaluator, as effect authors use it: deep expressions against double
-// arithmetic with and without a reserved arena, written over an operand, and
-// no allocation in steady state.
+// The evaluator, as effect authors use it: deep expressions against double arithmetic with and without a reserved arena,
+// written over an operand, and no allocation in steady state.
 TEST(Linear, ExpressionsMatchElementwiseArithmetic) {
 	using namespace varkesh::linear::expression;
 	const std::size_t n = 677;
@@ -120,8 +118,7 @@ TEST(Linear, ExpressionsMatchElementwiseArithmetic) {
 	}
 }
 
-// y = x + 0.5 y[-1] - 0.25 y[-2] + 0.5 x[-1]: sample by sample and by the
-// block, against the recursion written out.
+// y = x + 0.5 y[-1] - 0.25 y[-2] + 0.5 x[-1]: sample by sample and by the block, against the recursion written out.
 TEST(Biquad, BothFormsFollowTheDifferenceEquation) {
 	varkesh::filters::BiquadStatic<float, false> single, block;
 	single.a1 = block.a1 = -0.5f;

@@ -1,6 +1,5 @@
-// DynamicSTFT: its FFT size rule, its windows, the analysis layout against a
-// direct DFT, and reconstruction (noise and a chirp, any step pattern, window
-// shape and skew) below -100 dB.
+// DynamicSTFT: its FFT size rule, its windows, the analysis layout against a direct DFT, and reconstruction (noise and a
+// chirp, any step pattern, window shape and skew) below -100 dB.
 #include "dft_reference.h"
 
 #include <gtest/gtest.h>
@@ -23,8 +22,8 @@ TEST(DynamicSTFT, FftSizeRule) {
 	}
 }
 
-// Symmetric pairs are power-complementary at their interval and peak at their
-// offsets; a skewed pair is one window mirrored, peaking at two places.
+// Symmetric pairs are power-complementary at their interval and peak at their offsets; a skewed pair is one window
+// mirrored, peaking at two places.
 TEST(DynamicSTFT, WindowsAndOffsets) {
 	for (std::size_t block : {720u, 721u}) {
 		Stft stft;
@@ -45,8 +44,8 @@ TEST(DynamicSTFT, WindowsAndOffsets) {
 	EXPECT_EQ(skewed.synthesisWindow[skewed.synthesisOffset], *std::max_element(skewed.synthesisWindow.begin(), skewed.synthesisWindow.end()));
 }
 
-// Window index i holds the ring sample i - block before the one at inputPos -
-// past, and lands at FFT time i - analysisOffset (wrapped round the FFT).
+// Window index i holds the ring sample i - block before the one at inputPos - past, and lands at FFT time i -
+// analysisOffset (wrapped round the FFT).
 TEST(DynamicSTFT, AnalysisIsTheDftOfTheWindowedBlockRotatedToItsOffset) {
 	const std::size_t block = 360, fftSize = 384, past = 29;
 	Stft stft;
@@ -70,10 +69,9 @@ TEST(DynamicSTFT, AnalysisIsTheDftOfTheWindowedBlockRotatedToItsOffset) {
 	EXPECT_EQ(got[stft.fftBins - 1].imag(), 0.0f);
 }
 
-// Runs a signal through the STFT the way the engine does, per chunk: write the
-// input, read the output over the window products, analyse, resynthesise.
-// Returns the error against the input delayed by the offsets, in dB, from the
-// third block on.
+// Runs a signal through the STFT the way the engine does, per chunk: write the input, read the output over the window
+// products, analyse, resynthesise. Returns the error against the input delayed by the offsets, in dB, from the third
+// block on.
 double roundTripErrorDb(Stft &stft, const std::vector<float> &input, const std::vector<std::size_t> &chunks) {
 	const std::size_t length = stft.inputLengthSamples, block = stft.blockSamples;
 	const std::size_t delay = block - stft.analysisOffset + stft.synthesisOffset;

@@ -1,6 +1,5 @@
-// The transforms against a double-precision DFT: the platform's power-of-two
-// plan (both vector builds on Linux), its owner, the split (2^k times odd) and
-// real transforms at every size the STFT picks.
+// The transforms against a double-precision DFT: the platform's power-of-two plan (both vector builds on Linux), its
+// owner, the split (2^k times odd) and real transforms at every size the STFT picks.
 #include "linear/platform_fft.h"
 #include "linear/pow2_fft.h"
 #include "linear/real_fft.h"
@@ -101,8 +100,8 @@ TEST(SplitFFT, MatchesDirectDftForOddFactors) {
 	checkSplit(5 * 1024);
 }
 
-// Forward against the packed DFT (element 0 holds X[0] and X[N/2]), the split
-// form equal to the interleaved one, and the round trip back to N times the input.
+// Forward against the packed DFT (element 0 holds X[0] and X[N/2]), the split form equal to the interleaved one, and the
+// round trip back to N times the input.
 void checkReal(std::size_t n) {
 	RealFFT<float, false, false> fft(n);
 	const std::size_t h = n / 2;
@@ -132,8 +131,8 @@ TEST(RealFFT, MatchesDirectDftAtPowersOfTwoAndEverySizeTheStftPicks) {
 	for (std::size_t n : sizes) checkReal(n);
 }
 
-// A packed spectrum that no float signal gives: the inverse is the real
-// inverse DFT of its conjugate-symmetric continuation.
+// A packed spectrum that no float signal gives: the inverse is the real inverse DFT of its conjugate-symmetric
+// continuation.
 TEST(RealFFT, InverseOfAnyPackedSpectrum) {
 	for (std::size_t n : {8u, 96u, 1280u}) {
 		RealFFT<float, false, false> fft(n);

@@ -36,9 +36,8 @@ std::size_t lockCount() { return threadLocks; }
 std::size_t writeCount() { return threadWrites; }
 }
 
-// Output and mutex locks are counted and passed on to the C library's own
-// functions. Its stdio calls its write internally, so each output function
-// is counted where a caller enters it.
+// Output and mutex locks are counted and passed on to the C library's own functions. Its stdio calls its write
+// internally, so each output function is counted where a caller enters it.
 #define PASS_ON(counter, type, name, params, args) \
 	type name params { \
 		static auto real = next<type(*) params>(#name); \

@@ -68,9 +68,8 @@ inline double magnitudeAt(const std::vector<float> &x, std::size_t from, std::si
 	return 2 * std::abs(sum) / windowSum;
 }
 
-// The frequency of the strongest component within `searchHz` of `nearHz`:
-// a fine scan of the Hann-windowed DFT, refined by a parabola through the
-// three best points.
+// The frequency of the strongest component within `searchHz` of `nearHz`: a fine scan of the Hann-windowed DFT, refined
+// by a parabola through the three best points.
 inline double peakFrequency(const std::vector<float> &x, std::size_t from, std::size_t length, double nearHz,
 	double searchHz, double sampleRate) {
 	const double step = sampleRate / double(length) / 8;
