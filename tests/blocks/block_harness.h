@@ -39,20 +39,10 @@ public:
 	bool onSilence() override { return keepRunning; }
 };
 
-// Runs `inputs` through an effect in blocks of `blockSize`.
 template<class Effect>
 Channels runEffect(Effect &effect, const Channels &inputs, std::size_t blockSize = 256) {
-	std::size_t length = inputs.empty() ? 0 : inputs[0].size();
-	Channels outputs(effect.channelsOut, Signal(length, 0.0f));
-	std::vector<const float *> in(inputs.size());
-	std::vector<float *> out(effect.channelsOut);
-	for (std::size_t pos = 0; pos < length; pos += blockSize) {
-		std::size_t n = std::min(blockSize, length - pos);
-		for (std::size_t c = 0; c < inputs.size(); ++c) in[c] = inputs[c].data() + pos;
-		for (std::size_t c = 0; c < out.size(); ++c) out[c] = outputs[c].data() + pos;
-		effect.process(in.data(), out.data(), n);
-	}
-	return outputs;
+	return runBlocks(inputs, effect.channelsOut, blockSize,
+		[&effect](const float **in, float **out, std::size_t n) { effect.process(in, out, n); });
 }
 
 // Sum of sines, each {Hz, amplitude}, with phases spread so that the peaks of the sum stay moderate.

@@ -57,20 +57,23 @@ struct PassThrough {
 	void attach() { varkesh_lumbrel_engine_float_setCallbacks(engine, this, onSpectrum, onSilence); }
 };
 
-// Runs whole signals through the engine in blocks of `blockSize`.
-inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs, std::size_t channelsOut,
-	std::size_t blockSize) {
-	std::size_t length = inputs.empty() ? 0 : inputs[0].size();
+// Runs whole signals through process(inputs, outputs, frames) in blocks of `blockSize`.
+template<class Process>
+Channels runBlocks(const Channels &inputs, std::size_t channelsOut, std::size_t blockSize, Process process) {
+	const std::size_t length = inputs.empty() ? 0 : inputs[0].size();
 	Channels outputs(channelsOut, Signal(length, 0.0f));
 	std::vector<const float *> in(inputs.size());
 	std::vector<float *> out(channelsOut);
 	for (std::size_t pos = 0; pos < length; pos += blockSize) {
-		std::size_t n = std::min(blockSize, length - pos);
 		for (std::size_t c = 0; c < inputs.size(); ++c) in[c] = inputs[c].data() + pos;
 		for (std::size_t c = 0; c < channelsOut; ++c) out[c] = outputs[c].data() + pos;
-		varkesh_lumbrel_engine_float_process(engine, in.data(), out.data(), n);
+		process(in.data(), out.data(), std::min(blockSize, length - pos));
 	}
 	return outputs;
+}
+inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs, std::size_t channelsOut, std::size_t blockSize) {
+	return runBlocks(inputs, channelsOut, blockSize,
+		[engine](const float **in, float **out, std::size_t n) { varkesh_lumbrel_engine_float_process(engine, in, out, n); });
 }
 
 inline double rms(const float *x, std::size_t n) {
