@@ -1,12 +1,10 @@
 #pragma once
-// Shared helpers of the building-block tests: an effect whose frame is a test's
-// function, a pitch-shifting effect built from the blocks, and the partials of
-// the audio that comes out.
+// Shared helpers of the building-block tests: an effect whose frame is a test's function, and the partials of the audio
+// that comes out.
 #include "blocks/lumbrel_effect.h"
 #include "blocks/peak_shifter.h"
 #include "blocks/peaks.h"
 #include "engine/engine_harness.h"
-#include "support/alloc_counter.h"
 #include "support/quality_measures.h"
 
 #include <algorithm>
@@ -22,8 +20,7 @@ namespace lumbrel_test {
 using varkesh::lumbrel::LumbrelConfig;
 using varkesh::lumbrel::LumbrelEffect;
 
-// An effect whose frame is whatever the test puts in `frame`; it adds nothing
-// to the output unless the frame does.
+// An effect whose frame is whatever the test puts in `frame`; it adds nothing to the output unless the frame does.
 class ProbeEffect : public LumbrelEffect<float> {
 public:
 	ProbeEffect(std::size_t channelsIn, std::size_t channelsOut, float sampleRate = 48000,
@@ -32,11 +29,9 @@ public:
 		reserveScratch();
 		varkesh_lumbrel_engine_float_reset(engine);
 	}
-
 	std::function<void(ProbeEffect &)> frame;
 	std::size_t frames = 0;
 	bool keepRunning = false; // onSilence's answer: true runs frames through silence
-
 	void onSpectrum() override {
 		++frames;
 		if (frame) frame(*this);
@@ -44,58 +39,13 @@ public:
 	bool onSilence() override { return keepRunning; }
 };
 
-// Shifts pitch with Peaks and PeakShifter alone (no timbre): every output
-// channel gets input channel o % channelsIn times the shifter's gains, placed
-// at the shifter's frequencies.
-class ShiftEffect : public LumbrelEffect<float> {
-public:
-	using LumbrelEffect::LumbrelEffect;
-
-	varkesh::lumbrel::Peaks<float> peaks;
-	varkesh::lumbrel::PeakShifter<float> shifter;
-
-	void init() {
-		reserveScratch();
-		peaks.init(*this);
-		shifter.gains.init(*this);
-	}
-	void reset() {
-		varkesh_lumbrel_engine_float_reset(engine);
-		std::fill(peaks.energyBuffer.begin(), peaks.energyBuffer.end(), 0.0f);
-		auto &gains = shifter.gains;
-		std::fill(gains.gainsReal.begin(), gains.gainsReal.end(), 1.0f);
-		std::fill(gains.gainsImag.begin(), gains.gainsImag.end(), 0.0f);
-		std::fill(gains.previousEnergy.begin(), gains.previousEnergy.end(), 0.0f);
-	}
-
-	void onSpectrum() override {
-		peaks.update(*this, true);
-		shifter.update(*this, peaks);
-		for (std::size_t o = 0; o < channelsOut; ++o) {
-			std::size_t i = o % channelsIn;
-			shifter.gains.addOutput(*this, o, inputReal(i), inputImag(i), 1);
-		}
-	}
-};
-
-// Runs `inputs` through an effect in blocks of `blockSize`.
 template<class Effect>
 Channels runEffect(Effect &effect, const Channels &inputs, std::size_t blockSize = 256) {
-	std::size_t length = inputs.empty() ? 0 : inputs[0].size();
-	Channels outputs(effect.channelsOut, Signal(length, 0.0f));
-	std::vector<const float *> in(inputs.size());
-	std::vector<float *> out(effect.channelsOut);
-	for (std::size_t pos = 0; pos < length; pos += blockSize) {
-		std::size_t n = std::min(blockSize, length - pos);
-		for (std::size_t c = 0; c < inputs.size(); ++c) in[c] = inputs[c].data() + pos;
-		for (std::size_t c = 0; c < out.size(); ++c) out[c] = outputs[c].data() + pos;
-		effect.process(in.data(), out.data(), n);
-	}
-	return outputs;
+	return runBlocks(inputs, effect.channelsOut, blockSize,
+		[&effect](const float **in, float **out, std::size_t n) { effect.process(in, out, n); });
 }
 
-// Sum of sines, each {Hz, amplitude}, with phases spread so that the peaks of
-// the sum stay moderate.
+// Sum of sines, each {Hz, amplitude}, with phases spread so that the peaks of the sum stay moderate.
 inline Signal tones(const std::vector<std::pair<double, double>> &partials, double sampleRate, std::size_t length) {
 	Signal s(length, 0.0f);
 	for (std::size_t k = 0; k < partials.size(); ++k) {
@@ -107,12 +57,9 @@ inline Signal tones(const std::vector<std::pair<double, double>> &partials, doub
 	return s;
 }
 
-// The strongest component within [lowHz, highHz] of a spectrum from
-// amplitudeSpectrum (bins binHz apart), its frequency refined by a parabola
-// through the log amplitudes of the three bins around it.
-struct Partial {
-	double hz, amplitude;
-};
+// The strongest component within [lowHz, highHz] of a spectrum from amplitudeSpectrum (bins binHz apart), its frequency
+// refined by a parabola through the log amplitudes of the three bins around it.
+struct Partial { double hz, amplitude; };
 inline Partial strongestIn(const std::vector<double> &spectrum, double binHz, double lowHz, double highHz) {
 	const std::size_t lo = std::max<std::size_t>(1, std::size_t(lowHz / binHz));
 	const std::size_t hi = std::min(spectrum.size() - 2, std::size_t(highHz / binHz) + 1);

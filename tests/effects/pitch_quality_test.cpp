@@ -1,11 +1,8 @@
-// Sound quality of the pitch shifter on steady and gliding tones, measured the
-// way the quality benchmark measures it (support/quality_measures.h). The
-// bounds sit a little above today's figures, well below the figures of the
-// faults they guard against: side peaks moved by their own misread frequency
-// beat against the main one (3-4 dB and 3-5 cents of wander on a 220 Hz sine),
-// side lobes turned apart from their partial (+1 dB on that sine at +5), bands
-// placed at a measured frequency instead of being translated (+1.2 dB), and a
-// glide whose shift follows a late frequency.
+// Sound quality of the pitch shifter on steady and gliding tones, measured the way the quality benchmark measures it
+// (support/quality_measures.h). The bounds sit a little above today's figures, well below the figures of the faults they
+// guard against: side peaks moved by their own misread frequency beat against the main one (3-4 dB and 3-5 cents of
+// wander on a 220 Hz sine), side lobes turned apart from their partial (+1 dB on that sine at +5), bands placed at a
+// measured frequency instead of being translated (+1.2 dB), and a glide whose shift follows a late frequency.
 #include "support/param_ids.h"
 #include "support/plugin_runner.h"
 #include "support/quality_measures.h"
@@ -80,10 +77,9 @@ TEST(PitchQuality, HarmonicToneHasNoStrongSpuriousComponent) {
 }
 
 TEST(PitchQuality, SweepsHaveNoBiasAndABoundedLag) {
-	// Half an octave per second, shifted -12: a lag shows as errors of
-	// opposite sign up and down (today 1.9 cents each way, about 3 ms; it was
-	// 22 ms with each band's frequency from its own value alone, 35 ms with
-	// the analysis' smoothed frequency).
+	// Half an octave per second, shifted -12: a lag shows as errors of opposite sign up and down (today 1.9 cents each
+	// way, about 3 ms; it was 22 ms with each band's frequency from its own value alone, 35 ms with the analysis'
+	// smoothed frequency).
 	double up = 0, down = 0;
 	for (int direction : {1, -1}) {
 		const std::size_t frames = std::size_t(4.5 * rate);

@@ -1,6 +1,5 @@
 #pragma once
-// Shared helpers of the engine tests: an owning handle, the pass-through
-// callback, block-wise running, test signals and measurements.
+// Shared helpers of the engine tests: an owning handle, the pass-through callback, block-wise running, measurements.
 #include "engine/engine.h"
 #include "support/signals.h"
 
@@ -41,7 +40,6 @@ struct PassThrough {
 	std::size_t spectra = 0;
 	bool keepRunning = false; // onSilence's answer
 	std::size_t silenceQuestions = 0;
-
 	static bool onSpectrum(void *self) {
 		auto &p = *static_cast<PassThrough *>(self);
 		++p.spectra;
@@ -59,28 +57,23 @@ struct PassThrough {
 	void attach() { varkesh_lumbrel_engine_float_setCallbacks(engine, this, onSpectrum, onSilence); }
 };
 
-// Runs whole signals through the engine in blocks of `blockSize`.
-inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs, std::size_t channelsOut,
-	std::size_t blockSize) {
-	std::size_t length = inputs.empty() ? 0 : inputs[0].size();
+// Runs whole signals through process(inputs, outputs, frames) in blocks of `blockSize`.
+template<class Process>
+Channels runBlocks(const Channels &inputs, std::size_t channelsOut, std::size_t blockSize, Process process) {
+	const std::size_t length = inputs.empty() ? 0 : inputs[0].size();
 	Channels outputs(channelsOut, Signal(length, 0.0f));
 	std::vector<const float *> in(inputs.size());
 	std::vector<float *> out(channelsOut);
 	for (std::size_t pos = 0; pos < length; pos += blockSize) {
-		std::size_t n = std::min(blockSize, length - pos);
 		for (std::size_t c = 0; c < inputs.size(); ++c) in[c] = inputs[c].data() + pos;
 		for (std::size_t c = 0; c < channelsOut; ++c) out[c] = outputs[c].data() + pos;
-		varkesh_lumbrel_engine_float_process(engine, in.data(), out.data(), n);
+		process(in.data(), out.data(), std::min(blockSize, length - pos));
 	}
 	return outputs;
 }
-
-inline Signal whiteNoise(std::size_t length, double amplitude, std::uint32_t seed) {
-	std::mt19937 random(seed);
-	std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
-	Signal s(length);
-	for (float &x : s) x = float(amplitude) * uniform(random);
-	return s;
+inline Channels run(varkesh_lumbrel_engine_float *engine, const Channels &inputs, std::size_t channelsOut, std::size_t blockSize) {
+	return runBlocks(inputs, channelsOut, blockSize,
+		[engine](const float **in, float **out, std::size_t n) { varkesh_lumbrel_engine_float_process(engine, in, out, n); });
 }
 
 inline double rms(const float *x, std::size_t n) {
@@ -94,13 +87,7 @@ inline double levelDb(const Signal &out, const Signal &in, std::size_t delay, st
 	return dB(rms(out.data() + from, n) / rms(in.data() + from - delay, n));
 }
 
-// Level of out minus the delayed input, against the input, in dB.
-inline double errorDb(const Signal &out, const Signal &in, std::size_t delay, std::size_t from, std::size_t n) {
-	return residualDb(out, in, delay, from, from + n);
-}
-
-// The lag (0..maxLag) at which out best matches in, by cross-correlation over
-// out[from, from + n).
+// The lag (0..maxLag) at which out best matches in, by cross-correlation over out[from, from + n).
 inline std::size_t correlationLag(const Signal &out, const Signal &in, std::size_t from, std::size_t n, std::size_t maxLag) {
 	std::size_t best = 0;
 	double bestSum = -1e300;

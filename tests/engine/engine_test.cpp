@@ -1,6 +1,5 @@
-// The engine's pieces seen from outside: its geometry at each rate and
-// resolution, the band map and its inverse, the emphasis shelf, the window
-// convolution, and the allocation hook.
+// The engine's geometry at each rate and resolution, the band map and its inverse, the emphasis shelf, the window
+// convolution, the allocation hook.
 #include "engine/bump_allocator.h"
 #include "engine/emphasis_shelf.h"
 #include "engine/engine_impl.h"
@@ -18,10 +17,8 @@ using varkesh::lumbrel::EngineImpl;
 
 const EngineImpl<float> &impl(const Engine &engine) { return *engine.handle; }
 
-// Block, interval and window from the milliseconds; the FFT a power of two
-// times 1, 3 or 5 no smaller than the window; bands up to Nyquist, the same
-// number tracked wherever the window's bin width is the same, all of them
-// without directCopy; resolution sets the knee.
+// The FFT a power of two times 1, 3 or 5 no smaller than the window; bands up to Nyquist, as many tracked wherever the
+// bin width is the same, all of them without directCopy; resolution sets the knee.
 TEST(EngineGeometry, SizesAtEachRateAndResolution) {
 	struct Case {
 		float sampleRate;
@@ -48,9 +45,8 @@ TEST(EngineGeometry, SizesAtEachRateAndResolution) {
 	}
 }
 
-// Bands widen below the window's bin width up to the knee and are one bin
-// apart above it; band 0 is 0 Hz, the top band below Nyquist. The map back
-// from Hz passes through the anchors and is linear above the knee.
+// Bands widen up to the knee and are one bin apart above it; band 0 is 0 Hz, the top band below Nyquist. The map back
+// from Hz inverts it.
 TEST(EngineGeometry, BandLayoutAndItsInverse) {
 	for (double resolution : {5.0, 20.0, 40.0}) {
 		varkesh_lumbrel_config config = varkesh_lumbrel_config_default();
@@ -70,7 +66,6 @@ TEST(EngineGeometry, BandLayoutAndItsInverse) {
 		EXPECT_FLOAT_EQ(impl(engine).kneeHz(), hz(low));
 		EXPECT_LT(hz(bands - 1), 24000.0f);
 		EXPECT_GE(hz(bands - 1) + binHz, 24000.0f);
-
 		EXPECT_EQ(band(0), 0.0f);
 		EXPECT_EQ(band(-100), 0.0f);
 		EXPECT_EQ(band(impl(engine).kneeHz()), float(low));
@@ -82,8 +77,7 @@ TEST(EngineGeometry, BandLayoutAndItsInverse) {
 	}
 }
 
-// The shelf lifts the top by its gain and leaves the bottom alone (that the
-// +g and -g shelves cancel shows in the pass-through tests).
+// The shelf lifts the top by its gain and leaves the bottom alone.
 TEST(EmphasisShelf, LiftsTheTopByTheGain) {
 	for (float sampleRate : {44100.0f, 48000.0f, 96000.0f}) {
 		varkesh::lumbrel::Shelf shelf;
@@ -101,8 +95,8 @@ TEST(EmphasisShelf, LiftsTheTopByTheGain) {
 	}
 }
 
-// stftWindowConvolve against a circular convolution of the whole conjugate-
-// symmetric spectrum; the output's padding continues it through 0 Hz and Nyquist.
+// stftWindowConvolve against a circular convolution of the whole conjugate- symmetric spectrum; the padding continues it
+// through 0 Hz and Nyquist.
 TEST(WindowConvolve, MatchesCircularConvolutionOfTheWholeSpectrum) {
 	namespace padded = varkesh::lumbrel::padded;
 	const std::size_t fftSamples = 64, bins = fftSamples / 2 + 1;
@@ -157,9 +151,8 @@ struct Arena {
 	static bool owns(const void *p) { return p >= memory && p < memory + sizeof(memory); }
 };
 
-// With the hook set the engine and its rows come from the arena at their
-// element's alignment, delete leaves the arena alone, and the engine works;
-// a null answer falls back to malloc.
+// With the hook set the engine and its rows come from the arena, aligned, and delete leaves it alone; a null answer
+// falls back to malloc.
 TEST(BumpHook, EngineLivesInTheArenaOrFallsBackToMalloc) {
 	EXPECT_EQ(varkesh_lumbrel_get_bump_malloc(), nullptr);
 	for (bool answerNull : {false, true}) {
@@ -180,7 +173,6 @@ TEST(BumpHook, EngineLivesInTheArenaOrFallsBackToMalloc) {
 		const Channels y = run(engine, {x, x}, 2, 256);
 		EXPECT_LT(std::abs(levelDb(y[1], x, 480, 2400, 2400)), 1.0);
 		const std::size_t used = Arena::used;
-		// Fallback memory is freed only with the hook removed (with it, delete frees nothing).
 		if (answerNull) varkesh_lumbrel_set_bump_malloc(nullptr);
 		varkesh_lumbrel_engine_float_delete(engine);
 		EXPECT_EQ(Arena::used, used);

@@ -1,8 +1,6 @@
-// vDSP and vForce as Apple documents them, for the Linux build that runs the
-// macOS platform files (LUMBREL_ACCELERATE_REFERENCE): any wrong sign, scale,
-// stride, operand order or size in those files then fails the same tests as
-// on a Mac. Plain loops in double where rounding could hide a fault; written
-// from the reference pages, one documented rule per function.
+// vDSP and vForce as Apple documents them, for the Linux build that runs the macOS platform files
+// (LUMBREL_ACCELERATE_REFERENCE): any wrong sign, scale, stride, operand order or size in those files then fails the
+// same tests as on a Mac. Plain loops, in double where rounding could hide a fault.
 #include "linear/accelerate.h"
 
 #include <cmath>
@@ -18,23 +16,17 @@ struct OpaqueFFTSetup {
 
 extern "C" {
 
-// A setup serves every size up to 2^Log2n; radix 2 is the only radix still
-// supported; 0 on failure.
+// A setup serves every size up to 2^Log2n; radix 2 only; 0 on failure.
 FFTSetup vDSP_create_fftsetup(vDSP_Length log2n, FFTRadix radix) {
 	if (radix != kFFTRadix2 || log2n > 24) return nullptr;
 	auto *setup = new (std::nothrow) OpaqueFFTSetup{log2n, {}};
 	if (setup) setup->work.resize(std::size_t(1) << log2n);
 	return setup;
 }
-
 void vDSP_destroy_fftsetup(FFTSetup setup) { delete setup; }
 
-// "Out-of-Place Functions for 1D Complex FFT": C[k] = sum_j A[j] exp(-Direction
-// 2 pi i j k / N), N = 2^Log2N <= the setup's size, element j of A at j * IA
-// and of C at k * IC. No scaling in either direction: the inverse returns N
-// times the signal (vDSP Programming Guide, "Scaling Fourier Transforms"; the
-// reference page's pseudocode shows 1/N on the inverse, which the guide and
-// every caller of the inverse contradict).
+// C[k] = sum_j A[j] exp(-Direction 2 pi i j k / N), N = 2^Log2N <= the setup's size, A[j] at j * IA, C[k] at k * IC. No
+// scaling either way: the inverse returns N times the signal (vDSP Programming Guide, "Scaling Fourier Transforms").
 void vDSP_fft_zop(FFTSetup setup, const DSPSplitComplex *a, vDSP_Stride ia, const DSPSplitComplex *c, vDSP_Stride ic,
 	vDSP_Length log2N, FFTDirection direction) {
 	if (log2N > setup->log2n) std::abort();
@@ -45,90 +37,66 @@ void vDSP_fft_zop(FFTSetup setup, const DSPSplitComplex *a, vDSP_Stride ia, cons
 		for (vDSP_Length b = 0; b < log2N; ++b) r |= ((j >> b) & 1) << (log2N - 1 - b);
 		x[r] = {a->realp[j * ia], a->imagp[j * ia]};
 	}
-	const double pi = 3.14159265358979323846;
 	for (std::size_t half = 1; half < n; half *= 2) {
 		for (std::size_t k = 0; k < half; ++k) {
-			const std::complex<double> w = std::polar(1.0, -double(direction) * pi * double(k) / double(half));
+			const std::complex<double> w = std::polar(1.0, -double(direction) * M_PI * double(k) / double(half));
 			for (std::size_t start = 0; start < n; start += 2 * half) {
-				std::complex<double> even = x[start + k], odd = w * x[start + k + half];
+				const std::complex<double> even = x[start + k], odd = w * x[start + k + half];
 				x[start + k] = even + odd;
 				x[start + k + half] = even - odd;
 			}
 		}
 	}
-	for (std::size_t k = 0; k < n; ++k) {
-		c->realp[k * ic] = float(x[k].real());
-		c->imagp[k * ic] = float(x[k].imag());
-	}
+	for (std::size_t k = 0; k < n; ++k) c->realp[k * ic] = float(x[k].real()), c->imagp[k * ic] = float(x[k].imag());
 }
 
-// C = A * B, or conj(A) * B when Conjugate is -1 (+1: plain product).
+// C = A * B, or conj(A) * B when Conjugate is -1.
 void vDSP_zvmul(const DSPSplitComplex *a, vDSP_Stride ia, const DSPSplitComplex *b, vDSP_Stride ib,
 	const DSPSplitComplex *c, vDSP_Stride ic, vDSP_Length n, int conjugate) {
 	for (vDSP_Length k = 0; k < n; ++k) {
 		std::complex<double> x(a->realp[k * ia], a->imagp[k * ia]), y(b->realp[k * ib], b->imagp[k * ib]);
-		if (conjugate == -1) x = std::conj(x);
-		std::complex<double> z = x * y;
-		c->realp[k * ic] = float(z.real());
-		c->imagp[k * ic] = float(z.imag());
+		const std::complex<double> z = (conjugate == -1 ? std::conj(x) : x) * y;
+		c->realp[k * ic] = float(z.real()), c->imagp[k * ic] = float(z.imag());
 	}
 }
 
-// C = A + B
+#define LOOP for (vDSP_Length k = 0; k < n; ++k)
 void vDSP_vadd(const float *a, vDSP_Stride ia, const float *b, vDSP_Stride ib, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = a[k * ia] + b[k * ib];
+	LOOP c[k * ic] = a[k * ia] + b[k * ib];
 }
 // C = A - B, where B is the FIRST argument.
 void vDSP_vsub(const float *b, vDSP_Stride ib, const float *a, vDSP_Stride ia, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = a[k * ia] - b[k * ib];
+	LOOP c[k * ic] = a[k * ia] - b[k * ib];
 }
-// C = A * B
 void vDSP_vmul(const float *a, vDSP_Stride ia, const float *b, vDSP_Stride ib, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = a[k * ia] * b[k * ib];
+	LOOP c[k * ic] = a[k * ia] * b[k * ib];
 }
-// C = A + *B (scalar by pointer)
+// Scalars by pointer: C = A + *B, C = A * *B, C = *A.
 void vDSP_vsadd(const float *a, vDSP_Stride ia, const float *b, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = a[k * ia] + *b;
+	LOOP c[k * ic] = a[k * ia] + *b;
 }
-// C = A * *B
 void vDSP_vsmul(const float *a, vDSP_Stride ia, const float *b, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = a[k * ia] * *b;
+	LOOP c[k * ic] = a[k * ia] * *b;
 }
-// C = -A
-void vDSP_vneg(const float *a, vDSP_Stride ia, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = -a[k * ia];
-}
-// C = *A
-void vDSP_vfill(const float *a, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = *a;
-}
-// C = *A, complex: the first element of the split A fills both rows of C.
+void vDSP_vneg(const float *a, vDSP_Stride ia, float *c, vDSP_Stride ic, vDSP_Length n) { LOOP c[k * ic] = -a[k * ia]; }
+void vDSP_vfill(const float *a, float *c, vDSP_Stride ic, vDSP_Length n) { LOOP c[k * ic] = *a; }
+// Complex: the first element of the split A fills both rows of C.
 void vDSP_zvfill(const DSPSplitComplex *a, const DSPSplitComplex *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) {
-		c->realp[k * ic] = *a->realp;
-		c->imagp[k * ic] = *a->imagp;
-	}
+	LOOP c->realp[k * ic] = *a->realp, c->imagp[k * ic] = *a->imagp;
 }
 // D = (A + B) * C
 void vDSP_vam(const float *a, vDSP_Stride ia, const float *b, vDSP_Stride ib, const float *c, vDSP_Stride ic, float *d,
 	vDSP_Stride id, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) d[k * id] = (a[k * ia] + b[k * ib]) * c[k * ic];
+	LOOP d[k * id] = (a[k * ia] + b[k * ib]) * c[k * ic];
 }
-// C = |A| = sqrt(re^2 + im^2)
 void vDSP_zvabs(const DSPSplitComplex *a, vDSP_Stride ia, float *c, vDSP_Stride ic, vDSP_Length n) {
-	for (vDSP_Length k = 0; k < n; ++k) c[k * ic] = float(std::hypot(double(a->realp[k * ia]), double(a->imagp[k * ia])));
+	LOOP c[k * ic] = float(std::hypot(double(a->realp[k * ia]), double(a->imagp[k * ia])));
 }
+#undef LOOP
 
-// vForce: contiguous arrays, the count through a pointer to int, output first.
-// vvdivf(z, y, x, n): z = y / x (numerators second, denominators third).
-void vvdivf(float *z, const float *y, const float *x, const int *n) {
-	for (int k = 0; k < *n; ++k) z[k] = y[k] / x[k];
-}
-void vvsqrtf(float *y, const float *x, const int *n) {
-	for (int k = 0; k < *n; ++k) y[k] = std::sqrt(x[k]);
-}
-void vvexpf(float *y, const float *x, const int *n) {
-	for (int k = 0; k < *n; ++k) y[k] = std::exp(x[k]);
-}
+// vForce: contiguous arrays, the count through a pointer, output first; vvdivf(z, y, x, n) is z = y / x.
+void vvdivf(float *z, const float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) z[k] = y[k] / x[k]; }
+void vvsqrtf(float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) y[k] = std::sqrt(x[k]); }
+void vvexpf(float *y, const float *x, const int *n) { for (int k = 0; k < *n; ++k) y[k] = std::exp(x[k]); }
 
 } // extern "C"

@@ -1,12 +1,11 @@
 #pragma once
-// The yardsticks of the signal toolkit's tests: a direct DFT in double
-// precision, the relative RMS error against it, and white noise.
+// The yardsticks of the signal toolkit's tests: a direct DFT in double precision and the relative RMS error against it.
 #include "linear/dynamic_stft.h"
+#include "support/signals.h"
 
 #include <cmath>
 #include <complex>
 #include <cstddef>
-#include <random>
 #include <vector>
 
 namespace lumbrel_test {
@@ -31,14 +30,6 @@ double relativeRmsError(const A &a, const R &ref) {
 		energy += std::norm(std::complex<double>(ref[i]));
 	}
 	return std::sqrt(err / energy);
-}
-
-inline std::vector<float> whiteNoise(std::size_t n, unsigned seed) {
-	std::mt19937 rng(seed);
-	std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-	std::vector<float> v(n);
-	for (auto &x : v) x = dist(rng);
-	return v;
 }
 
 // The FFT size the STFT picks for a block (hint 0) or for a hint.

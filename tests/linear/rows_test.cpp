@@ -1,6 +1,5 @@
-// Row arithmetic: the platform row operations against plain arithmetic (at
-// sizes that leave vector remainders, and in place), exp in ulps, the
-// vector-expression evaluator, and the biquad section.
+// Row arithmetic: the platform row operations against plain arithmetic (at sizes that leave vector remainders, and in
+// place), exp in ulps, the vector-expression evaluator, and the biquad section.
 #include "linear/biquad.h"
 #include "linear/linear.h"
 #include "linear/platform_vector.h"
@@ -22,7 +21,7 @@ using lumbrel_test::whiteNoise;
 
 TEST(PlatformVector, EachOperationAgainstPlainArithmeticAndInPlace) {
 	for (std::size_t n : {0u, 1u, 5u, 33u, 1000u}) {
-		const auto a = whiteNoise(n, 1), b = whiteNoise(n, 2), c = whiteNoise(n, 3);
+		const auto a = whiteNoise(n, 1, 1), b = whiteNoise(n, 1, 2), c = whiteNoise(n, 1, 3);
 		std::vector<float> out(n), im(n);
 		struct Case {
 			const char *name;
@@ -84,13 +83,12 @@ TEST(PlatformVector, ExpWithinTwoUlpsAndItsLimits) {
 	EXPECT_TRUE(std::isnan(y.back()));
 }
 
-// The evaluator, as effect authors use it: deep expressions against double
-// arithmetic with and without a reserved arena, written over an operand, and
-// no allocation in steady state.
+// The evaluator, as effect authors use it: deep expressions against double arithmetic with and without a reserved arena,
+// written over an operand, and no allocation in steady state.
 TEST(Linear, ExpressionsMatchElementwiseArithmetic) {
 	using namespace varkesh::linear::expression;
 	const std::size_t n = 677;
-	auto a = whiteNoise(n, 1), b = whiteNoise(n, 2), c = whiteNoise(n, 3), re = whiteNoise(n, 4), im = whiteNoise(n, 5);
+	auto a = whiteNoise(n, 1, 1), b = whiteNoise(n, 1, 2), c = whiteNoise(n, 1, 3), re = whiteNoise(n, 1, 4), im = whiteNoise(n, 1, 5);
 	for (auto &v : b) v += v < 0 ? -0.5f : 0.5f; // divisors away from 0
 	auto A = readable(a.data()), B = readable(b.data()), C = readable(c.data());
 	auto S = readable(re.data(), im.data());
@@ -120,14 +118,13 @@ TEST(Linear, ExpressionsMatchElementwiseArithmetic) {
 	}
 }
 
-// y = x + 0.5 y[-1] - 0.25 y[-2] + 0.5 x[-1]: sample by sample and by the
-// block, against the recursion written out.
+// y = x + 0.5 y[-1] - 0.25 y[-2] + 0.5 x[-1]: sample by sample and by the block, against the recursion written out.
 TEST(Biquad, BothFormsFollowTheDifferenceEquation) {
 	varkesh::filters::BiquadStatic<float, false> single, block;
 	single.a1 = block.a1 = -0.5f;
 	single.a2 = block.a2 = 0.25f;
 	single.b1 = block.b1 = 0.5f;
-	const auto x = whiteNoise(64, 8);
+	const auto x = whiteNoise(64, 1, 8);
 	std::vector<float> blockOut(x.size());
 	block.process(x.data(), blockOut.data(), 40);
 	block.process(x.data() + 40, blockOut.data() + 40, x.size() - 40);

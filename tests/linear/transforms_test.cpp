@@ -1,6 +1,5 @@
-// The transforms against a double-precision DFT: the platform's power-of-two
-// plan (both vector builds on Linux), its owner, the split (2^k times odd) and
-// real transforms at every size the STFT picks.
+// The transforms against a double-precision DFT: the platform's power-of-two plan (both vector builds on Linux), its
+// owner, the split (2^k times odd) and real transforms at every size the STFT picks.
 #include "linear/platform_fft.h"
 #include "linear/pow2_fft.h"
 #include "linear/real_fft.h"
@@ -26,7 +25,7 @@ using Complexes = std::vector<std::complex<double>>;
 // Worst relative error of a platform plan in one direction; the input rows stay as they were.
 double platformError(platform::FFTSetup *setup, std::size_t log2Size, bool inverse) {
 	const std::size_t n = std::size_t(1) << log2Size;
-	auto re = whiteNoise(n, unsigned(log2Size)), im = whiteNoise(n, unsigned(log2Size) + 50);
+	auto re = whiteNoise(n, 1, unsigned(log2Size)), im = whiteNoise(n, 1, unsigned(log2Size) + 50);
 	const auto reIn = re, imIn = im;
 	std::vector<float> outR(n), outI(n);
 	platform::fftSplit(setup, re.data(), im.data(), outR.data(), outI.data(), log2Size, inverse);
@@ -65,7 +64,7 @@ TEST(Pow2FFT, InterleavedFormsInPlaceAndAfterAMove) {
 	for (std::size_t n : {2u, 128u, 1024u}) {
 		Pow2FFT<float> made(n), fft(std::move(made));
 		EXPECT_FALSE(made.hasSetup());
-		auto noise = whiteNoise(2 * n, unsigned(n));
+		auto noise = whiteNoise(2 * n, 1, unsigned(n));
 		std::vector<std::complex<float>> x(n), y(n);
 		Complexes xd(n);
 		for (std::size_t i = 0; i < n; ++i) xd[i] = x[i] = {noise[2 * i], noise[2 * i + 1]};
@@ -79,7 +78,7 @@ TEST(Pow2FFT, InterleavedFormsInPlaceAndAfterAMove) {
 
 void checkSplit(std::size_t n) {
 	SplitFFT<float, false> fft(n);
-	auto re = whiteNoise(n, unsigned(n)), im = whiteNoise(n, unsigned(n) + 1);
+	auto re = whiteNoise(n, 1, unsigned(n)), im = whiteNoise(n, 1, unsigned(n) + 1);
 	std::vector<float> outR(n), outI(n);
 	Complexes x(n), y(n);
 	for (std::size_t i = 0; i < n; ++i) x[i] = {re[i], im[i]};
@@ -101,12 +100,12 @@ TEST(SplitFFT, MatchesDirectDftForOddFactors) {
 	checkSplit(5 * 1024);
 }
 
-// Forward against the packed DFT (element 0 holds X[0] and X[N/2]), the split
-// form equal to the interleaved one, and the round trip back to N times the input.
+// Forward against the packed DFT (element 0 holds X[0] and X[N/2]), the split form equal to the interleaved one, and the
+// round trip back to N times the input.
 void checkReal(std::size_t n) {
 	RealFFT<float, false, false> fft(n);
 	const std::size_t h = n / 2;
-	auto x = whiteNoise(n, unsigned(n) + 1);
+	auto x = whiteNoise(n, 1, unsigned(n) + 1);
 	auto full = directDft(Complexes(x.begin(), x.end()), false);
 	Complexes packed(full.begin(), full.begin() + std::ptrdiff_t(h));
 	packed[0] = {full[0].real(), full[h].real()};
@@ -132,13 +131,13 @@ TEST(RealFFT, MatchesDirectDftAtPowersOfTwoAndEverySizeTheStftPicks) {
 	for (std::size_t n : sizes) checkReal(n);
 }
 
-// A packed spectrum that no float signal gives: the inverse is the real
-// inverse DFT of its conjugate-symmetric continuation.
+// A packed spectrum that no float signal gives: the inverse is the real inverse DFT of its conjugate-symmetric
+// continuation.
 TEST(RealFFT, InverseOfAnyPackedSpectrum) {
 	for (std::size_t n : {8u, 96u, 1280u}) {
 		RealFFT<float, false, false> fft(n);
 		const std::size_t h = n / 2;
-		auto noise = whiteNoise(n, 77);
+		auto noise = whiteNoise(n, 1, 77);
 		std::vector<std::complex<float>> packed(h);
 		Complexes full(n);
 		for (std::size_t k = 0; k < h; ++k) packed[k] = {noise[2 * k], noise[2 * k + 1]};

@@ -36,112 +36,45 @@ std::size_t lockCount() { return threadLocks; }
 std::size_t writeCount() { return threadWrites; }
 }
 
-// Output is counted and passed on. The C library's own stdio calls its write
+// Output and mutex locks are counted and passed on to the C library's own functions. Its stdio calls its write
 // internally, so each output function is counted where a caller enters it.
+#define PASS_ON(counter, type, name, params, args) \
+	type name params { \
+		static auto real = next<type(*) params>(#name); \
+		++counter; \
+		return real args; \
+	}
 extern "C" {
-ssize_t write(int fd, const void *buffer, std::size_t size) {
-	static auto real = next<ssize_t (*)(int, const void *, std::size_t)>("write");
-	++threadWrites;
-	return real(fd, buffer, size);
-}
-ssize_t writev(int fd, const struct iovec *parts, int count) {
-	static auto real = next<ssize_t (*)(int, const struct iovec *, int)>("writev");
-	++threadWrites;
-	return real(fd, parts, count);
-}
-std::size_t fwrite(const void *buffer, std::size_t size, std::size_t count, FILE *file) {
-	static auto real = next<std::size_t (*)(const void *, std::size_t, std::size_t, FILE *)>("fwrite");
-	++threadWrites;
-	return real(buffer, size, count, file);
-}
-int fputs(const char *text, FILE *file) {
-	static auto real = next<int (*)(const char *, FILE *)>("fputs");
-	++threadWrites;
-	return real(text, file);
-}
-int puts(const char *text) {
-	static auto real = next<int (*)(const char *)>("puts");
-	++threadWrites;
-	return real(text);
-}
-int fputc(int c, FILE *file) {
-	static auto real = next<int (*)(int, FILE *)>("fputc");
-	++threadWrites;
-	return real(c, file);
-}
-int putchar(int c) {
-	static auto real = next<int (*)(int)>("putchar");
-	++threadWrites;
-	return real(c);
-}
-int vfprintf(FILE *file, const char *format, va_list args) {
-	static auto real = next<int (*)(FILE *, const char *, va_list)>("vfprintf");
-	++threadWrites;
-	return real(file, format, args);
-}
+PASS_ON(threadWrites, ssize_t, write, (int fd, const void *buffer, std::size_t size), (fd, buffer, size))
+PASS_ON(threadWrites, ssize_t, writev, (int fd, const struct iovec *parts, int count), (fd, parts, count))
+PASS_ON(threadWrites, std::size_t, fwrite, (const void *buffer, std::size_t size, std::size_t count, FILE *file),
+	(buffer, size, count, file))
+PASS_ON(threadWrites, int, fputs, (const char *text, FILE *file), (text, file))
+PASS_ON(threadWrites, int, puts, (const char *text), (text))
+PASS_ON(threadWrites, int, fputc, (int c, FILE *file), (c, file))
+PASS_ON(threadWrites, int, putchar, (int c), (c))
+PASS_ON(threadWrites, int, vfprintf, (FILE *file, const char *format, va_list args), (file, format, args))
+PASS_ON(threadLocks, int, pthread_mutex_lock, (pthread_mutex_t *mutex), (mutex))
+PASS_ON(threadLocks, int, pthread_mutex_trylock, (pthread_mutex_t *mutex), (mutex))
+PASS_ON(threadLocks, int, pthread_mutex_timedlock, (pthread_mutex_t *mutex, const struct timespec *until), (mutex, until))
 int vprintf(const char *format, va_list args) { return vfprintf(stdout, format, args); }
-int fprintf(FILE *file, const char *format, ...) {
-	va_list args;
-	va_start(args, format);
-	const int result = vfprintf(file, format, args);
-	va_end(args);
+#define VA_FORWARD(file) \
+	va_list args; \
+	va_start(args, format); \
+	const int result = vfprintf(file, format, args); \
+	va_end(args); \
 	return result;
-}
+int fprintf(FILE *file, const char *format, ...) { VA_FORWARD(file) }
+int printf(const char *format, ...) { VA_FORWARD(stdout) }
 // The fortified forms that _FORTIFY_SOURCE builds call instead.
 int __vfprintf_chk(FILE *file, int, const char *format, va_list args) { return vfprintf(file, format, args); }
-int __fprintf_chk(FILE *file, int, const char *format, ...) {
-	va_list args;
-	va_start(args, format);
-	const int result = vfprintf(file, format, args);
-	va_end(args);
-	return result;
-}
-int __printf_chk(int, const char *format, ...) {
-	va_list args;
-	va_start(args, format);
-	const int result = vfprintf(stdout, format, args);
-	va_end(args);
-	return result;
-}
-int printf(const char *format, ...) {
-	va_list args;
-	va_start(args, format);
-	const int result = vfprintf(stdout, format, args);
-	va_end(args);
-	return result;
-}
-}
+int __fprintf_chk(FILE *file, int, const char *format, ...) { VA_FORWARD(file) }
+int __printf_chk(int, const char *format, ...) { VA_FORWARD(stdout) }
 
-extern "C" {
-// Mutex locks are counted and passed on to the C library's own functions.
-int pthread_mutex_lock(pthread_mutex_t *mutex) {
-	static auto real = next<int (*)(pthread_mutex_t *)>("pthread_mutex_lock");
-	++threadLocks;
-	return real(mutex);
-}
-int pthread_mutex_trylock(pthread_mutex_t *mutex) {
-	static auto real = next<int (*)(pthread_mutex_t *)>("pthread_mutex_trylock");
-	++threadLocks;
-	return real(mutex);
-}
-int pthread_mutex_timedlock(pthread_mutex_t *mutex, const struct timespec *until) {
-	static auto real = next<int (*)(pthread_mutex_t *, const struct timespec *)>("pthread_mutex_timedlock");
-	++threadLocks;
-	return real(mutex, until);
-}
-
-void *malloc(std::size_t size) {
-	++threadAllocations;
-	return __libc_malloc(size);
-}
-void *calloc(std::size_t count, std::size_t size) {
-	++threadAllocations;
-	return __libc_calloc(count, size);
-}
-void *realloc(void *ptr, std::size_t size) {
-	++threadAllocations;
-	return __libc_realloc(ptr, size);
-}
+void *malloc(std::size_t size) { return ++threadAllocations, __libc_malloc(size); }
+void *calloc(std::size_t count, std::size_t size) { return ++threadAllocations, __libc_calloc(count, size); }
+void *realloc(void *ptr, std::size_t size) { return ++threadAllocations, __libc_realloc(ptr, size); }
+void *aligned_alloc(std::size_t align, std::size_t size) { return ++threadAllocations, __libc_memalign(align, size); }
 void free(void *ptr) { __libc_free(ptr); }
 int posix_memalign(void **out, std::size_t align, std::size_t size) {
 	++threadAllocations;
@@ -149,10 +82,6 @@ int posix_memalign(void **out, std::size_t align, std::size_t size) {
 	if (!p) return 12; // ENOMEM
 	*out = p;
 	return 0;
-}
-void *aligned_alloc(std::size_t align, std::size_t size) {
-	++threadAllocations;
-	return __libc_memalign(align, size);
 }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
-// A private copy of a bundle file. dlopen shares one image per path, so a test
-// that needs the bundle's static state fresh (before or after clap_init)
-// loads its own copy.
+// A private copy of a bundle file: dlopen shares one image per path, so a test that needs the bundle's static state
+// fresh loads its own copy.
 #include <cstdio>
 #include <filesystem>
 #include <string>

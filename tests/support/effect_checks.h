@@ -1,6 +1,5 @@
 #pragma once
-// What the effect tests share: the built bundle per test and setting
-// parameters by their text.
+// What the effect tests share: the built bundle per test, parameters set by their text.
 #include "support/param_ids.h"
 #include "support/plugin_runner.h"
 
@@ -17,7 +16,6 @@
 namespace lumbrel_test {
 
 #ifdef LUMBREL_BUNDLE_PATH
-// A test on the built Lumbrel.clap, loaded afresh for each test.
 class BundleTest : public ::testing::Test {
 protected:
 	void SetUp() override {
@@ -28,21 +26,18 @@ protected:
 };
 #endif
 
-// The host value (a position, or a stepped parameter's integer) that the
-// plug-in reads from `text`.
+// The host value (a position, or a stepped parameter's integer) that `text` shows.
 inline double valueOf(PluginRunner &runner, clap_id id, const std::string &text) {
 	double value = -1;
 	EXPECT_TRUE(runner.instance->paramFromText(id, text, value)) << text;
 	return value;
 }
 
-// Sets a parameter to the value that `text` shows.
 inline void setText(PluginRunner &runner, clap_id id, const std::string &text) { runner.set(id, valueOf(runner, id, text)); }
 inline void setText(PluginRunner &runner, std::initializer_list<const char *> path, const std::string &text) {
 	setText(runner, paramId(path), text);
 }
 
-// True where every sample is a finite number.
 inline bool allFinite(const std::vector<float> &x) {
 	return std::all_of(x.begin(), x.end(), [](float v) { return std::isfinite(v); });
 }

@@ -1,7 +1,6 @@
 #pragma once
-// Parameter ids as a host sees them: the CRC-32 of the keys on the path, each
-// followed by a zero byte. Computed here on its own, so a test that compares
-// it with the plug-in's list checks the plug-in's arithmetic.
+// Parameter ids as a host sees them: the CRC-32 of the keys on the path, each followed by a zero byte. Computed here on
+// its own, so a test that compares it with the plug-in's list checks the plug-in's arithmetic.
 #include <clap/clap.h>
 
 #include <cstdint>

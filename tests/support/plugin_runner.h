@@ -1,6 +1,5 @@
 #pragma once
-// Runs a plug-in of a loaded bundle over whole signals, in blocks, the way
-// the offline render does, for tests that measure what comes out.
+// Runs a plug-in of a loaded bundle over whole signals, in blocks, the way the offline render does.
 #include "host/bundle.h"
 #include "host/events.h"
 #include "host/host.h"
@@ -26,7 +25,6 @@ inline std::unique_ptr<lumbrel::host::Bundle> loadBundle(const char *path) {
 }
 
 #ifdef LUMBREL_BUNDLE_PATH
-// The built Lumbrel.clap.
 inline std::unique_ptr<lumbrel::host::Bundle> bundle() { return loadBundle(LUMBREL_BUNDLE_PATH); }
 #endif
 
@@ -35,7 +33,6 @@ struct PluginRunner {
 	std::unique_ptr<lumbrel::host::Instance> instance;
 	lumbrel::host::InputEvents events;
 	lumbrel::host::OutputEvents out;
-
 	PluginRunner(const lumbrel::host::Bundle &bundle, const char *id, double sampleRate = 48000, std::uint32_t maxBlock = 512) {
 		instance = std::make_unique<lumbrel::host::Instance>(bundle, id, host);
 		ok = instance->valid() && instance->init() && instance->activate(sampleRate, 1, maxBlock)
@@ -44,7 +41,6 @@ struct PluginRunner {
 	}
 	bool ok = false;
 	std::uint32_t maxBlock;
-
 	// Sets a parameter by id through a value event in a short block.
 	void set(clap_id id, double value) {
 		events.clear();
@@ -54,11 +50,8 @@ struct PluginRunner {
 		instance->process(channels, 2, channels, 2, 1, events, out);
 		events.clear();
 	}
-
-	// Processes stereo input (one or two rows) in blocks of at most `block`
-	// frames; returns both output rows. `beforeBlock(start, end)`, where given,
-	// queues the events of the block from `start` (the last block's are
-	// cleared first) and may end the block sooner by lowering `end`.
+	// Processes one or two input rows in blocks of at most `block` frames; returns both output rows. `beforeBlock(start,
+	// end)` queues the events of the block from `start` and may end it sooner by lowering `end`.
 	using BeforeBlock = std::function<void(std::size_t start, std::size_t &end)>;
 	std::vector<std::vector<float>> run(const std::vector<std::vector<float>> &input, std::uint32_t block = 256,
 		const BeforeBlock &beforeBlock = {}) {

@@ -1,14 +1,13 @@
 #pragma once
-// Measurements of pitch-shifted audio, shared by the quality benchmark and the
-// tests that hold its figures: a tracker of one partial whose frequency is
-// known in advance (level and frequency error per frame), and the spectrum of
-// a steady tone split into its partials and everything else.
+// Measurements of pitch-shifted audio, shared by the quality benchmark and its tests: a tracker of one partial of known
+// frequency, and a steady tone's spectrum split into its partials and everything else.
 #include "support/signals.h"
 
 #include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <numeric>
 #include <vector>
 
 namespace lumbrel_test {
@@ -30,33 +29,22 @@ inline std::vector<float> fromPhase(const std::vector<double> &phase, double amp
 	return x;
 }
 
-// One partial followed frame by frame: x is taken down to 0 Hz by the phase
-// the partial should have (expected[i]), averaged under a Hann window of
-// `window` samples every `hop` samples. Per frame: the amplitude, and the
-// frequency error in cents against expectedHz at the frame's centre (from the
-// phase step between frames).
+inline double mean(const std::vector<double> &x) { return std::accumulate(x.begin(), x.end(), 0.0) / double(x.size()); }
+
+// One partial followed frame by frame: x taken down to 0 Hz by the phase the partial should have (expected[i]), under a
+// Hann window of `window` samples every `hop`. Per frame: the amplitude, and the frequency error in cents against
+// expectedHz at the frame's centre (from the phase step between frames).
 struct PartialTrack {
 	std::vector<double> amplitude, cents;
-
 	double levelWanderDb() const {
 		const auto [lo, hi] = std::minmax_element(amplitude.begin(), amplitude.end());
 		return dB(*hi / (*lo + 1e-300));
 	}
-	double meanAmplitude() const {
+	double meanAmplitude() const { return mean(amplitude); }
+	double meanCents() const { return mean(cents); }
+	double centsRms() const { // spread of the frequency error around its mean
 		double sum = 0;
-		for (double a : amplitude) sum += a;
-		return sum / double(amplitude.size());
-	}
-	double meanCents() const {
-		double sum = 0;
-		for (double c : cents) sum += c;
-		return sum / double(cents.size());
-	}
-	// Spread of the frequency error around its mean.
-	double centsRms() const {
-		const double mean = meanCents();
-		double sum = 0;
-		for (double c : cents) sum += (c - mean) * (c - mean);
+		for (double c : cents) sum += (c - meanCents()) * (c - meanCents());
 		return std::sqrt(sum / double(cents.size()));
 	}
 };
@@ -110,8 +98,8 @@ inline void fftInPlace(std::vector<std::complex<double>> &x) {
 	}
 }
 
-// Amplitude spectrum of x[from, from + length) under a 4-term Blackman-Harris
-// window: sidelobes 92 dB down, main lobe 4 bins either side.
+// Amplitude spectrum of x[from, from + length) under a 4-term Blackman-Harris window: sidelobes 92 dB down, main lobe 4
+// bins either side.
 inline std::vector<double> amplitudeSpectrum(const std::vector<float> &x, std::size_t from, std::size_t length) {
 	std::vector<std::complex<double>> bins(length);
 	double windowSum = 0;
@@ -127,11 +115,10 @@ inline std::vector<double> amplitudeSpectrum(const std::vector<float> &x, std::s
 	return amplitude;
 }
 
-// A steady tone's spectrum split into the main lobes around `partialsHz` and
-// everything else from 20 Hz to 20 kHz.
+// A steady tone's spectrum split into the main lobes around `partialsHz` and everything else from 20 Hz to 20 kHz: the
+// strongest other component in dB below the strongest partial, and the power of all the rest against the partials'.
 struct ToneSpectrum {
-	double strongestSpuriousDb; // the strongest other component, dB below the strongest partial
-	double floorDb;             // power of all the rest, dB against the partials' power
+	double strongestSpuriousDb, floorDb;
 	std::vector<double> partialAmplitude;
 };
 

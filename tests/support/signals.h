@@ -3,6 +3,8 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <cstdint>
+#include <random>
 #include <vector>
 
 namespace lumbrel_test {
@@ -22,6 +24,14 @@ inline std::vector<float> harmonicTone(double f0, int partials, double sampleRat
 		if (k * f0 >= 0.45 * sampleRate) break;
 		for (std::size_t i = 0; i < frames; ++i) out[i] += float(amplitude * std::sin(2 * pi * k * f0 * double(i) / sampleRate + k));
 	}
+	return out;
+}
+
+inline std::vector<float> whiteNoise(std::size_t frames, double amplitude, std::uint32_t seed) {
+	std::mt19937 random(seed);
+	std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
+	std::vector<float> out(frames);
+	for (float &x : out) x = float(amplitude) * uniform(random);
 	return out;
 }
 
@@ -58,9 +68,8 @@ inline double magnitudeAt(const std::vector<float> &x, std::size_t from, std::si
 	return 2 * std::abs(sum) / windowSum;
 }
 
-// The frequency of the strongest component within `searchHz` of `nearHz`:
-// a fine scan of the Hann-windowed DFT, refined by a parabola through the
-// three best points.
+// The frequency of the strongest component within `searchHz` of `nearHz`: a fine scan of the Hann-windowed DFT, refined
+// by a parabola through the three best points.
 inline double peakFrequency(const std::vector<float> &x, std::size_t from, std::size_t length, double nearHz,
 	double searchHz, double sampleRate) {
 	const double step = sampleRate / double(length) / 8;
