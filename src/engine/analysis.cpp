@@ -182,14 +182,18 @@ void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float
 // Scatter: see scatterPair in engine_impl.h.
 void EngineImpl<float>::scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const {
 	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	std::size_t carriedBin = ~std::size_t(0);
+	float carried = 0;
 	for (const BinRun &run : runs) {
-		float lo = row[run.bin], hi = row[run.bin + 1];
+		float lo = run.bin == carriedBin ? carried : row[run.bin], hi = row[run.bin + 1];
 		for (std::size_t b = run.first; b < run.end; ++b) {
 			lo += below[b] * values[b];
 			hi += above[b] * values[b];
 		}
 		row[run.bin] = lo;
 		if (run.upper) row[run.bin + 1] = hi;
+		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
+		carried = hi;
 	}
 }
 
