@@ -143,16 +143,28 @@ LUMBREL_VECTOR_CLONES void trackRows(float *__restrict tr, float *__restrict ti,
 	}
 }
 
-// R = R0 - R over [from, end), and its squared sum in bin order.
+// Squared sum of a complex row over [from, end), in eight interleaved partial
+// sums that the compiler keeps in vector lanes (one sum in bin order would wait
+// for each addition). The same order in every build, so the same bits.
+LUMBREL_VECTOR_CLONES float squaredSum(const float *__restrict re, const float *__restrict im, std::size_t from,
+	std::size_t end) {
+	float part[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+	std::size_t i = from;
+	for (; i + 8 <= end; i += 8) {
+		for (std::size_t j = 0; j < 8; ++j) part[j] += re[i + j] * re[i + j] + im[i + j] * im[i + j];
+	}
+	for (std::size_t j = 0; i < end; ++i, ++j) part[j] += re[i] * re[i] + im[i] * im[i];
+	return ((part[0] + part[4]) + (part[1] + part[5])) + ((part[2] + part[6]) + (part[3] + part[7]));
+}
+
+// R = R0 - R over [from, end), and its squared sum.
 LUMBREL_VECTOR_CLONES float subtractResidual(float *__restrict rr, float *__restrict ri, const float *__restrict r0r,
 	const float *__restrict r0i, std::size_t from, std::size_t end) {
 	for (std::size_t i = from; i < end; ++i) {
 		rr[i] = r0r[i] - rr[i];
 		ri[i] = r0i[i] - ri[i];
 	}
-	float err = 0;
-	for (std::size_t i = from; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
-	return err;
+	return squaredSum(rr, ri, from, end);
 }
 
 LUMBREL_VECTOR_CLONES void divideRows(float *__restrict rr, float *__restrict ri, const float *__restrict by,
@@ -278,11 +290,7 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	}
 	gatherPair(0, grid.lowBands, r0r, r0i, localReal.data(), localImag.data());
 	// Above the low region every evaluation's residual is this one.
-	float tail = 0;
-	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
-		tail += r0r[i] * r0r[i] + r0i[i] * r0i[i];
-	}
-	tailError = tail;
+	tailError = squaredSum(r0r, r0i, lowConvolveEnd, padded::before + fftBins);
 }
 
 // The closed-form start: each band's share of its bin's energy (the bands'
@@ -327,8 +335,8 @@ void EngineImpl<float>::refineGains(const float *e) {
 	float stepSize = 1.0f;
 	bool rejected = false;
 	for (std::size_t round = 0; round < iterations; ++round) {
-		std::copy(gainReal.begin(), gainReal.end(), gainBackupReal.begin());
-		std::copy(gainImag.begin(), gainImag.end(), gainBackupImag.begin());
+		std::copy(gr, gr + low, gainBackupReal.begin());
+		std::copy(gi, gi + low, gainBackupImag.begin());
 		float previous = err;
 		// R per unit of energy at the bands, gathered run by run, then the step in
 		// a loop that vectorises.
@@ -342,8 +350,8 @@ void EngineImpl<float>::refineGains(const float *e) {
 			stepSize = std::min(stepSize * 1.5f, 1.0f);
 			rejected = false;
 		} else {
-			std::copy(gainBackupReal.begin(), gainBackupReal.end(), gainReal.begin());
-			std::copy(gainBackupImag.begin(), gainBackupImag.end(), gainImag.begin());
+			std::copy(gainBackupReal.begin(), gainBackupReal.begin() + low, gr);
+			std::copy(gainBackupImag.begin(), gainBackupImag.begin() + low, gi);
 			stepSize *= 0.5f;
 			// An evaluation of the restored gains would give `previous` again, and
 			// residual rows whose gathered values are still in hand.
