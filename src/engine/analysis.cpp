@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -148,11 +149,17 @@ LUMBREL_VECTOR_CLONES void trackRows(float *__restrict tr, float *__restrict ti,
 // for each addition). The same order in every build, so the same bits.
 LUMBREL_VECTOR_CLONES float squaredSum(const float *__restrict re, const float *__restrict im, std::size_t from,
 	std::size_t end) {
-	float part[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+	typedef float Lanes __attribute__((vector_size(32)));
+	Lanes sum = {0, 0, 0, 0, 0, 0, 0, 0};
 	std::size_t i = from;
 	for (; i + 8 <= end; i += 8) {
-		for (std::size_t j = 0; j < 8; ++j) part[j] += re[i + j] * re[i + j] + im[i + j] * im[i + j];
+		Lanes r, m;
+		std::memcpy(&r, re + i, sizeof r);
+		std::memcpy(&m, im + i, sizeof m);
+		sum += r * r + m * m;
 	}
+	float part[8];
+	std::memcpy(part, &sum, sizeof part);
 	for (std::size_t j = 0; i < end; ++i, ++j) part[j] += re[i] * re[i] + im[i] * im[i];
 	return ((part[0] + part[4]) + (part[1] + part[5])) + ((part[2] + part[6]) + (part[3] + part[7]));
 }
