@@ -30,6 +30,13 @@ namespace varkesh::lumbrel {
 template <typename Sample>
 class EngineImpl;
 
+// Bands in runs that share a lower bin, in band order, so that a scatter sums
+// each bin in registers in the same order as one band at a time would.
+struct BinRun {
+	std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
+	bool upper;                  // the bin above exists
+};
+
 template <>
 class EngineImpl<float> {
 public:
@@ -113,7 +120,6 @@ private:
 	void refineGains(const float *bandEnergy);
 	void measureFrequencies(std::size_t channel);
 	float evaluate(const float *bandEnergy);
-	struct BinRun;
 	template <class Value>
 	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
 	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
@@ -153,12 +159,7 @@ private:
 	Row bandWeights;                 // 1 - f, 1 - f, f, f per band: a scatter's weights for a complex value
 	BumpVector<std::uint32_t> bandIndex; // padded index of bandBin
 
-	// Bands in runs that share a lower bin, in band order, so that a scatter sums
-	// each bin in registers in the same order as one band at a time would.
-	struct BinRun {
-		std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
-		bool upper;                  // the bin above exists
-	};
+	// Bands in runs that share a lower bin (see BinRun).
 	BumpVector<BinRun> allRuns, lowRuns;
 	// The low bands' scatter touches padded indices below lowScatterEnd. When that
 	// is far below the top (lowRegionOnly), the refinement convolves, subtracts and
@@ -212,14 +213,16 @@ private:
 // bin above. With SSE2 a bin's real and imaginary sums share a register, the
 // same products and additions lane by lane.
 // value(b, re, im) gives band b's complex value.
+// weights holds (1 - f, 1 - f, f, f) per band, below 1 - f and above f.
 template <class Value>
-inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
+inline void scatterRuns(const BinRun *begin, const BinRun *end, const float *weights, const float *below,
+	const float *above, Value value, float *real, float *imag) {
 	std::size_t carriedBin = ~std::size_t(0);
 #if defined(__SSE2__)
-	// bandWeights holds (1 - f, 1 - f, f, f) per band.
-	const float *weights = bandWeights.data();
+	(void)below, (void)above;
 	__m128 carried = _mm_setzero_ps();
-	for (const BinRun &run : runs) {
+	for (const BinRun *r = begin; r != end; ++r) {
+		const BinRun &run = *r;
 		__m128 lo = run.bin == carriedBin ? carried : _mm_unpacklo_ps(_mm_load_ss(real + run.bin), _mm_load_ss(imag + run.bin));
 		__m128 hi = _mm_unpacklo_ps(_mm_load_ss(real + run.bin + 1), _mm_load_ss(imag + run.bin + 1));
 		for (std::size_t b = run.first; b < run.end; ++b) {
@@ -240,9 +243,10 @@ inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value
 		carried = hi;
 	}
 #else
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	(void)weights;
 	float carriedR = 0, carriedI = 0;
-	for (const BinRun &run : runs) {
+	for (const BinRun *r = begin; r != end; ++r) {
+		const BinRun &run = *r;
 		bool carry = run.bin == carriedBin;
 		float loR = carry ? carriedR : real[run.bin], loI = carry ? carriedI : imag[run.bin];
 		float hiR = real[run.bin + 1], hiI = imag[run.bin + 1];
@@ -265,6 +269,12 @@ inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value
 		carriedI = hiI;
 	}
 #endif
+}
+
+template <class Value>
+inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
+	scatterRuns(runs.data(), runs.data() + runs.size(), bandWeights.data(), bandFractionBelow.data(), bandFraction.data(),
+		value, real, imag);
 }
 
 } // namespace varkesh::lumbrel
