@@ -177,7 +177,7 @@ LUMBREL_VECTOR_CLONES void firstGainRows(float *__restrict gr, float *__restrict
 		__m128 g = _mm_div_ps(eb, _mm_add_ps(binEnergy, offset));
 		_mm_storeu_ps(gr + b, g);
 		_mm_storeu_ps(gi + b, _mm_setzero_ps());
-		// max(least, x) gives x where x is NaN, as std::max(x, floor) does.
+		// max(least, x) gives x where x is NaN, as std::max(x, least) does.
 		_mm_storeu_ps(e + b, _mm_max_ps(least, _mm_sub_ps(eb, _mm_mul_ps(_mm_mul_ps(g, g), binEnergy))));
 	}
 #endif
