@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -122,6 +123,16 @@ LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, co
 	}
 }
 
+// scatterRuns of two split rows, built for AVX as well: its three-operand
+// forms and loads folded into arithmetic make the loop per band shorter.
+LUMBREL_VECTOR_CLONES void scatterSplit(const BinRun *begin, const BinRun *end, const float *weights,
+	const float *below, const float *above, const float *valuesReal, const float *valuesImag, float *real,
+	float *imag) {
+	scatterRuns(begin, end, weights, below, above,
+		[valuesReal, valuesImag](std::size_t b, float &re, float &im) { re = valuesReal[b], im = valuesImag[b]; }, real,
+		imag);
+}
+
 // D = G F
 LUMBREL_VECTOR_CLONES void multiplyBands(float *__restrict dr, float *__restrict di, const float *__restrict gr,
 	const float *__restrict gi, const float *__restrict fr, const float *__restrict fi, std::size_t low) {
@@ -129,6 +140,48 @@ LUMBREL_VECTOR_CLONES void multiplyBands(float *__restrict dr, float *__restrict
 		dr[b] = gr[b] * fr[b] - gi[b] * fi[b];
 		di[b] = gr[b] * fi[b] + gi[b] * fr[b];
 	}
+}
+
+// X += D
+LUMBREL_VECTOR_CLONES void addRows(float *__restrict xr, float *__restrict xi, const float *__restrict dr,
+	const float *__restrict di, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		xr[b] += dr[b];
+		xi[b] += di[b];
+	}
+}
+
+// Each band's first gain, E / (the energy spectrum at the band), and what of
+// its energy that leaves. The energy is read between the band's two bins, four
+// bands at a time with SSE2 (as in gatherBands); the same arithmetic either way,
+// the maximum taken so that a NaN stays.
+inline void firstGain(float energyLo, float energyHi, float f, float &e, float &gr, float &gi) {
+	float binEnergy = energyLo + (energyHi - energyLo) * f;
+	float g = e / (binEnergy + 1e-15f);
+	gr = g;
+	gi = 0;
+	e = std::max(e - g * g * binEnergy, 1e-30f);
+}
+
+LUMBREL_VECTOR_CLONES void firstGainRows(float *__restrict gr, float *__restrict gi, float *__restrict e,
+	const std::uint32_t *__restrict index, const float *__restrict fraction, const float *__restrict energy,
+	std::size_t low) {
+	std::size_t b = 0;
+#if defined(__SSE2__)
+	const __m128 offset = _mm_set1_ps(1e-15f), least = _mm_set1_ps(1e-30f);
+	for (; b + 4 <= low; b += 4) {
+		__m128 lo, hi;
+		loadBinPairs(energy, index[b], index[b + 1], index[b + 2], index[b + 3], lo, hi);
+		__m128 binEnergy = _mm_add_ps(lo, _mm_mul_ps(_mm_sub_ps(hi, lo), _mm_loadu_ps(fraction + b)));
+		__m128 eb = _mm_loadu_ps(e + b);
+		__m128 g = _mm_div_ps(eb, _mm_add_ps(binEnergy, offset));
+		_mm_storeu_ps(gr + b, g);
+		_mm_storeu_ps(gi + b, _mm_setzero_ps());
+		// max(least, x) gives x where x is NaN, as std::max(x, least) does.
+		_mm_storeu_ps(e + b, _mm_max_ps(least, _mm_sub_ps(eb, _mm_mul_ps(_mm_mul_ps(g, g), binEnergy))));
+	}
+#endif
+	for (; b < low; ++b) firstGain(energy[index[b]], energy[index[b] + 1], fraction[b], e[b], gr[b], gi[b]);
 }
 
 // T = mix F + keep (r T)
@@ -143,16 +196,34 @@ LUMBREL_VECTOR_CLONES void trackRows(float *__restrict tr, float *__restrict ti,
 	}
 }
 
-// R = R0 - R over [from, end), and its squared sum in bin order.
+// Squared sum of a complex row over [from, end), in eight interleaved partial
+// sums that the compiler keeps in vector lanes (one sum in bin order would wait
+// for each addition). The same order in every build, so the same bits.
+LUMBREL_VECTOR_CLONES float squaredSum(const float *__restrict re, const float *__restrict im, std::size_t from,
+	std::size_t end) {
+	typedef float Lanes __attribute__((vector_size(32)));
+	Lanes sum = {0, 0, 0, 0, 0, 0, 0, 0};
+	std::size_t i = from;
+	for (; i + 8 <= end; i += 8) {
+		Lanes r, m;
+		std::memcpy(&r, re + i, sizeof r);
+		std::memcpy(&m, im + i, sizeof m);
+		sum += r * r + m * m;
+	}
+	float part[8];
+	std::memcpy(part, &sum, sizeof part);
+	for (std::size_t j = 0; i < end; ++i, ++j) part[j] += re[i] * re[i] + im[i] * im[i];
+	return ((part[0] + part[4]) + (part[1] + part[5])) + ((part[2] + part[6]) + (part[3] + part[7]));
+}
+
+// R = R0 - R over [from, end), and its squared sum.
 LUMBREL_VECTOR_CLONES float subtractResidual(float *__restrict rr, float *__restrict ri, const float *__restrict r0r,
 	const float *__restrict r0i, std::size_t from, std::size_t end) {
 	for (std::size_t i = from; i < end; ++i) {
 		rr[i] = r0r[i] - rr[i];
 		ri[i] = r0i[i] - ri[i];
 	}
-	float err = 0;
-	for (std::size_t i = from; i < end; ++i) err += rr[i] * rr[i] + ri[i] * ri[i];
-	return err;
+	return squaredSum(rr, ri, from, end);
 }
 
 LUMBREL_VECTOR_CLONES void divideRows(float *__restrict rr, float *__restrict ri, const float *__restrict by,
@@ -179,18 +250,43 @@ void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float
 	gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(), real, imag, outReal, outImag, from, to);
 }
 
-// Scatter: see scatterPair in engine_impl.h.
+// Scatter: see scatterPair in engine_impl.h. With SSE2 in single-lane
+// operations: the compiler's own vectorisation of the short runs costs more in
+// shuffles and remainders than it saves.
 void EngineImpl<float>::scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const {
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	std::size_t carriedBin = ~std::size_t(0);
+#if defined(__SSE2__)
+	const float *weights = bandWeights.data();
+	__m128 carried = _mm_setzero_ps();
 	for (const BinRun &run : runs) {
-		float lo = row[run.bin], hi = row[run.bin + 1];
+		__m128 lo = run.bin == carriedBin ? carried : _mm_load_ss(row + run.bin);
+		__m128 hi = _mm_load_ss(row + run.bin + 1);
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			__m128 v = _mm_load_ss(values + b);
+			__m128 w = _mm_loadu_ps(weights + 4 * b);
+			lo = _mm_add_ss(lo, _mm_mul_ss(w, v));
+			hi = _mm_add_ss(hi, _mm_mul_ss(_mm_movehl_ps(w, w), v));
+		}
+		_mm_store_ss(row + run.bin, lo);
+		if (run.upper) _mm_store_ss(row + run.bin + 1, hi);
+		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
+		carried = hi;
+	}
+#else
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+	float carried = 0;
+	for (const BinRun &run : runs) {
+		float lo = run.bin == carriedBin ? carried : row[run.bin], hi = row[run.bin + 1];
 		for (std::size_t b = run.first; b < run.end; ++b) {
 			lo += below[b] * values[b];
 			hi += above[b] * values[b];
 		}
 		row[run.bin] = lo;
 		if (run.upper) row[run.bin + 1] = hi;
+		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
+		carried = hi;
 	}
+#endif
 }
 
 void EngineImpl<float>::lumbrelAnalysis() {
@@ -244,14 +340,8 @@ void EngineImpl<float>::resolveBands(std::size_t c) {
 	// X += G F
 	const float *fr = localReal.data(), *fi = localImag.data();
 	const float *gr = gainReal.data(), *gi = gainImag.data();
-	for (std::size_t b = 0; b < low; ++b) {
-		float dr = gr[b] * fr[b] - gi[b] * fi[b];
-		float di = gr[b] * fi[b] + gi[b] * fr[b];
-		updateReal[b] = dr;
-		updateImag[b] = di;
-		xr[b] += dr;
-		xi[b] += di;
-	}
+	multiplyBands(updateReal.data(), updateImag.data(), gr, gi, fr, fi, low);
+	addRows(xr, xi, updateReal.data(), updateImag.data(), low);
 }
 
 // R0 = S - convolve(scatter(X)): what the STFT holds beyond the low bands'
@@ -261,8 +351,8 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	const float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
 	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	scatterPair(allRuns, [xr, xi](std::size_t b, float &re, float &im) { re = xr[b], im = xi[b]; }, scatterReal.data(),
-		scatterImag.data());
+	scatterSplit(allRuns.data(), allRuns.data() + allRuns.size(), bandWeights.data(), bandFractionBelow.data(),
+		bandFraction.data(), xr, xi, scatterReal.data(), scatterImag.data());
 	convolve<false>(scatterReal.data(), convolvedReal.data());
 	convolve<true>(scatterImag.data(), convolvedImag.data());
 
@@ -274,11 +364,7 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	}
 	gatherPair(0, grid.lowBands, r0r, r0i, localReal.data(), localImag.data());
 	// Above the low region every evaluation's residual is this one.
-	float tail = 0;
-	for (std::size_t i = lowConvolveEnd, end = padded::before + fftBins; i < end; ++i) {
-		tail += r0r[i] * r0r[i] + r0i[i] * r0i[i];
-	}
-	tailError = tail;
+	tailError = squaredSum(r0r, r0i, lowConvolveEnd, padded::before + fftBins);
 }
 
 // The closed-form start: each band's share of its bin's energy (the bands'
@@ -294,15 +380,7 @@ void EngineImpl<float>::firstGains(float *e) {
 		convolve<false>(scatterReal.data(), energySpectrum.data());
 	}
 
-	for (std::size_t b = 0; b < low; ++b) {
-		const float *at = energySpectrum.data() + bandBin[b] + padded::before;
-		float lo = at[0], hi = at[1];
-		float binEnergy = lo + (hi - lo) * bandFraction[b];
-		float g = e[b] / (binEnergy + 1e-15f);
-		gainReal[b] = g;
-		gainImag[b] = 0;
-		e[b] = std::max(e[b] - g * g * binEnergy, 1e-30f);
-	}
+	firstGainRows(gainReal.data(), gainImag.data(), e, bandIndex.data(), bandFraction.data(), energySpectrum.data(), low);
 }
 
 // Gradient descent on the squared residual, with a step that grows by half on
@@ -323,8 +401,8 @@ void EngineImpl<float>::refineGains(const float *e) {
 	float stepSize = 1.0f;
 	bool rejected = false;
 	for (std::size_t round = 0; round < iterations; ++round) {
-		std::copy(gainReal.begin(), gainReal.end(), gainBackupReal.begin());
-		std::copy(gainImag.begin(), gainImag.end(), gainBackupImag.begin());
+		std::copy(gr, gr + low, gainBackupReal.begin());
+		std::copy(gi, gi + low, gainBackupImag.begin());
 		float previous = err;
 		// R per unit of energy at the bands, gathered run by run, then the step in
 		// a loop that vectorises.
@@ -338,8 +416,8 @@ void EngineImpl<float>::refineGains(const float *e) {
 			stepSize = std::min(stepSize * 1.5f, 1.0f);
 			rejected = false;
 		} else {
-			std::copy(gainBackupReal.begin(), gainBackupReal.end(), gainReal.begin());
-			std::copy(gainBackupImag.begin(), gainBackupImag.end(), gainImag.begin());
+			std::copy(gainBackupReal.begin(), gainBackupReal.begin() + low, gr);
+			std::copy(gainBackupImag.begin(), gainBackupImag.begin() + low, gi);
 			stepSize *= 0.5f;
 			// An evaluation of the restored gains would give `previous` again, and
 			// residual rows whose gathered values are still in hand.
@@ -364,7 +442,8 @@ float EngineImpl<float>::evaluate(const float *) {
 	std::fill(si, si + clearEnd, 0.0f);
 	float *dr = updateReal.data() + bandCount, *di = updateImag.data() + bandCount; // after the gathered values
 	multiplyBands(dr, di, gr, gi, fr, fi, grid.lowBands);
-	scatterPair(lowRuns, [dr, di](std::size_t b, float &re, float &im) { re = dr[b], im = di[b]; }, sr, si);
+	scatterSplit(lowRuns.data(), lowRuns.data() + lowRuns.size(), bandWeights.data(), bandFractionBelow.data(),
+		bandFraction.data(), dr, di, sr, si);
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 	std::size_t end = lowConvolveEnd;
 	if (lowRegionOnly) {

@@ -21,10 +21,21 @@
 #include <cstddef>
 #include <cstdint>
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 namespace varkesh::lumbrel {
 
 template <typename Sample>
 class EngineImpl;
+
+// Bands in runs that share a lower bin, in band order, so that a scatter sums
+// each bin in registers in the same order as one band at a time would.
+struct BinRun {
+	std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
+	bool upper;                  // the bin above exists
+};
 
 template <>
 class EngineImpl<float> {
@@ -109,7 +120,6 @@ private:
 	void refineGains(const float *bandEnergy);
 	void measureFrequencies(std::size_t channel);
 	float evaluate(const float *bandEnergy);
-	struct BinRun;
 	template <class Value>
 	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
 	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
@@ -146,14 +156,10 @@ private:
 	BumpVector<std::size_t> bandBin; // lower FFT bin of each band, at most fftBins - 2
 	Row bandFraction;                // position between bandBin and the next; can exceed 1 at the top
 	Row bandFractionBelow;           // 1 - bandFraction
+	Row bandWeights;                 // 1 - f, 1 - f, f, f per band: a scatter's weights for a complex value
 	BumpVector<std::uint32_t> bandIndex; // padded index of bandBin
 
-	// Bands in runs that share a lower bin, in band order, so that a scatter sums
-	// each bin in registers in the same order as one band at a time would.
-	struct BinRun {
-		std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
-		bool upper;                  // the bin above exists
-	};
+	// Bands in runs that share a lower bin (see BinRun).
 	BumpVector<BinRun> allRuns, lowRuns;
 	// The low bands' scatter touches padded indices below lowScatterEnd. When that
 	// is far below the top (lowRegionOnly), the refinement convolves, subtracts and
@@ -202,13 +208,47 @@ private:
 
 // Scatter: each band adds (1 - f) of its value to its lower bin and f to the
 // bin above. A run's bands are summed in registers, each bin in band order from
-// the value it held, which is the order of adding one band at a time.
+// the value it held, which is the order of adding one band at a time. The upper
+// sums stay in registers as the next run's start when that run begins at the
+// bin above. With SSE2 a bin's real and imaginary sums share a register, the
+// same products and additions lane by lane.
 // value(b, re, im) gives band b's complex value.
+// weights holds (1 - f, 1 - f, f, f) per band, below 1 - f and above f.
 template <class Value>
-inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-	for (const BinRun &run : runs) {
-		float loR = real[run.bin], loI = imag[run.bin];
+inline void scatterRuns(const BinRun *begin, const BinRun *end, const float *weights, const float *below,
+	const float *above, Value value, float *real, float *imag) {
+	std::size_t carriedBin = ~std::size_t(0);
+#if defined(__SSE2__)
+	(void)below, (void)above;
+	__m128 carried = _mm_setzero_ps();
+	for (const BinRun *r = begin; r != end; ++r) {
+		const BinRun &run = *r;
+		__m128 lo = run.bin == carriedBin ? carried : _mm_unpacklo_ps(_mm_load_ss(real + run.bin), _mm_load_ss(imag + run.bin));
+		__m128 hi = _mm_unpacklo_ps(_mm_load_ss(real + run.bin + 1), _mm_load_ss(imag + run.bin + 1));
+		for (std::size_t b = run.first; b < run.end; ++b) {
+			float re, im;
+			value(b, re, im);
+			__m128 v = _mm_unpacklo_ps(_mm_set_ss(re), _mm_set_ss(im));
+			__m128 w = _mm_loadu_ps(weights + 4 * b);
+			lo = _mm_add_ps(lo, _mm_mul_ps(w, v));
+			hi = _mm_add_ps(hi, _mm_mul_ps(_mm_movehl_ps(w, w), v));
+		}
+		_mm_store_ss(real + run.bin, lo);
+		_mm_store_ss(imag + run.bin, _mm_shuffle_ps(lo, lo, _MM_SHUFFLE(1, 1, 1, 1)));
+		if (run.upper) {
+			_mm_store_ss(real + run.bin + 1, hi);
+			_mm_store_ss(imag + run.bin + 1, _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(1, 1, 1, 1)));
+		}
+		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
+		carried = hi;
+	}
+#else
+	(void)weights;
+	float carriedR = 0, carriedI = 0;
+	for (const BinRun *r = begin; r != end; ++r) {
+		const BinRun &run = *r;
+		bool carry = run.bin == carriedBin;
+		float loR = carry ? carriedR : real[run.bin], loI = carry ? carriedI : imag[run.bin];
 		float hiR = real[run.bin + 1], hiI = imag[run.bin + 1];
 		for (std::size_t b = run.first; b < run.end; ++b) {
 			float re, im;
@@ -224,7 +264,17 @@ inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value
 			real[run.bin + 1] = hiR;
 			imag[run.bin + 1] = hiI;
 		}
+		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
+		carriedR = hiR;
+		carriedI = hiI;
 	}
+#endif
+}
+
+template <class Value>
+inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
+	scatterRuns(runs.data(), runs.data() + runs.size(), bandWeights.data(), bandFractionBelow.data(), bandFraction.data(),
+		value, real, imag);
 }
 
 } // namespace varkesh::lumbrel

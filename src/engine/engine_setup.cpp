@@ -94,9 +94,13 @@ void EngineImpl<float>::buildBandPositions() {
 		bandFraction[b] = p - float(bin);
 	}
 	bandFractionBelow.resize(bandCount);
+	bandWeights.resize(4 * bandCount);
 	bandIndex.resize(bandCount);
 	for (std::size_t b = 0; b < bandCount; ++b) {
 		bandFractionBelow[b] = 1 - bandFraction[b];
+		float *w = bandWeights.data() + 4 * b;
+		w[0] = w[1] = bandFractionBelow[b];
+		w[2] = w[3] = bandFraction[b];
 		bandIndex[b] = std::uint32_t(bandBin[b] + padded::before);
 	}
 

@@ -6,6 +6,10 @@
 #include <cmath>
 #include <utility>
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 namespace varkesh::linear {
 
 namespace {
@@ -39,9 +43,34 @@ LUMBREL_VECTOR_CLONES void transpose4(float *__restrict w0, float *__restrict w1
 		w3[m] = input[4 * m + 3];
 	}
 }
+// Stride 5 the compiler leaves to scalar loads and stores: with SSE2, four
+// groups of five (five vectors) become the five rows' next four entries in 13
+// shuffles. Entry 5m + j of the input is lane (5m + j) % 4 of vector
+// (5m + j) / 4, so row j takes one lane from each of four vectors.
 LUMBREL_VECTOR_CLONES void transpose5(float *__restrict w0, float *__restrict w1, float *__restrict w2,
 	float *__restrict w3, float *__restrict w4, const float *__restrict input, std::size_t inner) {
-	for (std::size_t m = 0; m < inner; ++m) {
+	std::size_t m = 0;
+#if defined(__SSE2__)
+	for (; m + 4 <= inner; m += 4) {
+		const float *in = input + 5 * m;
+		__m128 a0 = _mm_loadu_ps(in), a1 = _mm_loadu_ps(in + 4), a2 = _mm_loadu_ps(in + 8),
+			   a3 = _mm_loadu_ps(in + 12), a4 = _mm_loadu_ps(in + 16);
+		__m128 p = _mm_shuffle_ps(a0, a1, _MM_SHUFFLE(2, 1, 1, 0)); // a0.0 a0.1 a1.1 a1.2
+		__m128 q = _mm_shuffle_ps(a2, a3, _MM_SHUFFLE(0, 3, 3, 2)); // a2.2 a2.3 a3.3 a3.0
+		_mm_storeu_ps(w0 + m, _mm_shuffle_ps(p, q, _MM_SHUFFLE(2, 0, 2, 0)));
+		__m128 r = _mm_shuffle_ps(q, a4, _MM_SHUFFLE(0, 0, 1, 1)); // a2.3 a2.3 a4.0 a4.0
+		_mm_storeu_ps(w1 + m, _mm_shuffle_ps(p, r, _MM_SHUFFLE(2, 0, 3, 1)));
+		__m128 s = _mm_shuffle_ps(a0, a1, _MM_SHUFFLE(0, 3, 3, 2)); // a0.2 a0.3 a1.3 a1.0
+		__m128 t = _mm_shuffle_ps(a3, a4, _MM_SHUFFLE(2, 1, 1, 0)); // a3.0 a3.1 a4.1 a4.2
+		_mm_storeu_ps(w2 + m, _mm_shuffle_ps(s, t, _MM_SHUFFLE(2, 0, 2, 0)));
+		__m128 u = _mm_shuffle_ps(s, a2, _MM_SHUFFLE(0, 0, 1, 1)); // a0.3 a0.3 a2.0 a2.0
+		_mm_storeu_ps(w3 + m, _mm_shuffle_ps(u, t, _MM_SHUFFLE(3, 1, 2, 0)));
+		__m128 x = _mm_shuffle_ps(a1, a2, _MM_SHUFFLE(1, 1, 0, 0)); // a1.0 a1.0 a2.1 a2.1
+		__m128 y = _mm_shuffle_ps(a3, a4, _MM_SHUFFLE(3, 3, 2, 2)); // a3.2 a3.2 a4.3 a4.3
+		_mm_storeu_ps(w4 + m, _mm_shuffle_ps(x, y, _MM_SHUFFLE(2, 0, 2, 0)));
+	}
+#endif
+	for (; m < inner; ++m) {
 		w0[m] = input[5 * m];
 		w1[m] = input[5 * m + 1];
 		w2[m] = input[5 * m + 2];
