@@ -1,7 +1,5 @@
-// The ABI declaration matches CLAP 1.2.7 to the byte: every struct's size,
-// alignment and field offsets, the types easy to get wrong, the ids and the
-// constants, all at compile time; a mistake stops the build naming the struct
-// and field, or the constant, that differs.
+// The ABI declaration matches CLAP 1.2.7 to the byte, at compile time: a mistake stops the build naming
+// the struct and field, or the constant, that differs.
 #include <clap/all.h>
 
 #include <gtest/gtest.h>
@@ -19,7 +17,7 @@ constexpr bool sameText(const char *a, const char *b) { return *a == *b && (!*a 
 
 // ABI_EACH(m, x, (a...), (b...), ...) expands to m(x, a...) m(x, b...) ...
 #define ABI_CALL(m, args) m args
-#define ABI_APPLY(m, args) m args
+#define ABI_APPLY(m, args) m args // a second name: expanded inside ABI_CALL
 #define ABI_OPEN(...) __VA_ARGS__
 #define ABI_ONE(m, x, t) ABI_APPLY(m, (x, ABI_OPEN t))
 #define ABI_E1(m, x, t) ABI_ONE(m, x, t)
@@ -170,8 +168,7 @@ ABI_FEATURES((CLAP_PLUGIN_FEATURE_INSTRUMENT, "instrument"), (CLAP_PLUGIN_FEATUR
    (CLAP_PLUGIN_FEATURE_CHORUS, "chorus"), (CLAP_PLUGIN_FEATURE_TRANSIENT_SHAPER, "transient-shaper"),
    (CLAP_PLUGIN_FEATURE_UTILITY, "utility"), (CLAP_PLUGIN_FEATURE_MONO, "mono"), (CLAP_PLUGIN_FEATURE_STEREO, "stereo"))
 
-// Exact types: a wrong signedness turns -1 into 65535, and const is part of
-// the type a host's compiler checks; fields use these types, never the enums.
+// Exact types: a wrong signedness turns -1 into 65535, and hosts' compilers check const; fields never use enums.
 static_assert(std::is_same<clap_id, uint32_t>::value && std::is_same<clap_process_status, int32_t>::value
                  && std::is_same<clap_note_expression, int32_t>::value, "clap_id, status, expression");
 static_assert(std::is_same<clap_beattime, int64_t>::value && std::is_same<clap_sectime, int64_t>::value, "times");
@@ -211,8 +208,7 @@ ABI_EACH(ABI_TYPE, _, (clap_audio_buffer_t, constant_mask, uint64_t),
    (clap_window_t, x11, clap_xwnd), (clap_param_info_t, min_value, double),
    (clap_plugin_t, init, bool (*)(const clap_plugin_t *)))
 
-// The version: macros usable in #if, an object usable in constant expressions,
-// comparisons that order by major, then minor, then revision.
+// The version: macros usable in #if, a constant object, comparisons by major, minor, revision.
 #if !defined(CLAP_VERSION_MAJOR) || CLAP_VERSION_MAJOR != 1 || CLAP_VERSION_MINOR != 2 || CLAP_VERSION_REVISION != 7
 #   error "the version numbers are macros for 1.2.7"
 #endif

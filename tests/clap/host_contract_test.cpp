@@ -1,7 +1,5 @@
-// What a CLAP host relies on, tried the way a DAW calls: on all ten plug-ins,
-// the entry, state loads (with a rescan) and texts read back, foreign ones
-// refused, groups as modules; through the chunk probe (chunk_probe.cpp), block
-// cutting, rebuilds on activation, ports and the parameter list.
+// What a CLAP host relies on: on all ten plug-ins the entry, states and texts; through the chunk probe,
+// block cutting, rebuilds on activation, ports and the parameter list.
 #include "support/plugin_runner.h"
 
 #include <gtest/gtest.h>
@@ -22,8 +20,6 @@ std::vector<clap_param_info> infos(const Instance &instance) {
 	return list;
 }
 
-
-
 using Runs = std::vector<std::pair<int, int>>;
 constexpr clap_id latencyId = 0x06A04C69; // CRC-32 of "engineConfig\0latencyMs\0"
 constexpr clap_id channelModeId = 0x9321A3CB; // "channelMode\0"
@@ -34,8 +30,7 @@ struct Probe : ::testing::Test {
 		instance = std::make_unique<Instance>(*bundle, "lumbrel.test.chunk-probe", host);
 		ASSERT_TRUE(instance->valid() && instance->init());
 	}
-	// Runs one block of `frames` (in buffers of `room`) and returns the runs of
-	// equal chunk length on output 0 as (start, length).
+	// One block of `frames` (buffers of `room`): the runs of equal chunk length on output 0 as (start, length).
 	Runs chunks(std::uint32_t frames, std::uint32_t room = 0) {
 		room = std::max(room, frames + 1);
 		std::vector<float> in(room, 0.0f), out0(room, -1.0f), out1(room, -1.0f);
@@ -96,8 +91,7 @@ TEST_F(HostContract, TenPlugInsByIdTheirStatesAndTextsReadBackAndWhatIsNotTheirs
 		EXPECT_EQ(recording.rescanCalls.load(), 1) << "one rescan per load";
 		EXPECT_EQ(recording.lastRescanFlags.load(), std::uint32_t(CLAP_PARAM_RESCAN_VALUES));
 		EXPECT_EQ(again, saved);
-		// Bytes that are no saved state of this plug-in: false, nothing changes,
-		// no rescan. A map that reads in part still loads.
+		// Bytes that are no saved state of this plug-in: false, no change, no rescan. A partial map loads.
 		std::mt19937 random(p);
 		std::vector<std::uint8_t> noise(200);
 		for (auto &b : noise) b = std::uint8_t(random() & 0x7F); // never a map head
@@ -116,8 +110,7 @@ TEST_F(HostContract, TenPlugInsByIdTheirStatesAndTextsReadBackAndWhatIsNotTheirs
 			EXPECT_TRUE(listed.insert(where).second) << "module and name tell parameters apart";
 			double a = 0, b = 1;
 			EXPECT_TRUE(edited.paramValue(info.id, a) && fresh.paramValue(info.id, b) && a == b) << "loaded";
-			// Every value's text reads back to it, also as users type it: any
-			// case, a blank before the unit or none.
+			// Every value's text reads back, also typed in any case, with or without a blank before the unit.
 			const bool stepped = info.flags & CLAP_PARAM_IS_STEPPED;
 			for (int k = -1; k <= 16; ++k) {
 				double v = k < 0 ? info.default_value : info.min_value + (info.max_value - info.min_value) * k / 16.0;
@@ -238,8 +231,7 @@ TEST_F(Probe, PortsAskedBeforeActivationAndParametersInDeclarationOrderWithPathI
 	for (const auto &i : {latency, time, mode, shift})
 		EXPECT_TRUE(std::string(i.module, sizeof(i.module)) == std::string(sizeof(i.module), '\0') && i.cookie) << i.name;
 	EXPECT_EQ(std::string(latency.name) + time.name + mode.name + shift.name, "latencytimechannelsshift");
-	// Ranged: the host sees positions, the default at the position of 0.5 on
-	// range(0.05, 0.5, 2), its midpoint. Stepped: its own integers.
+	// Ranged: positions, the default at 0.5 on range(0.05, 0.5, 2); stepped: its own integers.
 	EXPECT_TRUE(time.flags == CLAP_PARAM_IS_AUTOMATABLE && time.min_value == 0 && time.max_value == 1
 		&& std::abs(time.default_value - 0.5) < 1e-12) << time.default_value;
 	EXPECT_TRUE(mode.flags == (CLAP_PARAM_IS_AUTOMATABLE | CLAP_PARAM_IS_STEPPED) && mode.min_value == 0
@@ -268,8 +260,7 @@ TEST_F(Probe, ValueEventsAreStoredUnclampedAndCookiesHonouredOnlyForTheirId) {
 	const auto send = [&](clap_id id, double v, void *cookie = nullptr) {
 		events.clear(), events.paramValue(0, id, v, cookie), chunks(16);
 	};
-	// Beyond the range the curve is taken as it stands: position 1.5 is past
-	// its pole (at 1/0.7) and maps to 0.875 / -0.05.
+	// Beyond the range the curve stands: position 1.5 is past its pole (at 1/0.7), 0.875 / -0.05.
 	send(time.id, 1.5);
 	EXPECT_EQ(instance->paramText(time.id, value(time.id)), "-17.5 sec") << value(time.id);
 	// Stepped values round halves away from zero; out of range is kept.

@@ -1,5 +1,4 @@
-// Parameter infos (position maps, texts both ways), and the frame's
-// bookkeeping around an effect wrapper: parameters, configuration, fades, meters.
+// Parameter infos (position maps, texts both ways) and the frame's bookkeeping around an effect wrapper.
 #include "frame/library_effect.h"
 #include "frame/library_effect_base.h"
 #include "frame/range_param_info.h"
@@ -16,8 +15,7 @@ using quorl::SteppedParamInfo;
 
 namespace {
 
-// Ranges of the shapes the effects declare (mid below, at and above the
-// halfway point; negative; wide), each with a unit and its decimals.
+// Ranges of the shapes the effects declare (mid below, at, above halfway; negative; wide), with units.
 struct Declaration {
 	double low, mid, high;
 	const char *suffix;
@@ -76,8 +74,7 @@ TEST(RangeParamInfoText, SuffixSpacingUnitChoiceAndExactValues) {
 	std::string number, suffix;
 	spaced.toString(7.25, number, suffix);
 	EXPECT_EQ(number + "|" + suffix, "7.3|ms");
-	// Unit ranges are inclusive at both ends; outside all of them the first
-	// unit is used; a first unit spanning all doubles always wins.
+	// Unit ranges are inclusive; outside all, the first unit; a first unit spanning all doubles always wins.
 	auto id = RangeParamInfo::identityMap;
 	RangeParamInfo ranged(1), detune(1.5), exact = withUnit(" dB", 1);
 	ranged.unit("a", 0, id, id, 0, 1).unit("b", 0, id, id, 1, 2);
@@ -113,9 +110,8 @@ TEST(RangeParamInfoText, FromStringEdgeCases) {
 	for (const auto &c : cases) EXPECT_EQ(c.info.fromString(c.text), c.value) << c.text;
 }
 
-// Text shown to the user reads back to within one step of the last digit.
-// The display leans away from zero: by up to 0.95 of a step when rounded, and
-// from 0.55 of a step towards zero to 0.45 away when truncated (no decimals).
+// Text reads back within a step of its last digit, leaning from zero by up to 0.95 of a step when
+// rounded, and from -0.55 to 0.45 when truncated (no decimals).
 TEST(RangeParamInfoText, EffectDeclarationsRoundTripThroughText) {
 	for (auto &d : declarations) {
 		for (bool spaced : {false, true}) {
@@ -137,12 +133,10 @@ TEST(RangeParamInfoText, EffectDeclarationsRoundTripThroughText) {
 
 TEST(SteppedParamInfo, LabelsWidenTheRangeAndTextsReadBack) {
 	SteppedParamInfo channels(1), reversed(2), repeated(0), onOff(0), iterations(2), semitones(0);
-	EXPECT_EQ(channels.info("channels").labelsFrom(0).label("mono", "full").low, 0);
-	EXPECT_EQ(channels.high, 1);
-	EXPECT_EQ(channels.name, "channels");
-	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d"); // stays reversed while it grows
-	EXPECT_EQ(reversed.low, 2);
-	EXPECT_EQ(reversed.high, -1);
+	channels.info("channels").labelsFrom(0).label("mono", "full");
+	EXPECT_TRUE(channels.low == 0 && channels.high == 1 && channels.name == "channels");
+	reversed.range(2, 1).labelsFrom(-1).label("a", "b", "c", "d");
+	EXPECT_TRUE(reversed.low == 2 && reversed.high == -1) << "stays reversed while it grows";
 	repeated.labelsFrom(0).label("x", "y", "x"); // a repeated text reads back as the later value
 	onOff.labelsFrom(0).label("off", "on");
 	iterations.labelsFrom(0).label("1", "2", "4", "8");
@@ -161,8 +155,7 @@ TEST(SteppedParamInfo, LabelsWidenTheRangeAndTextsReadBack) {
 }
 
 namespace {
-// One group holding a ranged and a stepped parameter; counts builds and
-// blocks, and wants at least as many outputs as inputs.
+// A group of a ranged and a stepped parameter; counts builds and blocks, wants outputs >= inputs.
 template<class Base>
 struct CountingQUORL : Base {
 	struct Group {
@@ -208,19 +201,13 @@ TEST(LibraryEffect, CollectsEveryParameterAndAcceptsOnlyAConfigTheEffectKeeps) {
 	EXPECT_EQ(effect.bpm.value, 120.0);
 	EXPECT_TRUE(effect.configure()); // 2 in, 2 out
 	EXPECT_TRUE(effect.builds == 1 && effect.resets == 1 && effect.firstBlock);
-	EXPECT_TRUE(effect.configure()); // nothing changed, rebuilt all the same
-	EXPECT_EQ(effect.builds, 2);
-	// Outputs are proposed equal to inputs: 1 in, 2 out fails once, then holds.
+	EXPECT_TRUE(effect.configure() && effect.builds == 2) << "nothing changed, rebuilt all the same";
+	// What the effect doesn't keep fails once with the proposal taken: outputs equal to inputs, no aux ports.
 	effect.config.inputChannels = 1;
 	effect.config.outputChannels = 2;
-	EXPECT_FALSE(effect.configure());
-	EXPECT_EQ(effect.config.outputChannels, 1u);
-	EXPECT_TRUE(effect.configure());
-	// Aux ports are refused the same way.
+	EXPECT_TRUE(!effect.configure() && effect.config.outputChannels == 1 && effect.configure());
 	effect.config.auxInputs = {2};
-	EXPECT_FALSE(effect.configure());
-	EXPECT_TRUE(effect.config.auxInputs.empty());
-	EXPECT_TRUE(effect.configure());
+	EXPECT_TRUE(!effect.configure() && effect.config.auxInputs.empty() && effect.configure());
 	EXPECT_TRUE(effect.inputOffsets.empty());
 }
 

@@ -1,7 +1,5 @@
 #pragma once
-// Test helpers shared by the CBOR tests and the walker's fuzz target: hex
-// input, RFC 8949 diagnostic notation of what the walker sees, and a re-encoder
-// that copies an item through the writer.
+// Hex input, diagnostic notation of what the walker sees, and a re-encoder (tests and fuzz target).
 #include "storage/cbor_walker.h"
 #include "storage/cbor_writer.h"
 
@@ -46,9 +44,8 @@ inline std::string diagnosticNumber(double v) {
 // Containers nested deeper than this print as "..." and don't re-encode.
 constexpr unsigned diagnosticDepth = 64;
 
-// RFC 8949 diagnostic notation of one item, as far as the walker can tell:
-// a 16-bit float shows as simple(0); an error shows as error(code), and a
-// container whose walk ended in an error is followed by " error(code)".
+// RFC 8949 diagnostic notation: a 16-bit float shows as simple(0), an error as error(code), also after
+// a container whose walk ended in one.
 inline std::string diagnostic(const varkesh::cbor::CborWalker &item, unsigned depth = 0) {
 	using varkesh::cbor::CborType;
 	using varkesh::cbor::CborWalker;
@@ -101,9 +98,8 @@ inline std::string diagnostic(const varkesh::cbor::CborWalker &item, unsigned de
 
 inline std::string diagnostic(const std::vector<unsigned char> &bytes) { return diagnostic(walkerOn(bytes)); }
 
-// Writes `item` again through the writer: shortest heads, floats as 64-bit,
-// indefinite items kept indefinite. False, with part of the item written, if
-// the item or anything inside it is in error or nested too deep.
+// Writes `item` again: shortest heads, 64-bit floats, indefinite kept indefinite. False (part written)
+// on an error or nesting too deep.
 inline bool reencode(const varkesh::cbor::CborWalker &item, varkesh::cbor::CborWriter &writer, unsigned depth = 0) {
 	using varkesh::cbor::CborType;
 	using varkesh::cbor::CborWalker;

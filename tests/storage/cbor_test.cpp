@@ -1,9 +1,5 @@
-// The CBOR walker, the tagged walker with its typed arrays and the writer;
-// then object trees to CBOR and back through state(): whole and partial
-// writes, merges by key, array patches, and hostile input.
+// The CBOR walker, tagged walker and writer; then object trees to CBOR and back through state().
 #include "storage/cbor_diagnostic.h"
-#include "storage/cbor_walker.h"
-#include "storage/cbor_writer.h"
 #include "storage/storage_cbor_reader.h"
 #include "storage/storage_cbor_writer.h"
 #include "storage/tagged_cbor_walker.h"
@@ -42,9 +38,7 @@ std::vector<unsigned char> written(Fn &&fn) {
 	return bytes;
 }
 
-// RFC 8949 Appendix A without floats: the walker shows the diagnostic
-// notation, next() ends right after the item, and the writer copies it byte
-// for byte (each is in the shortest form).
+// RFC 8949 Appendix A without floats: read, stepped over, and rewritten byte for byte.
 TEST(Cbor, RfcExamplesReadAndRewriteExactly) {
 	const struct {
 		const char *hex, *diagnostic;
@@ -74,8 +68,7 @@ TEST(Cbor, RfcExamplesReadAndRewriteExactly) {
 	}
 }
 
-// Numbers by value: floats keep their bits, floats truncate to integers and
-// saturate, other items read as their count or 0.
+// Floats keep their bits and truncate to saturated integers; other items read as their count or 0.
 TEST(Cbor, NumbersReadAsIntegersAndDoubles) {
 	const double inf = std::numeric_limits<double>::infinity();
 	const struct {
@@ -101,9 +94,7 @@ TEST(Cbor, NumbersReadAsIntegersAndDoubles) {
 	EXPECT_EQ(walkerOn(hexBytes("fa47c35000")).value, 0x47c35000u) << "the raw bits stay in value";
 }
 
-// A hostile or broken buffer ends in the stated error without reading outside
-// it (the sanitizer build checks that): where the walks stop, and what next()
-// gives ("0": the item after a walk that succeeds).
+// A broken buffer ends in the stated error without reading outside it; "0": the item after a good walk.
 TEST(Cbor, MalformedInputEndsInTheRightError) {
 	const struct {
 		const char *hex, *diagnostic, *next;
@@ -173,8 +164,7 @@ std::vector<unsigned char> typedArray(unsigned tag, std::size_t elementSize, con
 	return bytes;
 }
 
-// Only a typed-array tag (64 to 86) is kept, and only the outermost; children
-// come with their tags consumed.
+// Only the outermost typed-array tag (64 to 86) is kept; children come with their tags consumed.
 TEST(Cbor, TaggedWalkerKeepsTheTypedArrayTag) {
 	const struct {
 		const char *hex;
@@ -259,8 +249,7 @@ TEST(Cbor, WriterTakesTheShortestHead) {
 	EXPECT_EQ(written([](CborWriter &w) { w.openMap(); w.openArray(); w.addBreak(); w.addBreak(); }), hexBytes("bf9fffff"));
 }
 
-// Floats out as typed arrays in both byte orders and back bit for bit, NaN
-// payload and -0 included; a reserved vector takes no allocation.
+// Typed arrays round-trip bit for bit (NaN payload, -0) in both byte orders; a reserved vector doesn't allocate.
 TEST(Cbor, WriterTypedArraysRoundTripWithoutAllocating) {
 	const float one = 1.0f;
 	EXPECT_EQ(written([&](CborWriter &w) { w.addTypedArray(&one, 1, false); }), hexBytes("d855440000803f"));
@@ -312,9 +301,8 @@ struct Knob {
 	}
 };
 
-// Dirty sets know objects by address, and a first member shares its
-// object's address: the group's is its name, a text a partial write leaves out
-// even when its address is marked. The root starts with an untracked byte.
+// Dirty sets know objects by address: the group's first member, its name, is a text partial writes leave
+// out even when marked. The root starts with an untracked byte.
 struct Group {
 	std::string name = "Group";
 	int mode = 2;
@@ -353,15 +341,12 @@ bool read(Root &root, const std::vector<unsigned char> &bytes, DirtySet *dirty =
 	return Reader(cbor::TaggedCborWalker(bytes.data(), bytes.data() + bytes.size()), dirty).readObject(root);
 }
 
-std::string diag(const std::vector<unsigned char> &bytes) { return lumbrel_test::diagnostic(bytes); }
-
 } // namespace
 
-// A whole write lists every field in order, texts included, and reads back
-// into a fresh object; the uiState() only at the root and only when asked.
+// A whole write lists every field in order, texts included; uiState() only when asked.
 TEST(ObjectStorage, WholeWriteRoundTripsThroughAFreshObject) {
 	Root a;
-	EXPECT_EQ(diag(write(a)),
+	EXPECT_EQ(diagnostic(write(a)),
 		"{_ \"title\": \"root\", \"version\": 0, \"group\": {_ \"name\": \"Group\", \"gain\": {_ \"value\": 0.5}, "
 		"\"mode\": 2, \"curve\": 85(h'0000803f00000040')}, \"level\": {_ \"value\": 1.0}, \"flag\": true, "
 		"\"rows\": [85(h'0000803f'), 85(h'0000004000004040')]}");
@@ -392,9 +377,9 @@ TEST(ObjectStorage, MergeMarksChangedBranchesAndPartialWriteNamesOnlyThem) {
 	EXPECT_TRUE(dirty.whole.count(&root.group.gain) && dirty.partial.count(&root.group) && dirty.partial.count(&root));
 	EXPECT_FALSE(dirty.includes(&root.level));
 	// Only the changed branch, the parameter whole; no extras. Nothing dirty: an empty map all the same.
-	EXPECT_EQ(diag(write(root, &dirty)), "{_ \"group\": {_ \"gain\": {_ \"value\": 1.0}}}");
+	EXPECT_EQ(diagnostic(write(root, &dirty)), "{_ \"group\": {_ \"gain\": {_ \"value\": 1.0}}}");
 	DirtySet none;
-	EXPECT_EQ(diag(write(root, &none)), "{_ }");
+	EXPECT_EQ(diagnostic(write(root, &none)), "{_ }");
 }
 
 TEST(ObjectStorage, RowsPatchByIndex) {
@@ -413,7 +398,7 @@ TEST(ObjectStorage, RowsPatchByIndex) {
 	rowsDirty.partial.insert(&root);
 	rowsDirty.partial.insert(&root.rows);
 	rowsDirty.whole.insert(&root.rows[1]);
-	EXPECT_EQ(diag(write(root, &rowsDirty)), "{_ \"rows\": {_ 1: 85(h'0000004000004040')}}");
+	EXPECT_EQ(diagnostic(write(root, &rowsDirty)), "{_ \"rows\": {_ 1: 85(h'0000004000004040')}}");
 }
 
 TEST(ObjectStorage, LaterPairsWinAndForeignItemsAreSkipped) {

@@ -1,6 +1,5 @@
-// The editor in a host's X11 window under an Xvfb of our own (one per process:
-// GTK binds to one display for good), the plug-in's timer and descriptors run
-// by the test's loop, the page looked at and clicked (xdotool) from outside.
+// The editor in a host's X11 window under an Xvfb of our own (GTK binds to one display per process),
+// timers and descriptors run by the test's loop, the page looked at and clicked (xdotool) from outside.
 #include <gtest/gtest.h> // before Xlib, whose macros (None, Bool) would break it
 
 #include "host/bundle.h"
@@ -32,10 +31,7 @@
 #include <thread>
 #include <vector>
 
-// Under LeakSanitizer (the sanitizer builds): GTK and WebKit keep allocations
-// for the life of the process and the checker's scan of WebKit's thread-local
-// storage faults, so that isn't scanned and leaks through those libraries (or
-// the loader's tables grown for them) are suppressed; ours are still reported.
+// LeakSanitizer: GTK and WebKit keep allocations for good and scanning WebKit's TLS faults; ours still count.
 extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_options() { return "use_tls=0"; }
 
 extern "C" __attribute__((visibility("default"), used)) const char *__lsan_default_suppressions() {
@@ -50,9 +46,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// An X server of the test's own on a display number it picks itself
-// (-displayfd), so that tests running side by side don't meet; no fixed sleeps.
-// `display` is empty and `error` says why if it didn't come up within 15 s.
+// An X server on a display it picks itself (-displayfd), so parallel tests don't meet; `error` if it failed.
 struct Xvfb {
 	pid_t pid = -1;
 	std::string display, error;
@@ -88,7 +82,6 @@ struct Xvfb {
 		if (pid > 0) ::kill(pid, SIGTERM), ::waitpid(pid, nullptr, 0);
 	}
 };
-
 
 struct ScreenImage {
 	int width = 0, height = 0;
@@ -168,8 +161,6 @@ Xvfb &server() {
 	return xvfb;
 }
 
-std::string outputPath(const std::string &name) { return std::string(LUMBREL_TEST_OUTPUT_DIR) + "/" + name; }
-
 std::string run(const std::string &command) {
 	std::string output;
 	FILE *pipe = ::popen(command.c_str(), "r");
@@ -180,13 +171,11 @@ std::string run(const std::string &command) {
 
 // What the X server shows of a window; also saved as a PNG to look at.
 ScreenImage screenshot(Display *display, Window window, const std::string &name) {
-	run("import -display " + server().display + " -window " + std::to_string(window) + " " + outputPath(name + ".png"));
+	run("import -display " + server().display + " -window " + std::to_string(window) + " " + LUMBREL_TEST_OUTPUT_DIR "/" + name + ".png");
 	return grabWindow(display, window);
 }
 
-// Proportional set size in KiB (the share of every page mapped) of this
-// process, or of every process started under it (WebKit's, and any sandbox
-// around them) but the X server.
+// Proportional set size in KiB of this process, or of every process started under it but the X server.
 long pssKiB(bool children) {
 	std::map<pid_t, pid_t> parent;
 	if (DIR *proc = ::opendir("/proc")) {
@@ -256,8 +245,7 @@ protected:
 		return made;
 	}
 	const clap_plugin *plugin() const { return instance->clapPlugin(); }
-	// The host's main loop: waits on the plug-in's descriptors, fires its
-	// timers every 16 ms, until `done()` holds or `timeoutMs` is over.
+	// The host's main loop: polls the plug-in's descriptors, fires its timers every 16 ms, until `done()`.
 	template<class Done>
 	bool runUntil(Done done, int timeoutMs = waitMs) {
 		const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -301,16 +289,9 @@ protected:
 	Clock::time_point nextTimer = Clock::now();
 };
 
-bool gtkMapped() {
-	std::ifstream maps("/proc/self/maps");
-	const std::string text((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
-	return text.find("libgtk-3") != std::string::npos || text.find("libwebkit2gtk") != std::string::npos;
-}
-
 } // namespace
 
-// Whether x11 is offered comes from opening the GTK object beside the bundle:
-// a copy alone in a folder offers only the host's web view, and still plays.
+// x11 is offered only with the GTK object beside the bundle; a copy alone offers the host's web view and plays.
 TEST(NativeViewOffer, X11IsOfferedOnlyWithTheGtkObjectWhichTheBundleDoesNotLink) {
 	std::string error;
 	auto bundle = Bundle::load(LUMBREL_BUNDLE_PATH, error);
@@ -324,7 +305,9 @@ TEST(NativeViewOffer, X11IsOfferedOnlyWithTheGtkObjectWhichTheBundleDoesNotLink)
 	const auto *gui = instance.extension<clap_plugin_gui>(CLAP_EXT_GUI), *aloneGui = withoutGtk.extension<clap_plugin_gui>(CLAP_EXT_GUI);
 	EXPECT_TRUE(gui->is_api_supported(instance.clapPlugin(), CLAP_WINDOW_API_X11, false));
 	EXPECT_FALSE(gui->is_api_supported(instance.clapPlugin(), CLAP_WINDOW_API_WAYLAND, false));
-	EXPECT_TRUE(gtkMapped());
+	std::ifstream maps("/proc/self/maps");
+	const std::string mapped((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
+	EXPECT_NE(mapped.find("libgtk-3"), std::string::npos) << "the GTK object is loaded beside the bundle";
 	const std::string needed = run(std::string("ldd ") + LUMBREL_BUNDLE_PATH);
 	ASSERT_NE(needed.find("libc.so"), std::string::npos) << needed;
 	EXPECT_TRUE(needed.find("gtk") == std::string::npos && needed.find("webkit") == std::string::npos) << needed;
@@ -347,8 +330,7 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	ASSERT_TRUE(openEditor());
 	ASSERT_EQ(host.timers.size(), 1u) << "one pump timer while the editor is open";
 	EXPECT_LE(host.timers.begin()->second, 20u) << "about 60 Hz";
-	// Nothing else drains the plug-in's messages here (no audio, no state
-	// load): the name comes only by the page's "ready" and the whole state's reply.
+	// No audio or state load drains messages here: the name comes only as the reply to the page's "ready".
 	ASSERT_TRUE(runUntil([&] { return header().width() > 0; })) << "the page never drew";
 	const double pageS = secondsSince(created);
 	ASSERT_TRUE(runUntil([&] { return stateDrawn(); })) << "the whole state never came back";
@@ -370,9 +352,8 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	for (const auto &piece : inkPieces(shown))
 		if (piece.top > headerRows && piece.width() >= 20 && piece.height() >= 20 && piece.width() <= 80) arcs.push_back(piece);
 	ASSERT_GE(arcs.size(), 3u) << "dials are drawn";
-	// A press on a dial is a gesture's begin and gives the editor the keyboard
-	// focus; the release ends it; then the up arrow moves the dial by 15 px of
-	// its 250: 0.06 of its range.
+	// A press begins a gesture and takes the keyboard focus, the release ends it; the up arrow then moves
+	// the dial by 15 px of its 250: 0.06 of its range.
 	const int flushes = host.flushRequests.load();
 	xdotool("mousemove --window " + std::to_string(window) + " " + std::to_string(arcs.front().centre()) + " "
 		+ std::to_string(arcs.front().middle()) + " mousedown 1");
@@ -415,8 +396,7 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	EXPECT_TRUE(runUntil([&] { return attributes().map_state == IsUnmapped; })) << "hidden";
 	ASSERT_TRUE(gui->show(plugin()));
 	EXPECT_TRUE(runUntil([&] { return attributes().map_state == IsViewable && stateDrawn(); })) << "shown again";
-	// Closing ends the window, the timer and the watch; opening again starts
-	// the page anew, and its "ready" brings the whole state again.
+	// Closing ends the window, timer and watch; opening again starts the page and its "ready" anew.
 	gui->destroy(plugin());
 	XSync(display, False);
 	EXPECT_TRUE(childrenOf(display, window).empty() && host.timers.empty() && host.fds.empty());
@@ -425,8 +405,7 @@ TEST_F(NativeView, ShowsTheEffectAndTakesClicksAndKeys) {
 	ASSERT_TRUE(openEditor());
 	ASSERT_TRUE(runUntil([&] { return stateDrawn(); })) << "the reopened editor never got the state";
 	std::printf("editor: opened again, whole state drawn %.0f ms after gui_create\n", secondsSince(reopened) * 1000);
-	// A host may destroy its window before gui_destroy: the editor goes with
-	// it, is ended cleanly afterwards, and opens again in a new window.
+	// A host may destroy its window before gui_destroy; the editor opens again in a new one.
 	XDestroyWindow(display, window);
 	XSync(display, False);
 	window = makeWindow();
