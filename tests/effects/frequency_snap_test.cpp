@@ -14,15 +14,6 @@ constexpr double rate = 48000;
 
 double noteHz(double note) { return 440 * std::exp2((note - 69) / 12); }
 
-std::vector<float> sines(const std::vector<double> &hz, std::size_t frames) {
-	std::vector<float> out(frames, 0.0f);
-	for (std::size_t k = 0; k < hz.size(); ++k) {
-		const auto s = sine(hz[k], rate, frames, 0.1, double(k));
-		for (std::size_t i = 0; i < frames; ++i) out[i] += s[i];
-	}
-	return out;
-}
-
 // A note event at an absolute sample of the signal.
 struct Note {
 	std::size_t at;
@@ -31,8 +22,7 @@ struct Note {
 	double velocity = 1; // CLAP 0..1; MIDI 0..127
 };
 
-// Runs `in` in blocks of `block` frames, cut also at `cuts`, each note in the block that holds its sample. Returns
-// output channel 0.
+// Output channel 0 of `in` run in blocks of `block` frames, cut also at `cuts`, each note in the block holding its sample.
 std::vector<float> play(PluginRunner &runner, const std::vector<float> &in, const std::vector<Note> &notes,
 	std::uint32_t block = 1024, std::vector<std::size_t> cuts = {}) {
 	return runner.run({in}, block, [&](std::size_t start, std::size_t &end) {
@@ -107,7 +97,11 @@ TEST_F(FrequencySnap, PartialsSnapOntoTheChordOrTheHeldNotes) {
 		ASSERT_TRUE(runner.ok);
 		setText(runner, {"chordConfig", "baseNote"}, c.base);
 		setText(runner, {"chordConfig", "mode"}, c.mode);
-		const auto in = sines(c.inputHz, release + std::size_t(rate));
+		std::vector<float> in(release + std::size_t(rate), 0.0f);
+		for (std::size_t k = 0; k < c.inputHz.size(); ++k) {
+			const auto partial = sine(c.inputHz[k], rate, in.size(), 0.1, double(k));
+			for (std::size_t i = 0; i < in.size(); ++i) in[i] += partial[i];
+		}
 		const auto out = play(runner, in, c.notes);
 		const std::size_t from = release - window;
 		for (std::size_t k = 0; k < c.targets.size(); ++k) {

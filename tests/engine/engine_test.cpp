@@ -1,14 +1,11 @@
-// The engine's geometry at each rate and resolution, the band map and its inverse, the emphasis shelf, the window
-// convolution, the allocation hook.
+// The engine's geometry at each rate and resolution, the band map and its inverse, the emphasis shelf, the allocation
+// hook.
 #include "engine/bump_allocator.h"
 #include "engine/emphasis_shelf.h"
 #include "engine/engine_impl.h"
-#include "engine/window_convolve.h"
 #include "engine_harness.h"
 
 #include <gtest/gtest.h>
-
-#include <complex>
 
 namespace {
 
@@ -21,9 +18,7 @@ const EngineImpl<float> &impl(const Engine &engine) { return *engine.handle; }
 // bin width is the same, all of them without directCopy; resolution sets the knee.
 TEST(EngineGeometry, SizesAtEachRateAndResolution) {
 	struct Case {
-		float sampleRate;
-		double resolution;
-		bool directCopy;
+		float sampleRate; double resolution; bool directCopy;
 		std::size_t latency, interval, window, fft, bands, lowBands;
 	};
 	const Case cases[] = {{48000, 20, true, 480, 120, 720, 768, 677, 417}, {44100, 20, true, 441, 110, 662, 768, 648, 417},
@@ -92,46 +87,6 @@ TEST(EmphasisShelf, LiftsTheTopByTheGain) {
 		EXPECT_NEAR(gainAt(15000), 12.0, 0.5);
 		EXPECT_NEAR(gainAt(sampleRate * 0.5), 12.0, 0.1);
 		EXPECT_TRUE(gainAt(1200) > 3 && gainAt(1200) < 9) << gainAt(1200);
-	}
-}
-
-// stftWindowConvolve against a circular convolution of the whole conjugate- symmetric spectrum; the padding continues it
-// through 0 Hz and Nyquist.
-TEST(WindowConvolve, MatchesCircularConvolutionOfTheWholeSpectrum) {
-	namespace padded = varkesh::lumbrel::padded;
-	const std::size_t fftSamples = 64, bins = fftSamples / 2 + 1;
-	const float shape[6] = {0.4f, 0.3f, 0.12f, 0.04f, 0.01f, 0.002f};
-	for (std::size_t taps = 2; taps <= 6; ++taps) {
-		varkesh::lumbrel::WindowKernel kernel;
-		std::copy(shape, shape + taps, kernel.coefficients);
-		kernel.taps = taps;
-		const Signal re = whiteNoise(bins, 1, unsigned(taps)), imNoise = whiteNoise(bins, 1, unsigned(taps) + 9);
-		std::vector<std::complex<double>> full(fftSamples);
-		std::vector<float> inRe(padded::rowLength(bins), 0.0f), inIm(inRe), outRe(inRe), outIm(inRe);
-		for (std::size_t k = 0; k < bins; ++k) {
-			const float im = (k == 0 || k == bins - 1) ? 0.0f : imNoise[k];
-			full[k] = {re[k], im};
-			if (k > 0 && k < bins - 1) full[fftSamples - k] = std::conj(full[k]);
-			inRe[padded::before + k] = re[k];
-			inIm[padded::before + k] = im;
-		}
-		varkesh::lumbrel::stftWindowConvolve<false>(inRe.data(), outRe.data(), kernel, bins, true);
-		varkesh::lumbrel::stftWindowConvolve<true>(inIm.data(), outIm.data(), kernel, bins, true);
-		const long half = taps <= 3 ? 2 : long(taps) - 1;
-		for (std::size_t k = 0; k < bins; ++k) {
-			std::complex<double> sum = 0;
-			for (long t = -half; t <= half; ++t) sum += double(kernel.coefficients[std::abs(t)]) * full[std::size_t((long(k) + t + 64) % 64)];
-			ASSERT_NEAR(outRe[k + padded::before], sum.real(), 1e-5f) << taps << " taps, bin " << k;
-			ASSERT_NEAR(outIm[k + padded::before], sum.imag(), 1e-5f) << taps << " taps, bin " << k;
-		}
-		for (std::size_t m = 1; m <= 5; ++m) {
-			EXPECT_EQ(outRe[padded::before - m], outRe[padded::before + m]);
-			EXPECT_EQ(outIm[padded::before - m], -outIm[padded::before + m]);
-		}
-		for (std::size_t m = 1, top = bins + 4; m <= 6; ++m) {
-			EXPECT_EQ(outRe[top + m], outRe[top - m]);
-			EXPECT_EQ(outIm[top + m], -outIm[top - m]);
-		}
 	}
 }
 

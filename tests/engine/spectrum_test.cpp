@@ -131,36 +131,4 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 	EXPECT_GT(rms(y.data() + settled, measured), 0.01);
 }
 
-// addOutputSplit places values at the nominal band positions; a swapped inputHz row moves them to the frequencies given
-// there.
-TEST(Synthesis, SwappedFrequenciesMoveTheBands) {
-	Probe nominal(1);
-	const std::size_t bands = varkesh_lumbrel_engine_float_bands(nominal.engine);
-	std::size_t target = 0;
-	while (nominal.hz(target) < 1000.0f) ++target;
-	const float bandHz = nominal.hz(target);
-	std::vector<float> re(bands, 0.0f), im(bands, 0.0f), moved(bands, 6000.0f);
-	std::size_t step = 0; // the value turns by the band's phase advance per interval, as a tracked band does
-	nominal.effect = [&](auto *e) {
-		const auto v = std::polar(0.25, 2 * pi * double(bandHz) * 120.0 / 48000.0 * double(step++));
-		re[target] = float(v.real());
-		im[target] = float(v.imag());
-		varkesh_lumbrel_engine_float_addOutputSplit(e, 0, re.data(), im.data());
-	};
-	const Signal atBand = nominal.render({Signal(6240, 0.0f)})[0];
-	Probe swapped(1);
-	swapped.effect = [&](auto *e) {
-		re[target] = 0.25f;
-		im[target] = 0.0f;
-		varkesh_lumbrel_engine_float_setInputHz(e, 0, moved.data());
-		varkesh_lumbrel_engine_float_addOutputSplit(e, 0, re.data(), im.data());
-	};
-	const Signal atMoved = swapped.render({Signal(6240, 0.0f)})[0];
-	const double near = magnitudeAt(atBand, 1440, 4800, bandHz, 48000);
-	EXPECT_GT(near, 0.2);
-	EXPECT_LT(magnitudeAt(atBand, 1440, 4800, 6000, 48000), 0.01 * near);
-	EXPECT_NEAR(dB(magnitudeAt(atMoved, 1440, 4800, 6000, 48000) / 0.5), 0.0, 0.05);
-	EXPECT_LT(magnitudeAt(atMoved, 1440, 4800, bandHz, 48000), 0.01);
-}
-
 } // namespace

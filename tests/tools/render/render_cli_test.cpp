@@ -1,9 +1,6 @@
-// lumbrel-render: its units (key paths read from saved states, parameters
-// found and set by the text people type, --automate taken apart into value
-// events), and the program run as a person runs it: what it lists and accepts,
-// what it does to the audio and to files, and every mistake a person can make,
-// each a one-line message, a non-zero exit and no output file. Audio files are
-// made and read with libsndfile directly, not the tool's code.
+// lumbrel-render: its units (key paths, parameters found by the text people type, --automate as value events) and the
+// program run as a person runs it: listings, audio, files and every mistake (one line, non-zero exit, no output file).
+// Audio files are made and read with libsndfile directly, not the tool's code.
 #include "host/bundle.h"
 #include "host/host.h"
 #include "host/instance.h"
@@ -233,8 +230,7 @@ TEST_F(RenderCli, EveryMistakeIsOneLineAnExitCodeAndNoFile) {
 		const std::string name = entry.path().filename();
 		EXPECT_TRUE(name.find(".partial") == std::string::npos && name.rfind("out.", 0) == std::string::npos) << name;
 	}
-	// A render that fails after it began (three channels don't fit the stereo
-	// port) leaves the old output as it was; --force replaces a file whole.
+	// A render that fails after it began (three channels, a stereo port) leaves the old output; --force replaces it whole.
 	ASSERT_EQ(run({"--plugin", "swell", input, out}).exitCode, 0);
 	const std::string before = readText(out);
 	ASSERT_TRUE(writeSound(folder("three.wav"), std::vector<std::vector<float>>(3, std::vector<float>(4800, 0.1f)), 48000));
@@ -326,8 +322,7 @@ TEST_F(RenderCli, AClickComesOutAtItsOwnIndexOrLateByTheReportedLatency) {
 			EXPECT_EQ(report.err, "") << "no progress bar when stderr isn't a terminal";
 		}
 	}
-	// Mono stays mono at its rate, through both of the plug-in's channels: the
-	// output is their mean, a click as high as through a stereo file.
+	// Mono stays mono at its rate: the mean of the plug-in's two channels, a click as high as through a stereo file.
 	const SoundFile stereo = render({"--plugin", "decay-scale", click(2, 44100), folder("stereo.wav")});
 	const SoundFile mono = render({"--plugin", "decay-scale", click(1, 44100), folder("mono.wav")});
 	ASSERT_EQ(mono.channels.size(), 1u);
@@ -348,8 +343,8 @@ TEST_F(RenderCli, ProgressIsOneLineThatFitsANarrowTerminal) {
 	EXPECT_NE(r.out.find("wrote"), std::string::npos) << r.out;
 }
 
-// A state shaped as the plug-ins save one: a leaf between two groups, a group in
-// a group, and a group field (desc) that is a map holding a value: no parameter.
+// A state as the plug-ins save one: a leaf between two groups, a group in a group, and a group field (desc) holding a
+// value: no parameter.
 const std::string sampleState = "\xBF\x64name\x61T\x64" "desc\xA1\x65value\x61x"
 	"\x6C" "engineConfig\xA2\x64name\x66" "Engine\x69latencyMs\xA1\x65value\x0A"
 	"\x6B" "channelMode\xA1\x65value\x01"
@@ -432,24 +427,19 @@ TEST_F(ParamTable, ValuesAreReadInTheUnitOrAsLabelsAndUnknownOrSharedNamesSayWha
 	struct Case {
 		const char *plugin, *name, *text, *read; // what the plug-in shows, or words of the error
 	} cases[] = {
-		{"decay-scale", "latency", " 5 ms ", "5ms"},
-		{"decay-scale", "latency", "5", "5ms"}, // a bare number is in the parameter's unit
-		{"decay-scale", "latency", "+5.5ms", "5.5ms"},
-		{"decay-scale", "latency", "5,5ms", "5.5ms"}, // the plug-in alone would stop at the comma
-		{"decay-scale", "latency", "0.005 s", "5ms"}, // another size of the same unit is converted
-		{"decay-scale", "decay.rt20", "2.5sec", "2.5sec"},
-		{"decay-scale", "latency", "5 Hz", "error: \"ms\""}, // the wrong unit names the right one
-		{"decay-scale", "latency", "fast", "error: give a number"},
+		// A bare number is in the parameter's unit; the plug-in alone would stop at the comma; 0.005 s is converted.
+		{"decay-scale", "latency", " 5 ms ", "5ms"}, {"decay-scale", "latency", "5", "5ms"},
+		{"decay-scale", "latency", "+5.5ms", "5.5ms"}, {"decay-scale", "latency", "5,5ms", "5.5ms"},
+		{"decay-scale", "latency", "0.005 s", "5ms"}, {"decay-scale", "decay.rt20", "2.5sec", "2.5sec"},
+		{"decay-scale", "latency", "5 Hz", "error: \"ms\""}, {"decay-scale", "latency", "fast", "error: give a number"},
 		{"decay-scale", "latency", "20ms", "error: outside the range"},
 		{"decay-scale", "latency", "-1", "error: outside the range"},
 		{"decay-scale", "decay.factor", "2x", "error: plain number"}, {"decay-scale", "iterations", "8", "8"},
-		{"decay-scale", "direct", "ON", "on"},
+		{"decay-scale", "direct", "ON", "on"}, {"decay-scale", "direct", "maybe", "error: off, on"},
 		{"decay-scale", "iterations", "3", "error: 1, 2, 4, 8"}, // the plug-in would read it as the default
-		{"decay-scale", "direct", "maybe", "error: off, on"},
-		{"pitch-shifter-layer1", "semitones", "+7", "7"}, // only 0 has a label
-		{"pitch-shifter-layer1", "semitones", "none", "none"},
+		{"pitch-shifter-layer1", "semitones", "+7", "7"}, {"pitch-shifter-layer1", "semitones", "none", "none"},
 		{"pitch-shifter-layer1", "semitones", "25", "error: -24 to 24"},
-		{"pitch-shifter-layer1", "smoothing", "0", "error: peaksConfig.smoothing"},
+		{"pitch-shifter-layer1", "smoothing", "0", "error: peaksConfig.smoothing"}, // a shared name lists both
 		{"pitch-shifter-layer1", "smoothing", "0", "error: timbreConfig.smoothing"},
 		{"swell", "tmie", "0", "error: swell.time"}, {"swell", "latencyMS.x", "0", "error: engineConfig.latencyMs"},
 		{"swell", "engineConfig", "0", "error: no parameter"}, // a group
@@ -482,31 +472,29 @@ TEST(AutomationText, TimesInSecondsMillisecondsAndFramesAndMalformedTextIsAOneLi
 }
 
 // The events as (frame, id, value), for comparing whole schedules.
-std::vector<std::tuple<std::uint64_t, clap_id, double>> schedule(const std::vector<AutomationLane> &lanes,
-	std::uint64_t frames) {
-	std::vector<std::tuple<std::uint64_t, clap_id, double>> out;
+using Events = std::vector<std::tuple<std::uint64_t, clap_id, double>>;
+Events schedule(const std::vector<AutomationLane> &lanes, std::uint64_t frames) {
+	Events out;
 	for (const auto &e : scheduleAutomation(lanes, frames)) out.emplace_back(e.frame, e.id, e.value);
 	return out;
 }
 
 TEST(AutomationSchedule, RampsStepJumpsAndSteppedLanes) {
-	// Held at 0 until frame 100 (no repeat), then a quarter per ramp step,
-	// ending exactly on the point.
+	// Held at 0 until frame 100 (no repeat), then a quarter per ramp step, ending exactly on the point.
 	const std::uint64_t s = rampStepFrames;
 	EXPECT_EQ(schedule({{7, false, {{100, 0.0}, {100 + 4 * s, 1.0}}}}, 48000),
-		(decltype(schedule({}, 0)){{0, 7, 0.0}, {100 + s, 7, 0.25}, {100 + 2 * s, 7, 0.5}, {100 + 3 * s, 7, 0.75},
+		(Events{{0, 7, 0.0}, {100 + s, 7, 0.25}, {100 + 2 * s, 7, 0.5}, {100 + 3 * s, 7, 0.75},
 			{100 + 4 * s, 7, 1.0}}));
 	// A jump is one event at its frame.
-	EXPECT_EQ(schedule({{1, false, {{1000, 0.2}, {1000, 0.8}}}}, 48000), (decltype(schedule({}, 0)){{0, 1, 0.2}, {1000, 1, 0.8}}));
-	// Whole values only when they change: 0.5 is passed at frame 106.7, the
-	// first step after it is 128; 2.5 at 533.3, and 576 follows.
+	EXPECT_EQ(schedule({{1, false, {{1000, 0.2}, {1000, 0.8}}}}, 48000), (Events{{0, 1, 0.2}, {1000, 1, 0.8}}));
+	// Whole values only when they change: 0.5 is passed at frame 106.7, the next step is 128; 2.5 at 533.3, then 576.
 	const auto stepped = schedule({{2, true, {{0, 0.0}, {640, 3.0}}}}, 48000);
 	ASSERT_EQ(stepped.size(), 4u);
 	EXPECT_EQ(stepped[1], std::make_tuple(std::uint64_t(128), clap_id(2), 1.0));
 	EXPECT_EQ(stepped[3], std::make_tuple(std::uint64_t(576), clap_id(2), 3.0));
 	// Lanes merge by frame, in their order at equal frames, and stop at the end.
 	EXPECT_EQ(schedule({{1, false, {{0, 0.0}, {300, 1.0}}}, {2, false, {{0, 5.0}, {64, 6.0}}}}, 150),
-		(decltype(schedule({}, 0)){{0, 1, 0.0}, {0, 2, 5.0}, {s, 1, s / 300.0}, {s, 2, 6.0}, {2 * s, 1, 2 * s / 300.0}}));
+		(Events{{0, 1, 0.0}, {0, 2, 5.0}, {s, 1, s / 300.0}, {s, 2, 6.0}, {2 * s, 1, 2 * s / 300.0}}));
 }
 
 } // namespace
