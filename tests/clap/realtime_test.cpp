@@ -1,7 +1,6 @@
-// The audio callback of every plug-in allocates nothing, takes no lock and
-// writes nothing once it runs: blocks of changing length, every kind of host
-// event, resets, with the page closed (its ring overflows) and open (spectra
-// and updates through the ring).
+// The audio callback of every plug-in allocates nothing, takes no lock and writes nothing once it runs: blocks of
+// changing length, every kind of host event (notes and MIDI past what a plug-in keeps), resets, with the page closed
+// (its ring overflows) and open (spectra and updates through the ring).
 #include "host/key_paths.h"
 #include "support/alloc_counter.h"
 #include "support/plugin_runner.h"
@@ -61,6 +60,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 			otherSpace{sizeof(clap_event_header), 0, 7, CLAP_EVENT_PARAM_VALUE, 0};
 		// Counts inside process() only; with `page` the main thread drains the ring between blocks.
 		std::size_t allocations = 0, locks = 0, writes = 0, spectra = 0;
+		int notes = 4; // notes and MIDI per block: a few while warming up, then more than a plug-in keeps
 		auto run = [&](int blocks, bool page) {
 			for (int b = 0; b < blocks; ++b) {
 				const std::uint32_t frames = 1 + random() % maxFrames;
@@ -71,6 +71,11 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 				for (int e = 0; e < 3; ++e) {
 					const double value = random() % 2 ? double(random() % 1000) / 999.0 : hostile[random() % std::size(hostile)];
 					events.paramValue(std::uint32_t(random() % frames), automated[random() % automated.size()], value);
+				}
+				for (int n = 0; n < notes; ++n) {
+					const auto key = std::int16_t(random() % 128);
+					events.note(std::uint32_t(random() % frames), random() % 3 ? CLAP_EVENT_NOTE_ON : CLAP_EVENT_NOTE_OFF, key, 0.8, n);
+					events.midi(std::uint32_t(random() % frames), random() % 3 ? 0x91 : 0x81, std::uint8_t(key), 90);
 				}
 				events.paramGesture(frames - 1, automated[0], false);
 				output.clear();
@@ -89,6 +94,7 @@ TEST(Realtime, ProcessAllocatesLocksAndWritesNothingInSteadyState) {
 		instance.onMainThread(); // the first whole state goes, so updates queue again and overflow
 		run(50, false); // warm-up: first-use caches may grow here
 		allocations = locks = writes = 0;
+		notes = 100;
 		run(400, false);
 		instance.reset();
 		run(50, false);
