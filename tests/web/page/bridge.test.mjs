@@ -1,8 +1,5 @@
-// Every plug-in of the built bundle ($LUMBREL_BUILD_DIR, default build/; skipped
-// without it, except under CI), run by lumbrel-editor-host, its embedded page in
-// headless Chromium ($LUMBREL_CHROMIUM) through tools/bridge/editor-bridge.mjs: what the
-// page draws and what its controls do, checked against the plug-in's CLAP side.
-// Screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
+// Each plug-in of the built bundle ($LUMBREL_BUILD_DIR) in lumbrel-editor-host, its page in headless Chromium:
+// what the page draws and does, checked against the CLAP side. Screenshots: $LUMBREL_WEB_OUT/bridge.
 import { test, describe, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
@@ -44,12 +41,10 @@ const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 
 /** Polls `read` until `done(value)`; fails with `what` and the last value after `ms`. */
 async function until(read, done, what, ms = 5000) {
-  const deadline = Date.now() + ms;
-  for (;;) {
+  for (const deadline = Date.now() + ms; ; await sleep(25)) {
     const value = await read();
     if (done(value)) return value;
     if (Date.now() > deadline) assert.fail(`${what}; last seen ${JSON.stringify(value)}`);
-    await sleep(25);
   }
 }
 
@@ -76,18 +71,12 @@ before(async () => {
   if (noBuild) return;
   mkdirSync(shots, { recursive: true });
   profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
-  context = await chromium.launchPersistentContext(profile, {
-    executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium', headless: true,
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+  context = await chromium.launchPersistentContext(profile, { executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium',
+    headless: true, args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    viewport: { width: 500, height: 300 }, deviceScaleFactor: 1,
-  });
+    viewport: { width: 500, height: 300 }, deviceScaleFactor: 1 });
 });
-
-after(async () => {
-  await context?.close();
-  if (profile) rmSync(profile, { recursive: true, force: true });
-});
+after(async () => { await context?.close(); if (profile) rmSync(profile, { recursive: true, force: true }); });
 
 describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   let bridge;
@@ -119,7 +108,6 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   });
 
   test('"ready" brings the whole state; a meter request brings spectra for its lease, then none', async () => {
-    // A WebSocket client in the page's place; `messages` collects what the plug-in sends, decoded.
     const socket = new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: origin() });
     socket.messages = [];
     socket.on('message', (data) => socket.messages.push(decode(data)));
@@ -127,8 +115,7 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     socket.send(CBOR.encode('ready'));
     const whole = await until(() => socket.messages.find((m) => m && !Array.isArray(m) && 'name' in m), Boolean, 'no whole state');
     assert.ok(!('analysisSpectrum' in whole), 'the spectrum is the audio thread\'s: it comes with the meters');
-    // One spectrum every 20 ms for 0.3 s: at 48 kHz in blocks of 256, the
-    // interval of 960 samples is passed every 4th block (21.3 ms), so about 14.
+    // One spectrum per 20 ms for 0.3 s: 960 samples pass every 4th block of 256 (21.3 ms), so about 14.
     const start = socket.messages.length;
     socket.send(CBOR.encode(['meters', 0.02, 0.3]));
     await sleep(800);
@@ -191,8 +178,7 @@ for (const { id, name } of plugins) {
       page.on('pageerror', (e) => pageErrors.push(e.message));
     });
     after(async () => {
-      await page?.close();
-      await bridge?.close();
+      await page?.close(); await bridge?.close();
       assert.deepEqual(pageErrors, [], 'the page threw');
       assert.deepEqual(bridge?.exited, { code: 0, signal: null }, 'lumbrel-editor-host ended cleanly');
     });
@@ -238,13 +224,11 @@ for (const { id, name } of plugins) {
         await bridge.paramEvents(); // what earlier gestures left
         await page.mouse.move(x, y);
         await page.mouse.down();
-        await page.mouse.move(x, y + dy / 2, { steps: 5 });
-        await page.mouse.move(x, y + dy, { steps: 5 });
+        for (const to of [dy / 2, dy]) await page.mouse.move(x, y + to, { steps: 5 });
         await page.mouse.up();
         return eventsUntil(param.id, 'end');
       }
-      // 50 px: a fifth of the range, towards the middle. The host hears one
-      // gesture whose last value is where the drag ended.
+      // 50 px: a fifth of the range, towards the middle; one gesture whose last value is where the drag ended.
       const start = await position();
       const up = start < 0.5;
       const dragged = start + (up ? 0.2 : -0.2);
@@ -254,9 +238,7 @@ for (const { id, name } of plugins) {
       assert.ok(values.length >= 1 && near(dragged)(values.at(-1).value), `last value event ${values.at(-1)?.value}, wanted ${dragged}`);
       assert.ok(near(dragged)(await position()), 'params_get_value after the drag');
       await showsPluginText(index);
-      // A second gesture is one too, though the page may hold a stale
-      // "gesture": true (the reply to its last "rangeUnit" carries the
-      // plug-in's, still true then, and comes after the page's false).
+      // A second gesture is one too, though the page may hold a stale "gesture": true from the last reply.
       await sleep(300);
       const back = (await drag(up ? 50 : -50)).map((e) => e.type);
       assert.ok(back[0] === 'begin' && back.indexOf('end') > 0, back.join());
@@ -286,13 +268,13 @@ for (const { id, name } of plugins) {
       const param = params[index];
       const label = control(index);
       const value = async () => (await bridge.value(param.id)).value;
-      const classOf = async (button) => (await label.locator(`button.${button}`).getAttribute('class')) || '';
+      const marked = async (button) => /\bdisabled\b/.test(await label.locator(`button.${button}`).getAttribute('class'));
       async function press(button, expected) {
         await label.locator(`button.${button}`).click();
         await eventsUntil(param.id, (x) => x.type === 'value' && x.value === expected);
         assert.equal(await value(), expected);
         await showsPluginText(index);
-        await until(async () => [/\bdisabled\b/.test(await classOf('up')), /\bdisabled\b/.test(await classOf('down'))],
+        await until(async () => [await marked('up'), await marked('down')],
           (marked) => marked[0] === (expected >= param.max) && marked[1] === (expected <= param.min), 'a button at an end is marked');
       }
       const start = await value();
