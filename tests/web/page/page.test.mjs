@@ -1,5 +1,4 @@
-// The generic page as shipped (index.html with both scripts) in jsdom; in a
-// real browser against the real plug-ins in bridge.test.mjs.
+// The generic page as shipped (index.html with both scripts) in jsdom; in Chromium in bridge.test.mjs.
 import { test, describe, afterEach } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
@@ -27,18 +26,13 @@ afterEach(() => {
 
 /** The page in jsdom at `query`: what it posts decoded into `sent`; `deliver(value)` a message from the effect. */
 async function openPage(query = '') {
-  const html = read('index.html')
-    .replace('<script src="cbor.min.js"></script>', () => `<script>${read('cbor.min.js')}</script>`)
-    .replace('<script src="zelmar-bundle.min.js"></script>', () => `<script>${read('zelmar-bundle.min.js')}</script>`);
+  const html = read('index.html').replace(/<script src="([\w.-]+)"><\/script>/g, (_, name) => `<script>${read(name)}</script>`);
   const sent = [];
   const virtualConsole = new VirtualConsole(); // jsdom has no canvas; the page copes
   const errors = [];
   virtualConsole.on('jsdomError', (e) => { if (!/getContext/.test(e.message)) errors.push(e); });
   const dom = new JSDOM(html, {
-    url: 'http://127.0.0.1/index.html' + query,
-    runScripts: 'dangerously',
-    pretendToBeVisual: true,
-    virtualConsole,
+    url: 'http://127.0.0.1/index.html' + query, runScripts: 'dangerously', pretendToBeVisual: true, virtualConsole,
     beforeParse(window) {
       Object.assign(window, { TextEncoder, TextDecoder }); // browsers have them; jsdom does not
       window.postMessage = (bytes) => sent.push(CBOR.decode(new Uint8Array(bytes)));
@@ -114,16 +108,9 @@ describe('dials and steppers', () => {
   test('a drag sends gesture and rangeUnit, 250 px for the whole range, upward increasing', async () => {
     const p = await ready();
     p.pointer('pointerdown', 100);
-    p.pointer('pointermove', 50);
-    await p.settle();
-    p.pointer('pointermove', -500);
-    await p.settle();
-    p.pointer('pointerup', -500);
-    await p.settle();
-    const sent = p.merges().map(at);
-    assert.deepEqual(sent[0], { gesture: true, rangeUnit: 0.7 });
-    assert.deepEqual(sent[1], { rangeUnit: 1 }, 'clamped at the top');
-    assert.deepEqual(sent[2], { gesture: false });
+    for (const [type, y] of [['pointermove', 50], ['pointermove', -500], ['pointerup', -500]]) p.pointer(type, y), await p.settle();
+    // The second is clamped at the top.
+    assert.deepEqual(p.merges().map(at).slice(0, 3), [{ gesture: true, rangeUnit: 0.7 }, { rangeUnit: 1 }, { gesture: false }]);
   });
 
   test('the stored position keeps a gesture smooth while the effect answers', async () => {
@@ -141,10 +128,8 @@ describe('dials and steppers', () => {
   test('steppers move by one within low and high, and mark the end they stand at', async () => {
     const p = await ready();
     const [iterations, mode] = p.document.querySelectorAll('label.param-stepped');
-    const press = (button) => {
-      button.dispatchEvent(new p.window.MouseEvent('pointerdown', { bubbles: true, button: 0 }));
-      button.dispatchEvent(new p.window.MouseEvent('pointerup', { bubbles: true, button: 0 }));
-    };
+    const press = (button) => ['pointerdown', 'pointerup'].forEach((type) =>
+      button.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true, button: 0 })));
     assert.ok(iterations.querySelector('.up').classList.contains('disabled'));
     assert.ok(!iterations.querySelector('.down').classList.contains('disabled'));
     press(iterations.querySelector('.up'));
