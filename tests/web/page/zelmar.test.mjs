@@ -2,17 +2,13 @@
 import { test, describe } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
-import { dirname, join } from 'node:path';
-import { fileURLToPath } from 'node:url';
 import { JSDOM } from 'jsdom';
 
-const here = dirname(fileURLToPath(import.meta.url));
-const zelmarCode = readFileSync(join(here, '..', '..', '..', 'src', 'web', 'page', 'zelmar-bundle.min.js'), 'utf8');
+const zelmarCode = readFileSync(new URL('../../../src/web/page/zelmar-bundle.min.js', import.meta.url), 'utf8');
 
 /** A window with Zelmar loaded, `body` as its body, and `window.vars` set; `state` if `data` is given. */
 function page(body, data, vars = {}) {
-  const dom = new JSDOM(`<!doctype html><html><body></body></html>`, { runScripts: 'outside-only', pretendToBeVisual: true });
-  const { window } = dom;
+  const { window } = new JSDOM('<!doctype html><html><body></body></html>', { runScripts: 'outside-only', pretendToBeVisual: true });
   Object.defineProperty(window.performance, 'now', { value: () => 0 }); // a still clock: presses last 0 s
   window.eval(zelmarCode);
   Object.assign(window, vars);
@@ -75,9 +71,7 @@ describe('change tracking', () => {
     }
     const seen = [];
     const q = page(`<i $update="\${d => seen.push(d.useA ? d.a : d.b)}"></i>`, { useA: true, a: 1, b: 2 }, { seen });
-    q.state.merge({ useA: false });
-    q.state.merge({ a: 10 });
-    q.state.merge({ b: 20 });
+    for (const merge of [{ useA: false }, { a: 10 }, { b: 20 }]) q.state.merge(merge);
     assert.deepEqual(seen, [1, 2, 20]);
   });
 
@@ -95,8 +89,7 @@ describe('@foreach', () => {
   test('items come and go by key, keep their elements, and a merge naming every key sets the order', () => {
     const p = page(html, { a: { name: 'A' }, b: { name: 'B' } });
     const [liA, liB] = p.document.querySelectorAll('li');
-    p.state.merge({ c: { name: 'C' } });
-    p.state.merge({ a: null });
+    for (const merge of [{ c: { name: 'C' } }, { a: null }]) p.state.merge(merge);
     assert.deepEqual(texts(p, 'li'), ['B', 'C']);
     assert.equal(p.document.querySelector('li'), liB, 'the other items keep their elements');
     assert.equal(liA.isConnected, false);
@@ -210,10 +203,8 @@ describe('interaction attributes', () => {
 
   test('blur ends a press; no unpress without a press', () => {
     const c = control();
-    c.el.dispatchEvent(new c.window.FocusEvent('blur'));
-    c.key('keydown', 'Enter');
-    c.el.dispatchEvent(new c.window.FocusEvent('blur'));
-    c.key('keyup', 'Enter');
+    const blur = () => c.el.dispatchEvent(new c.window.FocusEvent('blur'));
+    blur(), c.key('keydown', 'Enter'), blur(), c.key('keyup', 'Enter');
     assert.deepEqual(c.log().map((e) => e.slice(0, 2)), [['press', '1'], ['unpress', 'blur']]);
   });
 
@@ -223,10 +214,7 @@ describe('interaction attributes', () => {
     const state = p.Zelmar.replace(p.document.body, { sizes: [], on: true });
     p.window.dispatchEvent(new p.window.Event('resize'));
     const el = p.document.getElementById('r');
-    for (let i = 0; i < 2; ++i) {
-      el.dispatchEvent(new p.window.MouseEvent('pointerdown', { bubbles: true }));
-      el.dispatchEvent(new p.window.MouseEvent('pointerup', { bubbles: true }));
-    }
+    for (const type of ['pointerdown', 'pointerup', 'pointerdown', 'pointerup']) el.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true }));
     assert.ok(el.classList.contains('big'));
     state.merge({ on: false });
     p.window.dispatchEvent(new p.window.Event('resize'));
