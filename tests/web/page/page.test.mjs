@@ -20,9 +20,7 @@ test('the committed page files are what the sources build to, and load nothing f
 
 // A page keeps asking for frames; each test's windows close after it.
 const openWindows = [];
-afterEach(() => {
-  for (const window of openWindows.splice(0)) window.close();
-});
+afterEach(() => openWindows.splice(0).forEach((window) => window.close()));
 
 /** The page in jsdom at `query`: what it posts decoded into `sent`; `deliver(value)` a message from the effect. */
 async function openPage(query = '') {
@@ -61,33 +59,31 @@ const wholeState = () => ({
   mode: stepped('mode', 0, 0, 1, 'off'), analysisSpectrum: { energy: [] },
 });
 
-describe('start-up and messages', () => {
-  test('draws the whole state and the merges that follow, in one frame together; drops a bad message', async () => {
-    const p = await openPage();
-    assert.equal(p.document.getElementById('header').textContent, '...');
-    assert.equal(p.document.title, 'Generic QUORL UI');
-    p.deliver(wholeState());
-    await p.frame();
-    assert.equal(p.document.getElementById('header').textContent, 'Test Effect');
-    const controls = Array.from(p.document.querySelectorAll('label.param-range, label.param-stepped'),
-      (l) => Array.from(l.querySelectorAll('.name, output, .units'), (e) => e.textContent));
-    assert.deepEqual(controls, [['12', 'ms', 'latency'], ['8', 'iterations'], ['off', 'mode']]); // in page order
-    // The spectrum without "$type" yet is an empty box with no legend.
-    assert.deepEqual(Array.from(p.document.querySelectorAll('fieldset legend'), (l) => l.textContent), ['Engine', '']);
-    assert.equal(p.document.querySelector('.plot'), null);
-    // Arrays carry their merge at index 1; merges of one frame apply together; a bad message is dropped.
-    p.deliver(['state', { engineConfig: { latencyMs: { text: '11' } } }]);
-    p.deliver({ engineConfig: { latencyMs: { textUnits: 's' } } });
-    const bad = new p.window.Uint8Array([0x1c]).buffer;
-    assert.doesNotThrow(() => p.window.dispatchEvent(new p.window.MessageEvent('message', { data: bad })));
-    p.deliver(['meters', { analysisSpectrum: { $type: 'Spectrum', hz: new Float32Array([0, 100, 20000]), energy: [new Float32Array([1, 0.5, 0.1])] } }]);
-    await p.frame();
-    const dial = p.document.querySelector('label.param-range');
-    assert.equal(dial.querySelector('output').textContent + dial.querySelector('.units').textContent, '11s');
-    assert.equal(p.document.querySelectorAll('.plot canvas').length, 3, 'the spectrum now has its plot');
-    assert.equal(p.document.querySelectorAll('fieldset').length, 1, 'and no longer a box');
-    assert.equal(p.merges().length, 0, 'nothing echoes back');
-  });
+test('draws the whole state and the merges that follow, in one frame together; drops a bad message', async () => {
+  const p = await openPage();
+  assert.equal(p.document.getElementById('header').textContent, '...');
+  assert.equal(p.document.title, 'Generic QUORL UI');
+  p.deliver(wholeState());
+  await p.frame();
+  assert.equal(p.document.getElementById('header').textContent, 'Test Effect');
+  const controls = Array.from(p.document.querySelectorAll('label.param-range, label.param-stepped'),
+    (l) => Array.from(l.querySelectorAll('.name, output, .units'), (e) => e.textContent));
+  assert.deepEqual(controls, [['12', 'ms', 'latency'], ['8', 'iterations'], ['off', 'mode']]); // in page order
+  // The spectrum without "$type" yet is an empty box with no legend.
+  assert.deepEqual(Array.from(p.document.querySelectorAll('fieldset legend'), (l) => l.textContent), ['Engine', '']);
+  assert.equal(p.document.querySelector('.plot'), null);
+  // Arrays carry their merge at index 1; merges of one frame apply together; a bad message is dropped.
+  p.deliver(['state', { engineConfig: { latencyMs: { text: '11' } } }]);
+  p.deliver({ engineConfig: { latencyMs: { textUnits: 's' } } });
+  const bad = new p.window.Uint8Array([0x1c]).buffer;
+  assert.doesNotThrow(() => p.window.dispatchEvent(new p.window.MessageEvent('message', { data: bad })));
+  p.deliver(['meters', { analysisSpectrum: { $type: 'Spectrum', hz: new Float32Array([0, 100, 20000]), energy: [new Float32Array([1, 0.5, 0.1])] } }]);
+  await p.frame();
+  const dial = p.document.querySelector('label.param-range');
+  assert.equal(dial.querySelector('output').textContent + dial.querySelector('.units').textContent, '11s');
+  assert.equal(p.document.querySelectorAll('.plot canvas').length, 3, 'the spectrum now has its plot');
+  assert.equal(p.document.querySelectorAll('fieldset').length, 1, 'and no longer a box');
+  assert.equal(p.merges().length, 0, 'nothing echoes back');
 });
 
 describe('dials and steppers', () => {
@@ -129,18 +125,15 @@ describe('dials and steppers', () => {
     const p = await ready();
     const [iterations, mode] = p.document.querySelectorAll('label.param-stepped');
     const press = (button) => ['pointerdown', 'pointerup'].forEach((type) =>
-      button.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true, button: 0 })));
-    assert.ok(iterations.querySelector('.up').classList.contains('disabled'));
-    assert.ok(!iterations.querySelector('.down').classList.contains('disabled'));
-    press(iterations.querySelector('.up'));
-    await p.settle();
+      button.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true, button: 0 }))) ?? p.settle();
+    const marked = (label) => ['.up', '.down'].map((b) => label.querySelector(b).classList.contains('disabled'));
+    assert.deepEqual(marked(iterations), [true, false]);
+    await press(iterations.querySelector('.up'));
     assert.equal(p.merges().length, 0, 'at the top already');
-    press(mode.querySelector('.up'));
-    await p.settle();
+    await press(mode.querySelector('.up'));
     assert.deepEqual(p.merges(), [{ mode: { value: 1 } }]);
-    assert.ok(mode.querySelector('.up').classList.contains('disabled'));
-    press(iterations.querySelector('.down'));
-    await p.settle();
+    assert.deepEqual(marked(mode), [true, false]);
+    await press(iterations.querySelector('.down'));
     assert.deepEqual(p.merges()[1], { engineConfig: { iterations: { value: 2 } } });
   });
 });

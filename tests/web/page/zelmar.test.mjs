@@ -8,7 +8,7 @@ const zelmarCode = readFileSync(new URL('../../../src/web/page/zelmar-bundle.min
 
 /** A window with Zelmar loaded, `body` as its body, and `window.vars` set; `state` if `data` is given. */
 function page(body, data, vars = {}) {
-  const { window } = new JSDOM('<!doctype html><html><body></body></html>', { runScripts: 'outside-only', pretendToBeVisual: true });
+  const { window } = new JSDOM('<!doctype html><body></body>', { runScripts: 'outside-only', pretendToBeVisual: true });
   Object.defineProperty(window.performance, 'now', { value: () => 0 }); // a still clock: presses last 0 s
   window.eval(zelmarCode);
   Object.assign(window, vars);
@@ -84,10 +84,8 @@ describe('change tracking', () => {
 });
 
 describe('@foreach', () => {
-  const html = `<ul><li @foreach>{name}</li></ul>`;
-
   test('items come and go by key, keep their elements, and a merge naming every key sets the order', () => {
-    const p = page(html, { a: { name: 'A' }, b: { name: 'B' } });
+    const p = page(`<ul><li @foreach>{name}</li></ul>`, { a: { name: 'A' }, b: { name: 'B' } });
     const [liA, liB] = p.document.querySelectorAll('li');
     for (const merge of [{ c: { name: 'C' } }, { a: null }]) p.state.merge(merge);
     assert.deepEqual(texts(p, 'li'), ['B', 'C']);
@@ -190,10 +188,11 @@ describe('interaction attributes', () => {
 
   test('keyboard: Enter and Space press and release; arrows step 15 px; Page, Home, End are infinite', () => {
     const c = control();
-    for (const [type, k, init] of [['keydown', 'Enter'], ['keydown', 'Enter', { repeat: true }], ['keyup', 'Enter'], ['keydown', ' '],
-      ['keyup', ' '], ['keydown', 'ArrowUp'], ['keydown', 'ArrowDown'], ['keydown', 'ArrowLeft'], ['keydown', 'ArrowRight'],
-      ['keydown', 'ArrowUp', { ctrlKey: true }], ['keydown', 'ArrowDown', { metaKey: true }], ['keydown', 'PageUp'],
-      ['keydown', 'PageDown'], ['keydown', 'Home'], ['keydown', 'End']]) c.key(type, k, init);
+    c.key('keydown', 'Enter'), c.key('keydown', 'Enter', { repeat: true }), c.key('keyup', 'Enter');
+    c.key('keydown', ' '), c.key('keyup', ' ');
+    for (const k of ['ArrowUp', 'ArrowDown', 'ArrowLeft', 'ArrowRight']) c.key('keydown', k);
+    c.key('keydown', 'ArrowUp', { ctrlKey: true }), c.key('keydown', 'ArrowDown', { metaKey: true });
+    ['PageUp', 'PageDown', 'Home', 'End'].forEach((k) => c.key('keydown', k));
     assert.deepEqual(c.log(), [
       ['press', 1, 'keydown'], ['unpress', 'keyup', 0], ['press', 2, 'keydown'], ['unpress', 'keyup', 0],
       ['move', 0, -15], ['move', 0, 15], ['move', -15, 0], ['move', 15, 0], ['move', 0, -1.5], ['move', 0, Infinity],
@@ -214,7 +213,8 @@ describe('interaction attributes', () => {
     const state = p.Zelmar.replace(p.document.body, { sizes: [], on: true });
     p.window.dispatchEvent(new p.window.Event('resize'));
     const el = p.document.getElementById('r');
-    for (const type of ['pointerdown', 'pointerup', 'pointerdown', 'pointerup']) el.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true }));
+    const click = (type) => el.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true }));
+    ['pointerdown', 'pointerup', 'pointerdown', 'pointerup'].forEach(click);
     assert.ok(el.classList.contains('big'));
     state.merge({ on: false });
     p.window.dispatchEvent(new p.window.Event('resize'));
