@@ -49,9 +49,8 @@ async function openPage(query = '') {
   return { window, document: window.document, sent, deliver, frame, merges };
 }
 
-const range = (name, value, rangeUnit, text, extra = {}) => ({
-  value, $type: 'ParamRange', name, defaultValue: 10, text, textUnits: 'ms', gesture: false, rangeUnit, ...extra,
-});
+const range = (name, value, rangeUnit, text) =>
+  ({ value, $type: 'ParamRange', name, defaultValue: 10, text, textUnits: 'ms', gesture: false, rangeUnit });
 const stepped = (name, value, low, high, text) => ({ value, $type: 'ParamStepped', low, high, name, text });
 const wholeState = () => ({
   name: 'Test Effect', desc: '', // members in page order
