@@ -157,14 +157,13 @@ for (const { id, name } of plugins) {
       await until(async () => (await drawnControls(page))[index][3], (s) => s === squeeze(text),
         `${params[index].name} never showed "${text}"`);
     }
-    /** Parameter events the plug-in sent the host for `paramId`, until one is `last` (a type or a test). */
-    async function eventsUntil(paramId, last) {
+    /** Parameter events the plug-in sent the host for `paramId`, until one passes `done`. */
+    async function eventsUntil(paramId, done) {
       const events = [];
-      const done = typeof last === 'string' ? (x) => x.type === last : last;
       await until(async () => {
         events.push(...(await bridge.paramEvents()).filter((e) => e.id === paramId));
         return events;
-      }, (e) => e.some(done), `no "${last}" event for ${paramId}`);
+      }, (e) => e.some(done), `no ${done} event for ${paramId}`);
       return events;
     }
 
@@ -219,7 +218,7 @@ for (const { id, name } of plugins) {
         await page.mouse.down();
         for (const to of [dy / 2, dy]) await page.mouse.move(x, y + to, { steps: 5 });
         await page.mouse.up();
-        return eventsUntil(param.id, 'end');
+        return eventsUntil(param.id, (x) => x.type === 'end');
       }
       // 50 px: a fifth of the range, towards the middle; one gesture whose last value is where the drag ended.
       const start = await position();

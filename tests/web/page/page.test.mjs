@@ -85,54 +85,52 @@ test('draws the whole state and the merges that follow, in one frame together; d
   assert.equal(p.merges().length, 0, 'nothing echoes back');
 });
 
-describe('dials and steppers', () => {
-  async function ready() {
-    const p = await openPage();
-    p.deliver(wholeState());
-    await p.frame();
-    const W = p.window;
-    const dial = p.document.querySelector('.dial');
-    const pointer = (type, y, init = {}) => dial.dispatchEvent(new (W.PointerEvent || W.MouseEvent)(type,
-      { bubbles: true, cancelable: true, clientX: 0, clientY: y, button: 0, pointerId: 1, ...init }));
-    const wheel = (deltaY) => dial.dispatchEvent(new W.WheelEvent('wheel', { bubbles: true, cancelable: true, deltaY }));
-    const settle = () => new Promise((resolve) => setTimeout(resolve, 40));
-    return { ...p, dial, pointer, wheel, settle };
-  }
-  const at = (merge) => merge.engineConfig.latencyMs;
+async function ready() {
+  const p = await openPage();
+  p.deliver(wholeState());
+  await p.frame();
+  const W = p.window;
+  const dial = p.document.querySelector('.dial');
+  const pointer = (type, y, init = {}) => dial.dispatchEvent(new (W.PointerEvent || W.MouseEvent)(type,
+    { bubbles: true, cancelable: true, clientX: 0, clientY: y, button: 0, pointerId: 1, ...init }));
+  const wheel = (deltaY) => dial.dispatchEvent(new W.WheelEvent('wheel', { bubbles: true, cancelable: true, deltaY }));
+  const settle = () => new Promise((resolve) => setTimeout(resolve, 40));
+  return { ...p, dial, pointer, wheel, settle };
+}
+const at = (merge) => merge.engineConfig.latencyMs;
 
-  test('a drag sends gesture and rangeUnit, 250 px for the whole range, upward increasing', async () => {
-    const p = await ready();
-    p.pointer('pointerdown', 100);
-    for (const [type, y] of [['pointermove', 50], ['pointermove', -500], ['pointerup', -500]]) p.pointer(type, y), await p.settle();
-    // The second is clamped at the top.
-    assert.deepEqual(p.merges().map(at).slice(0, 3), [{ gesture: true, rangeUnit: 0.7 }, { rangeUnit: 1 }, { gesture: false }]);
-  });
+test('a drag sends gesture and rangeUnit, 250 px for the whole range, upward increasing', async () => {
+  const p = await ready();
+  p.pointer('pointerdown', 100);
+  for (const [type, y] of [['pointermove', 50], ['pointermove', -500], ['pointerup', -500]]) p.pointer(type, y), await p.settle();
+  // The second is clamped at the top.
+  assert.deepEqual(p.merges().map(at).slice(0, 3), [{ gesture: true, rangeUnit: 0.7 }, { rangeUnit: 1 }, { gesture: false }]);
+});
 
-  test('the stored position keeps a gesture smooth while the effect answers', async () => {
-    const p = await ready();
-    p.pointer('pointerdown', 0);
-    p.pointer('pointermove', -25); // 0.5 + 0.1
-    await p.settle();
-    p.deliver({ engineConfig: { latencyMs: { rangeUnit: 0.55, gesture: true } } }); // an older answer
-    await p.frame();
-    p.wheel(25); // a scroll during the drag continues from the stored 0.6
-    await p.settle();
-    assert.deepEqual(p.merges().map(at).map((m) => m.rangeUnit), [0.6, 0.7]);
-  });
+test('the stored position keeps a gesture smooth while the effect answers', async () => {
+  const p = await ready();
+  p.pointer('pointerdown', 0);
+  p.pointer('pointermove', -25); // 0.5 + 0.1
+  await p.settle();
+  p.deliver({ engineConfig: { latencyMs: { rangeUnit: 0.55, gesture: true } } }); // an older answer
+  await p.frame();
+  p.wheel(25); // a scroll during the drag continues from the stored 0.6
+  await p.settle();
+  assert.deepEqual(p.merges().map(at).map((m) => m.rangeUnit), [0.6, 0.7]);
+});
 
-  test('steppers move by one within low and high, and mark the end they stand at', async () => {
-    const p = await ready();
-    const [iterations, mode] = p.document.querySelectorAll('label.param-stepped');
-    const press = (button) => ['pointerdown', 'pointerup'].forEach((type) =>
-      button.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true, button: 0 }))) ?? p.settle();
-    const marked = (label) => ['.up', '.down'].map((b) => label.querySelector(b).classList.contains('disabled'));
-    assert.deepEqual(marked(iterations), [true, false]);
-    await press(iterations.querySelector('.up'));
-    assert.equal(p.merges().length, 0, 'at the top already');
-    await press(mode.querySelector('.up'));
-    assert.deepEqual(p.merges(), [{ mode: { value: 1 } }]);
-    assert.deepEqual(marked(mode), [true, false]);
-    await press(iterations.querySelector('.down'));
-    assert.deepEqual(p.merges()[1], { engineConfig: { iterations: { value: 2 } } });
-  });
+test('steppers move by one within low and high, and mark the end they stand at', async () => {
+  const p = await ready();
+  const [iterations, mode] = p.document.querySelectorAll('label.param-stepped');
+  const press = (button) => ['pointerdown', 'pointerup'].forEach((type) =>
+    button.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true, button: 0 }))) ?? p.settle();
+  const marked = (label) => ['.up', '.down'].map((b) => label.querySelector(b).classList.contains('disabled'));
+  assert.deepEqual(marked(iterations), [true, false]);
+  await press(iterations.querySelector('.up'));
+  assert.equal(p.merges().length, 0, 'at the top already');
+  await press(mode.querySelector('.up'));
+  assert.deepEqual(p.merges(), [{ mode: { value: 1 } }]);
+  assert.deepEqual(marked(mode), [true, false]);
+  await press(iterations.querySelector('.down'));
+  assert.deepEqual(p.merges()[1], { engineConfig: { iterations: { value: 2 } } });
 });

@@ -168,49 +168,46 @@ test('trackMerges: writes through the proxy become merges by path, combined per 
   assert.deepEqual([p.Zelmar.getRaw(raw), p.Zelmar.getRaw(7)], [raw, 7]);
 });
 
-describe('interaction attributes', () => {
-  function control() {
-    const p = page(`<div id=c $press="\${(d, count, e, el) => d.log.push(['press', count, e.type, el.id])}"
-      $unpress="\${(d, e, seconds) => d.log.push(['unpress', e.type, seconds])}"
-      $move="\${(d, dx, dy, el) => d.log.push(['move', dx, dy, el.id])}"></div>`, { log: [] });
-    const el = p.document.getElementById('c');
-    const key = (type, k, init = {}) => el.dispatchEvent(new p.window.KeyboardEvent(type, { key: k, bubbles: true, cancelable: true, ...init }));
-    const log = () => Array.from(p.Zelmar.getRaw(p.state.data.log), (e) => Array.from(e.slice(0, 3), String));
-    return { ...p, el, key, log };
-  }
+function control() {
+  const p = page(`<div id=c $press="\${(d, count, e, el) => d.log.push(['press', count, e.type, el.id])}"
+    $unpress="\${(d, e, seconds) => d.log.push(['unpress', e.type, seconds])}"
+    $move="\${(d, dx, dy, el) => d.log.push(['move', dx, dy, el.id])}"></div>`, { log: [] });
+  const el = p.document.getElementById('c');
+  const key = (type, k, init = {}) => el.dispatchEvent(new p.window.KeyboardEvent(type, { key: k, bubbles: true, cancelable: true, ...init }));
+  const log = () => Array.from(p.Zelmar.getRaw(p.state.data.log), (e) => Array.from(e.slice(0, 3), String));
+  return { ...p, el, key, log };
+}
 
-  test('keyboard: Enter and Space press and release; arrows step 15 px; Page, Home, End are infinite', () => {
-    const c = control();
-    c.key('keydown', 'Enter'), c.key('keydown', 'Enter', { repeat: true }), c.key('keyup', 'Enter');
-    c.key('keydown', ' '), c.key('keyup', ' ');
-    for (const k of ['ArrowUp', 'ArrowDown', 'ArrowLeft', 'ArrowRight']) c.key('keydown', k);
-    c.key('keydown', 'ArrowUp', { ctrlKey: true }), c.key('keydown', 'ArrowDown', { metaKey: true });
-    ['PageUp', 'PageDown', 'Home', 'End'].forEach((k) => c.key('keydown', k));
-    assert.deepEqual(c.log(), [
-      ['press', 1, 'keydown'], ['unpress', 'keyup', 0], ['press', 2, 'keydown'], ['unpress', 'keyup', 0],
-      ['move', 0, -15], ['move', 0, 15], ['move', -15, 0], ['move', 15, 0], ['move', 0, -1.5], ['move', 0, Infinity],
-      ['move', 0, -Infinity], ['move', 0, Infinity], ['move', -Infinity, Infinity], ['move', Infinity, -Infinity],
-    ].map((e) => e.map(String)));
-  });
+test('keyboard: Enter and Space press and release; arrows step 15 px; Page, Home, End are infinite', () => {
+  const c = control();
+  for (const [type, k, init] of [['keydown', 'Enter'], ['keydown', 'Enter', { repeat: true }], ['keyup', 'Enter'], ['keydown', ' '],
+    ['keyup', ' '], ['keydown', 'ArrowUp'], ['keydown', 'ArrowDown'], ['keydown', 'ArrowLeft'], ['keydown', 'ArrowRight'],
+    ['keydown', 'ArrowUp', { ctrlKey: true }], ['keydown', 'ArrowDown', { metaKey: true }], ['keydown', 'PageUp'],
+    ['keydown', 'PageDown'], ['keydown', 'Home'], ['keydown', 'End']]) c.key(type, k, init);
+  assert.deepEqual(c.log(), [
+    ['press', 1, 'keydown'], ['unpress', 'keyup', 0], ['press', 2, 'keydown'], ['unpress', 'keyup', 0],
+    ['move', 0, -15], ['move', 0, 15], ['move', -15, 0], ['move', 15, 0], ['move', 0, -1.5], ['move', 0, Infinity],
+    ['move', 0, -Infinity], ['move', 0, Infinity], ['move', -Infinity, Infinity], ['move', Infinity, -Infinity],
+  ].map((e) => e.map(String)));
+});
 
-  test('blur ends a press; no unpress without a press', () => {
-    const c = control();
-    const blur = () => c.el.dispatchEvent(new c.window.FocusEvent('blur'));
-    blur(), c.key('keydown', 'Enter'), blur(), c.key('keyup', 'Enter');
-    assert.deepEqual(c.log().map((e) => e.slice(0, 2)), [['press', '1'], ['unpress', 'blur']]);
-  });
+test('blur ends a press; no unpress without a press', () => {
+  const c = control();
+  const blur = () => c.el.dispatchEvent(new c.window.FocusEvent('blur'));
+  blur(), c.key('keydown', 'Enter'), blur(), c.key('keyup', 'Enter');
+  assert.deepEqual(c.log().map((e) => e.slice(0, 2)), [['press', '1'], ['unpress', 'blur']]);
+});
 
-  test('$resize hears the window until removed; a page defines its own attribute on top of press', () => {
-    const p = page(`<div id=r $resize="\${(d, el, w, h) => d.sizes.push([el.id, w, h])}" @if="\${d => d.on}" $toggle></div>`);
-    p.Zelmar.global.attributes.toggle = (el) => p.Zelmar.global.attributes.press(el, (count) => count === 2 && el.classList.toggle('big'));
-    const state = p.Zelmar.replace(p.document.body, { sizes: [], on: true });
-    p.window.dispatchEvent(new p.window.Event('resize'));
-    const el = p.document.getElementById('r');
-    const click = (type) => el.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true }));
-    ['pointerdown', 'pointerup', 'pointerdown', 'pointerup'].forEach(click);
-    assert.ok(el.classList.contains('big'));
-    state.merge({ on: false });
-    p.window.dispatchEvent(new p.window.Event('resize'));
-    same(p.Zelmar.getRaw(state.data.sizes), [['r', p.window.innerWidth, p.window.innerHeight]]);
-  });
+test('$resize hears the window until removed; a page defines its own attribute on top of press', () => {
+  const p = page(`<div id=r $resize="\${(d, el, w, h) => d.sizes.push([el.id, w, h])}" @if="\${d => d.on}" $toggle></div>`);
+  p.Zelmar.global.attributes.toggle = (el) => p.Zelmar.global.attributes.press(el, (count) => count === 2 && el.classList.toggle('big'));
+  const state = p.Zelmar.replace(p.document.body, { sizes: [], on: true });
+  p.window.dispatchEvent(new p.window.Event('resize'));
+  const el = p.document.getElementById('r');
+  const click = (type) => el.dispatchEvent(new p.window.MouseEvent(type, { bubbles: true }));
+  ['pointerdown', 'pointerup', 'pointerdown', 'pointerup'].forEach(click);
+  assert.ok(el.classList.contains('big'));
+  state.merge({ on: false });
+  p.window.dispatchEvent(new p.window.Event('resize'));
+  same(p.Zelmar.getRaw(state.data.sizes), [['r', p.window.innerWidth, p.window.innerHeight]]);
 });
