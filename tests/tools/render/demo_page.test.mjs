@@ -1,6 +1,5 @@
-// lumbrel-render --demo, rendered once, and its page in headless Chromium as a
-// reader sees it (skipped without playwright-core). Needs LUMBREL_RENDER and
-// LUMBREL_BUNDLE; LUMBREL_UPDATE_DOCS=1 also writes the README's pictures to docs/.
+// lumbrel-render --demo rendered once (LUMBREL_RENDER, LUMBREL_BUNDLE), its page in headless Chromium as a reader
+// sees it; LUMBREL_UPDATE_DOCS=1 also writes the README's pictures to docs/.
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
@@ -54,12 +53,9 @@ test('the demo page reads well and its commands make its files again',
     const page = await browser.newPage();
     await page.goto(pathToFileURL(join(folder, 'index.html')).href);
     await page.waitForFunction(() => Array.from(document.images).every((i) => i.complete));
-    const sections = await page.$$eval('section', (all) => all.map((s) => ({
-      id: s.id,
-      listen: s.querySelector('.listen')?.textContent ?? '',
-      command: s.querySelector('pre.command')?.textContent ?? '',
-      automation: s.querySelectorAll('.automation polyline').length,
-    })));
+    const sections = await page.$$eval('section', (all) => all.map((s) => ({ id: s.id,
+      listen: s.querySelector('.listen')?.textContent ?? '', command: s.querySelector('pre.command')?.textContent ?? '',
+      automation: s.querySelectorAll('.automation polyline').length })));
     assert.equal(sections.length, 10);
     const contents = await page.$$eval('#contents a', (links) => links.map((a) => a.getAttribute('href')));
     assert.deepEqual(contents, sections.map((s) => `#${s.id}`), 'the contents list every example, in order');
@@ -69,18 +65,16 @@ test('the demo page reads well and its commands make its files again',
       assert.equal(s.automation, s.command.includes('--automate') ? 1 : 0, `${s.id}: automation drawn as a course`);
     }
     assert.ok(sections.some((s) => s.automation), 'one example automates');
-    // Every picture loaded; the axis labels of each are at least 12 px and
-    // don't touch one another.
+    // Every picture loaded; its axis labels are at least 12 px and don't touch one another.
     const figures = await page.$$eval('.spectrogram', (all) => all.map((figure) => {
       const img = figure.querySelector('img');
       const boxes = (selector) => Array.from(figure.querySelectorAll(selector)).map((e) => {
-        const r = e.getBoundingClientRect();
-        return { text: e.textContent, top: r.top, bottom: r.bottom, left: r.left, right: r.right,
-          size: parseFloat(getComputedStyle(e).fontSize) };
+        const { top, bottom, left, right } = e.getBoundingClientRect();
+        return { text: e.textContent, top, bottom, left, right, size: parseFloat(getComputedStyle(e).fontSize) };
       });
-      const frame = img.getBoundingClientRect();
+      const { top, bottom } = img.getBoundingClientRect();
       return { loaded: img.complete && img.naturalWidth === 800, hz: boxes('.hz'), seconds: boxes('.seconds span'),
-        top: frame.top, bottom: frame.bottom };
+        top, bottom };
     }));
     assert.equal(figures.length, 20);
     for (const f of figures) {
@@ -101,9 +95,8 @@ test('the demo page reads well and its commands make its files again',
       const [again, first] = [samples(made), samples(`${made}.demo`)];
       assert.ok(first.length > 0 && again.equals(first), `${s.id}: the command makes the same audio`);
     }
-    if (process.env.LUMBREL_UPDATE_DOCS) {
-      await page.locator('#octaver .before .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-input.png') });
-      await page.locator('#octaver .after .spectrogram').screenshot({ path: join(repoDir, 'docs', 'demo-octaver.png') });
+    for (const [part, name] of process.env.LUMBREL_UPDATE_DOCS ? [['before', 'input'], ['after', 'octaver']] : []) {
+      await page.locator(`#octaver .${part} .spectrogram`).screenshot({ path: `${repoDir}/docs/demo-${name}.png` });
     }
   } finally {
     await browser.close();

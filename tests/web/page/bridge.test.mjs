@@ -1,8 +1,5 @@
-// Every plug-in of the built bundle ($LUMBREL_BUILD_DIR, default build/; skipped
-// without it, except under CI), run by lumbrel-editor-host, its embedded page in
-// headless Chromium ($LUMBREL_CHROMIUM) through tools/bridge/editor-bridge.mjs: what the
-// page draws and what its controls do, checked against the plug-in's CLAP side.
-// Screenshots go to $LUMBREL_WEB_OUT/bridge (default build-page/screenshots/bridge).
+// Each plug-in of the built bundle ($LUMBREL_BUILD_DIR) in lumbrel-editor-host, its page in headless Chromium:
+// what the page draws and does, checked against the CLAP side. Screenshots: $LUMBREL_WEB_OUT/bridge.
 import { test, describe, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
@@ -44,12 +41,10 @@ const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 
 /** Polls `read` until `done(value)`; fails with `what` and the last value after `ms`. */
 async function until(read, done, what, ms = 5000) {
-  const deadline = Date.now() + ms;
-  for (;;) {
+  for (const deadline = Date.now() + ms; ; await sleep(25)) {
     const value = await read();
     if (done(value)) return value;
     if (Date.now() > deadline) assert.fail(`${what}; last seen ${JSON.stringify(value)}`);
-    await sleep(25);
   }
 }
 
@@ -76,18 +71,12 @@ before(async () => {
   if (noBuild) return;
   mkdirSync(shots, { recursive: true });
   profile = mkdtempSync(join(tmpdir(), 'lumbrel-chromium-'));
-  context = await chromium.launchPersistentContext(profile, {
-    executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium', headless: true,
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+  context = await chromium.launchPersistentContext(profile, { executablePath: process.env.LUMBREL_CHROMIUM || '/usr/bin/chromium',
+    headless: true, args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
       '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-    viewport: { width: 500, height: 300 }, deviceScaleFactor: 1,
-  });
+    viewport: { width: 500, height: 300 }, deviceScaleFactor: 1 });
 });
-
-after(async () => {
-  await context?.close();
-  if (profile) rmSync(profile, { recursive: true, force: true });
-});
+after(async () => { await context?.close(); if (profile) rmSync(profile, { recursive: true, force: true }); });
 
 describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   let bridge;
@@ -110,8 +99,7 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
     assert.deepEqual([root.status, root.headers.get('location')], [302, `/index.html?ws=${bridge.port}`]);
     const status = (host) => new Promise((r, j) => request({ host: '127.0.0.1', port: bridge.port, path: '/index.html',
       headers: { Host: host } }, (response) => r(response.resume().statusCode)).on('error', j).end());
-    assert.equal(await status('example.com'), 403);
-    assert.equal(await status(`localhost:${bridge.port}`), 200);
+    assert.deepEqual([await status('example.com'), await status(`localhost:${bridge.port}`)], [403, 200]);
     const socket = new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: 'http://example.com' });
     const error = await new Promise((r) => { socket.once('error', r); socket.once('open', () => r(null)); });
     assert.ok(error, 'a WebSocket from a page of another origin is refused');
@@ -119,16 +107,13 @@ describe('the editor bridge', { skip: noBuild, timeout: TIMEOUT * 4 }, () => {
   });
 
   test('"ready" brings the whole state; a meter request brings spectra for its lease, then none', async () => {
-    // A WebSocket client in the page's place; `messages` collects what the plug-in sends, decoded.
-    const socket = new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: origin() });
-    socket.messages = [];
+    const socket = Object.assign(new WebSocket(`ws://127.0.0.1:${bridge.port}/`, { origin: origin() }), { messages: [] });
     socket.on('message', (data) => socket.messages.push(decode(data)));
     await new Promise((r, j) => { socket.once('open', r); socket.once('error', j); });
     socket.send(CBOR.encode('ready'));
     const whole = await until(() => socket.messages.find((m) => m && !Array.isArray(m) && 'name' in m), Boolean, 'no whole state');
     assert.ok(!('analysisSpectrum' in whole), 'the spectrum is the audio thread\'s: it comes with the meters');
-    // One spectrum every 20 ms for 0.3 s: at 48 kHz in blocks of 256, the
-    // interval of 960 samples is passed every 4th block (21.3 ms), so about 14.
+    // One spectrum per 20 ms for 0.3 s: 960 samples pass every 4th block of 256 (21.3 ms), so about 14.
     const start = socket.messages.length;
     socket.send(CBOR.encode(['meters', 0.02, 0.3]));
     await sleep(800);
@@ -166,21 +151,19 @@ for (const { id, name } of plugins) {
     }
 
     const control = (index) => page.locator('label.param-range, label.param-stepped').nth(index);
-    /** The page's text of the parameter at `index`, number and unit together. */
-    const shown = async (index) => (await drawnControls(page))[index][3];
-    /** Waits until the page shows what value_to_text says of the plug-in's value. */
+    /** Waits until the page shows what value_to_text says of the plug-in's value, number and unit together. */
     async function showsPluginText(index) {
       const { text } = await bridge.value(params[index].id);
-      await until(() => shown(index), (s) => s === squeeze(text), `${params[index].name} never showed "${text}"`);
+      await until(async () => (await drawnControls(page))[index][3], (s) => s === squeeze(text),
+        `${params[index].name} never showed "${text}"`);
     }
-    /** Parameter events the plug-in sent the host for `paramId`, until one is `last` (a type or a test). */
-    async function eventsUntil(paramId, last) {
+    /** Parameter events the plug-in sent the host for `paramId`, until one passes `done`. */
+    async function eventsUntil(paramId, done) {
       const events = [];
-      const done = typeof last === 'string' ? (x) => x.type === last : last;
       await until(async () => {
         events.push(...(await bridge.paramEvents()).filter((e) => e.id === paramId));
         return events;
-      }, (e) => e.some(done), `no "${last}" event for ${paramId}`);
+      }, (e) => e.some(done), `no ${done} event for ${paramId}`);
       return events;
     }
 
@@ -191,8 +174,7 @@ for (const { id, name } of plugins) {
       page.on('pageerror', (e) => pageErrors.push(e.message));
     });
     after(async () => {
-      await page?.close();
-      await bridge?.close();
+      await page?.close(); await bridge?.close();
       assert.deepEqual(pageErrors, [], 'the page threw');
       assert.deepEqual(bridge?.exited, { code: 0, signal: null }, 'lumbrel-editor-host ended cleanly');
     });
@@ -200,7 +182,6 @@ for (const { id, name } of plugins) {
     test('loads, says "ready", and draws every parameter the plug-in lists with the plug-in\'s texts', async () => {
       const whole = await open();
       assert.equal(bridge.received[0], 'ready');
-      assert.equal(await page.title(), 'Generic QUORL UI');
       assert.equal(await page.locator('#header').textContent(), whole.name);
       for (const p of params) assert.ok(p.keys.length > 0 && keyPathId(p.keys) === p.id, `id of ${p.name}: ${p.keys.join('.')}`);
       assert.deepEqual(await drawnControls(page),
@@ -214,10 +195,7 @@ for (const { id, name } of plugins) {
       await sleep(300);
       const first = await plotInk(page);
       assert.deepEqual(first.map((c) => c.cls), ['plot-grid', 'plot-data', 'plot-labels']);
-      for (const c of first) {
-        assert.ok(c.width >= 700 && c.height >= 100, `${c.cls} sized ${c.width}x${c.height}`);
-        assert.ok(c.lit > 200, `${c.cls} drew ${c.lit} pixels`);
-      }
+      for (const c of first) assert.ok(c.width >= 700 && c.height >= 100 && c.lit > 200, JSON.stringify(c));
       await sleep(400);
       const second = await plotInk(page);
       assert.notEqual(second[1].sum, first[1].sum, 'the data layer changed');
@@ -238,13 +216,11 @@ for (const { id, name } of plugins) {
         await bridge.paramEvents(); // what earlier gestures left
         await page.mouse.move(x, y);
         await page.mouse.down();
-        await page.mouse.move(x, y + dy / 2, { steps: 5 });
-        await page.mouse.move(x, y + dy, { steps: 5 });
+        for (const to of [dy / 2, dy]) await page.mouse.move(x, y + to, { steps: 5 });
         await page.mouse.up();
-        return eventsUntil(param.id, 'end');
+        return eventsUntil(param.id, (x) => x.type === 'end');
       }
-      // 50 px: a fifth of the range, towards the middle. The host hears one
-      // gesture whose last value is where the drag ended.
+      // 50 px: a fifth of the range, towards the middle; one gesture whose last value is where the drag ended.
       const start = await position();
       const up = start < 0.5;
       const dragged = start + (up ? 0.2 : -0.2);
@@ -254,9 +230,7 @@ for (const { id, name } of plugins) {
       assert.ok(values.length >= 1 && near(dragged)(values.at(-1).value), `last value event ${values.at(-1)?.value}, wanted ${dragged}`);
       assert.ok(near(dragged)(await position()), 'params_get_value after the drag');
       await showsPluginText(index);
-      // A second gesture is one too, though the page may hold a stale
-      // "gesture": true (the reply to its last "rangeUnit" carries the
-      // plug-in's, still true then, and comes after the page's false).
+      // A second gesture is one too, though the page may hold a stale "gesture": true from the last reply.
       await sleep(300);
       const back = (await drag(up ? 50 : -50)).map((e) => e.type);
       assert.ok(back[0] === 'begin' && back.indexOf('end') > 0, back.join());
@@ -286,13 +260,13 @@ for (const { id, name } of plugins) {
       const param = params[index];
       const label = control(index);
       const value = async () => (await bridge.value(param.id)).value;
-      const classOf = async (button) => (await label.locator(`button.${button}`).getAttribute('class')) || '';
+      const marked = async (button) => /\bdisabled\b/.test(await label.locator(`button.${button}`).getAttribute('class'));
       async function press(button, expected) {
         await label.locator(`button.${button}`).click();
         await eventsUntil(param.id, (x) => x.type === 'value' && x.value === expected);
         assert.equal(await value(), expected);
         await showsPluginText(index);
-        await until(async () => [/\bdisabled\b/.test(await classOf('up')), /\bdisabled\b/.test(await classOf('down'))],
+        await until(async () => [await marked('up'), await marked('down')],
           (marked) => marked[0] === (expected >= param.max) && marked[1] === (expected <= param.min), 'a button at an end is marked');
       }
       const start = await value();

@@ -2,23 +2,14 @@
 import { test, describe } from 'node:test';
 import assert from 'node:assert/strict';
 import { createRequire } from 'node:module';
-import { dirname, join } from 'node:path';
-import { fileURLToPath } from 'node:url';
 
-const here = dirname(fileURLToPath(import.meta.url));
-const repo = join(here, '..', '..', '..');
-const CBOR = createRequire(import.meta.url)(join(repo, 'src', 'web', 'page', 'cbor.min.js'));
+const CBOR = createRequire(import.meta.url)('../../../src/web/page/cbor.min.js');
 
-const fromHex = (hex) => {
-  const bytes = new Uint8Array(hex.length / 2);
-  for (let i = 0; i < bytes.length; ++i) bytes[i] = parseInt(hex.substr(i * 2, 2), 16);
-  return bytes;
-};
+const fromHex = (hex) => new Uint8Array(Buffer.from(hex, 'hex')); // a copy: its own buffer, at offset 0
 const toHex = (buffer) => Buffer.from(new Uint8Array(buffer)).toString('hex');
 const decodeHex = (hex) => CBOR.decode(fromHex(hex));
 const bytesOf = (buffer) => Array.from(new Uint8Array(buffer));
-/** A null-prototype object, as the decoder makes maps. */
-const map = (entries) => Object.assign(Object.create(null), entries);
+const map = (entries) => Object.assign(Object.create(null), entries); // as the decoder makes maps
 
 // RFC 8949 Appendix A: [value as decoded, hex, encodes to the same hex].
 const appendixA = [
@@ -80,105 +71,88 @@ test('RFC 8949 Appendix A: every example decodes; those in the encoder\'s own fo
   assert.deepEqual(Object.keys(decodeHex('a1a001')), ['[object Object]']);
 });
 
-describe('encoder', () => {
-  test('shortest integer heads; beyond the safe range and fractions 64-bit floats; bigints with tags 2 and 3', () => {
-    const cases = [[23, '17'], [24, '1818'], [255, '18ff'], [256, '190100'], [65535, '19ffff'],
-      [65536, '1a00010000'], [4294967295, '1affffffff'], [4294967296, '1b0000000100000000'],
-      [Number.MAX_SAFE_INTEGER, '1b001fffffffffffff'], [-24, '37'], [-25, '3818'],
-      [-4294967297, '3b0000000100000000'], [2 ** 53, 'fb4340000000000000'], [0.5, 'fb3fe0000000000000'],
-      [5n, '05'], [-5n, '24'], [2n ** 64n - 1n, '1bffffffffffffffff'], [2n ** 72n, 'c24a01' + '00'.repeat(9)]];
-    for (const [value, hex] of cases) assert.equal(toHex(CBOR.encode(value)), hex, String(value));
-    assert.equal(CBOR.decode(CBOR.encode(-(2n ** 100n))), -(2n ** 100n));
-  });
-
-  test('what the page sends: "ready", meters, a merge with booleans, integers when whole and floats otherwise', () => {
-    const merge = { engineConfig: { latencyMs: { gesture: true, rangeUnit: 0.5 } }, channelMode: { value: 1 } };
-    assert.equal(toHex(CBOR.encode(merge)),
-      'a2' + '6c656e67696e65436f6e666967' + 'a1' + '696c6174656e63794d73' + 'a2' +
-      '6767657374757265' + 'f5' + '6972616e6765556e6974' + 'fb3fe0000000000000' +
-      '6b6368616e6e656c4d6f6465' + 'a1' + '6576616c7565' + '01');
-    assert.equal(toHex(CBOR.encode('ready')), '657265616479');
-    assert.equal(toHex(CBOR.encode(['meters', 1 / 60, 0.3])), '83666d6574657273fb3f91111111111111fb3fd3333333333333');
-  });
-
-  test('large objects get a longer head and come out whole, into a caller\'s scratch buffer too', () => {
-    const big = Object.fromEntries(Array.from({ length: 300 }, (_, i) => ['k' + i, i * 1000.5]));
-    big.text = 'x'.repeat(5000);
-    const bytes = new Uint8Array(CBOR.encode(big));
-    assert.deepEqual(Array.from(bytes.slice(0, 3)), [0xb9, 0x01, 0x2d]);
-    assert.deepEqual({ ...CBOR.decode(bytes) }, big);
-    assert.deepEqual({ ...CBOR.decode(CBOR.encode(big, new ArrayBuffer(16))) }, big);
-  });
+test('shortest integer heads; beyond the safe range and fractions 64-bit floats; bigints with tags 2 and 3', () => {
+  const cases = [[23, '17'], [24, '1818'], [255, '18ff'], [256, '190100'], [65535, '19ffff'],
+    [65536, '1a00010000'], [4294967295, '1affffffff'], [4294967296, '1b0000000100000000'],
+    [Number.MAX_SAFE_INTEGER, '1b001fffffffffffff'], [-24, '37'], [-25, '3818'],
+    [-4294967297, '3b0000000100000000'], [2 ** 53, 'fb4340000000000000'], [0.5, 'fb3fe0000000000000'],
+    [5n, '05'], [-5n, '24'], [2n ** 64n - 1n, '1bffffffffffffffff'], [2n ** 72n, 'c24a01' + '00'.repeat(9)]];
+  for (const [value, hex] of cases) assert.equal(toHex(CBOR.encode(value)), hex, String(value));
+  assert.equal(CBOR.decode(CBOR.encode(-(2n ** 100n))), -(2n ** 100n));
 });
 
-describe('typed arrays', () => {
-  // RFC 8746 tag, element type, values; bytes are made for the tag's own byte order.
-  const kinds = [
-    [64, Uint8Array, [0, 1, 255]], [65, Uint16Array, [0, 1, 65535]], [69, Uint16Array, [0, 258, 65535]],
-    [66, Uint32Array, [1, 4294967295]], [70, Uint32Array, [1, 16909060]],
-    [67, BigUint64Array, [1n, 2n ** 64n - 1n]], [71, BigUint64Array, [1n, 2n ** 40n]], [72, Int8Array, [-128, 0, 127]],
-    [73, Int16Array, [-32768, 1, 32767]], [77, Int16Array, [-2, 300]], [74, Int32Array, [-2147483648, 7]],
-    [78, Int32Array, [-5, 1 << 30]], [75, BigInt64Array, [-(2n ** 63n), 5n]], [79, BigInt64Array, [-1n, 2n ** 62n]],
-    [81, Float32Array, [1.5, -0.25, 3e38]], [85, Float32Array, [1.5, -0.25, 1e-30]],
-    [82, Float64Array, [Math.PI, -1e300]], [86, Float64Array, [Math.E, 5e-324]],
-  ];
+test('large objects get a longer head and come out whole, into a caller\'s scratch buffer too', () => {
+  const big = Object.fromEntries(Array.from({ length: 300 }, (_, i) => ['k' + i, i * 1000.5]));
+  big.text = 'x'.repeat(5000);
+  const bytes = new Uint8Array(CBOR.encode(big));
+  assert.deepEqual(Array.from(bytes.slice(0, 3)), [0xb9, 0x01, 0x2d]);
+  assert.deepEqual({ ...CBOR.decode(bytes) }, big);
+  assert.deepEqual({ ...CBOR.decode(CBOR.encode(big, new ArrayBuffer(16))) }, big);
+});
 
-  test('each RFC 8746 tag decodes to its typed array in either byte order and encodes with the platform\'s tag', () => {
-    for (const [tag, Type, values] of kinds) {
-      const data = new DataView(new ArrayBuffer(values.length * Type.BYTES_PER_ELEMENT));
-      values.forEach((v, i) => data['set' + Type.name.slice(0, -5)](i * Type.BYTES_PER_ELEMENT, v, (tag & 4) !== 0));
-      const decoded = CBOR.decode(new Uint8Array([0xd8, tag, 0x40 + data.byteLength, ...new Uint8Array(data.buffer)]));
-      assert.equal(decoded.constructor, Type, 'tag ' + tag);
-      assert.deepEqual(Array.from(decoded), Array.from(Type.from(values)), 'tag ' + tag);
-      if (tag & 4 || tag === 64 || tag === 72) {
-        const bytes = new Uint8Array(CBOR.encode(decoded));
-        assert.deepEqual(Array.from(bytes.slice(0, 2)), [0xd8, tag], Type.name);
-        assert.deepEqual(Array.from(CBOR.decode(bytes)), Array.from(decoded));
-      }
+// RFC 8746 tag, element type, values; bytes are made for the tag's own byte order.
+const kinds = [
+  [64, Uint8Array, [0, 1, 255]], [65, Uint16Array, [0, 1, 65535]], [69, Uint16Array, [0, 258, 65535]],
+  [66, Uint32Array, [1, 4294967295]], [70, Uint32Array, [1, 16909060]],
+  [67, BigUint64Array, [1n, 2n ** 64n - 1n]], [71, BigUint64Array, [1n, 2n ** 40n]], [72, Int8Array, [-128, 0, 127]],
+  [73, Int16Array, [-32768, 1, 32767]], [77, Int16Array, [-2, 300]], [74, Int32Array, [-2147483648, 7]],
+  [78, Int32Array, [-5, 1 << 30]], [75, BigInt64Array, [-(2n ** 63n), 5n]], [79, BigInt64Array, [-1n, 2n ** 62n]],
+  [81, Float32Array, [1.5, -0.25, 3e38]], [85, Float32Array, [1.5, -0.25, 1e-30]],
+  [82, Float64Array, [Math.PI, -1e300]], [86, Float64Array, [Math.E, 5e-324]],
+];
+
+test('each RFC 8746 tag decodes to its typed array in either byte order and encodes with the platform\'s tag', () => {
+  for (const [tag, Type, values] of kinds) {
+    const data = new DataView(new ArrayBuffer(values.length * Type.BYTES_PER_ELEMENT));
+    values.forEach((v, i) => data['set' + Type.name.slice(0, -5)](i * Type.BYTES_PER_ELEMENT, v, (tag & 4) !== 0));
+    const decoded = CBOR.decode(new Uint8Array([0xd8, tag, 0x40 + data.byteLength, ...new Uint8Array(data.buffer)]));
+    assert.equal(decoded.constructor, Type, 'tag ' + tag);
+    assert.deepEqual(Array.from(decoded), Array.from(Type.from(values)), 'tag ' + tag);
+    if (tag & 4 || tag === 64 || tag === 72) {
+      const bytes = new Uint8Array(CBOR.encode(decoded));
+      assert.deepEqual(Array.from(bytes.slice(0, 2)), [0xd8, tag], Type.name);
+      assert.deepEqual(Array.from(CBOR.decode(bytes)), Array.from(decoded));
     }
-    // A view into a larger buffer writes only its own elements.
-    assert.equal(toHex(CBOR.encode(new Float32Array([1, 2, 3, 4]).subarray(1, 3))), 'd8554800000040' + '00004040');
-  });
-
-  test('tag 85 views the message\'s buffer when aligned, else copies; half floats decode; a partial element is left out', () => {
-    // The array data stands 14 bytes into the message: 82, "meters", a1, "a", tag, head.
-    const message = fromHex('8266' + '6d6574657273' + 'a1' + '6161' + 'd855' + '48' + '0000c03f' + '000080be');
-    const whole = new Uint8Array(64);
-    whole.set(message, 2); // data at 16 in the buffer
-    const rows = CBOR.decode(whole.subarray(2, 2 + message.length))[1].a;
-    assert.ok(rows instanceof Float32Array && rows.buffer === whole.buffer && rows.byteOffset % 4 === 0);
-    assert.deepEqual(Array.from(rows), [1.5, -0.25]);
-    const le = fromHex('d855480000c03f000080be');
-    assert.equal(CBOR.decode(le).buffer === le.buffer, false, 'data at offset 3 is not aligned');
-    assert.deepEqual(Array.from(CBOR.decode(le)), [1.5, -0.25]);
-    assert.deepEqual(Array.from(CBOR.decode(fromHex('d85446' + '003c' + '00c4' + '007c'))), [1, -4, Infinity]);
-    assert.deepEqual(Array.from(CBOR.decode(fromHex('d85044' + '3c00' + '3e00'))), [1, 1.5]);
-    assert.deepEqual(Array.from(CBOR.decode(fromHex('d8554500008040ff'))), [4]);
-  });
+  }
+  // A view into a larger buffer writes only its own elements.
+  assert.equal(toHex(CBOR.encode(new Float32Array([1, 2, 3, 4]).subarray(1, 3))), 'd8554800000040' + '00004040');
 });
 
-describe('decoder errors', () => {
-  const cases = {
-    'end of CBOR': ['', '19', '1901', '6261', '83 01 02', '9f 01', 'a1 01', 'bf 6161', 'd855', '5f 41'],
-    'invalid additional CBOR code': ['1c', '1d', '1e', '3c', '5d', '7e', '9c', 'bd', 'dc', 'fc', 'fd', 'fe'],
-    'invalid indefinite type': ['1f', '3f', 'df', 'ff', '81 ff', 'bf 6161 ff', 'a1 ff 01'],
-    'indefinite bytes with non-byte item': ['5f 6161 ff', '5f 01 ff', '5f 5f ff ff'],
-    'indefinite string with non-string item': ['7f 4161 ff', '7f 80 ff', '7f 7f ff ff'],
-    'unsupported type for 8-byte length': ['5b 0000000000000001 00', '7b 0000000000000000',
-      '9b 0000000000000000', 'bb 0000000000000000'],
-    'invalid simple value': ['f8 00', 'f8 14', 'f8 1f'],
-  };
-  for (const [message, inputs] of Object.entries(cases)) {
-    test(`"${message}"`, () => {
-      for (const hex of inputs) assert.throws(() => decodeHex(hex.replace(/ /g, '')), { message }, hex);
-    });
-  }
+test('tag 85 views the message\'s buffer when aligned, else copies; half floats decode; a partial element is left out', () => {
+  // The array data stands 14 bytes into the message: 82, "meters", a1, "a", tag, head.
+  const message = fromHex('8266' + '6d6574657273' + 'a1' + '6161' + 'd855' + '48' + '0000c03f' + '000080be');
+  const whole = new Uint8Array(64);
+  whole.set(message, 2); // data at 16 in the buffer
+  const rows = CBOR.decode(whole.subarray(2, 2 + message.length))[1].a;
+  assert.ok(rows instanceof Float32Array && rows.buffer === whole.buffer && rows.byteOffset % 4 === 0);
+  assert.deepEqual(Array.from(rows), [1.5, -0.25]);
+  const le = fromHex('d855480000c03f000080be');
+  assert.equal(CBOR.decode(le).buffer === le.buffer, false, 'data at offset 3 is not aligned');
+  assert.deepEqual(Array.from(CBOR.decode(le)), [1.5, -0.25]);
+  assert.deepEqual(Array.from(CBOR.decode(fromHex('d85446' + '003c' + '00c4' + '007c'))), [1, -4, Infinity]);
+  assert.deepEqual(Array.from(CBOR.decode(fromHex('d85044' + '3c00' + '3e00'))), [1, 1.5]);
+  assert.deepEqual(Array.from(CBOR.decode(fromHex('d8554500008040ff'))), [4]);
+});
 
-  test('8-byte integers and tags are fine; what follows the first item is ignored; only bytes are read', () => {
-    assert.equal(decodeHex('1b0000000000000005'), 5);
-    assert.equal(decodeHex('db00000000000003e805'), 5);
-    assert.equal(decodeHex('f820').value, 32);
-    assert.equal(decodeHex('657265616479000000'), 'ready', 'as in a zero-padded base64 message');
-    assert.throws(() => CBOR.decode('a0'), TypeError);
+const cases = {
+  'end of CBOR': ['', '19', '1901', '6261', '83 01 02', '9f 01', 'a1 01', 'bf 6161', 'd855', '5f 41'],
+  'invalid additional CBOR code': ['1c', '1d', '1e', '3c', '5d', '7e', '9c', 'bd', 'dc', 'fc', 'fd', 'fe'],
+  'invalid indefinite type': ['1f', '3f', 'df', 'ff', '81 ff', 'bf 6161 ff', 'a1 ff 01'],
+  'indefinite bytes with non-byte item': ['5f 6161 ff', '5f 01 ff', '5f 5f ff ff'],
+  'indefinite string with non-string item': ['7f 4161 ff', '7f 80 ff', '7f 7f ff ff'],
+  'unsupported type for 8-byte length': ['5b 0000000000000001 00', '7b 0000000000000000',
+    '9b 0000000000000000', 'bb 0000000000000000'],
+  'invalid simple value': ['f8 00', 'f8 14', 'f8 1f'],
+};
+for (const [message, inputs] of Object.entries(cases)) {
+  test(`"${message}"`, () => {
+    for (const hex of inputs) assert.throws(() => decodeHex(hex.replace(/ /g, '')), { message }, hex);
   });
+}
+
+test('8-byte integers and tags are fine; what follows the first item is ignored; only bytes are read', () => {
+  for (const hex of ['1b0000000000000005', 'db00000000000003e805']) assert.equal(decodeHex(hex), 5, hex);
+  assert.equal(decodeHex('f820').value, 32);
+  assert.equal(decodeHex('657265616479000000'), 'ready', 'as in a zero-padded base64 message');
+  assert.throws(() => CBOR.decode('a0'), TypeError);
 });
