@@ -323,12 +323,8 @@ Sound measure(Path path, double sineHz, double semitones) {
 		s.toneLevel = dB(rms(out, from, from + length) / rms(in, from, from + length));
 	}
 	for (int direction : {1, -1}) {
-		const std::size_t frames = std::size_t(6.5 * rate);
-		std::vector<double> hz(frames);
-		for (std::size_t i = 0; i < frames; ++i) {
-			const double t = std::clamp(double(i) / rate - 0.25, 0.0, 6.0);
-			hz[i] = direction > 0 ? 110 * std::exp2(0.5 * t) : 880 * std::exp2(-0.5 * t);
-		}
+		const std::vector<double> hz = glideHz(direction, 110, 880, rate);
+		const std::size_t frames = hz.size();
 		auto fx = make(path, semitones, std::size_t(-1));
 		const auto out = run(*fx, fromPhase(phaseOf(hz, rate), 0.25));
 		std::vector<double> outHz(frames);

@@ -265,12 +265,8 @@ Results measure(const std::function<std::unique_ptr<Shifter>(double)> &make, con
 
 		// Sweeps of half an octave per second over three octaves, 110 to 880 Hz, up and down.
 		for (int direction : {1, -1}) {
-			const std::size_t frames = std::size_t(6.5 * rate);
-			std::vector<double> hz(frames);
-			for (std::size_t i = 0; i < frames; ++i) {
-				const double t = std::clamp(double(i) / rate - 0.25, 0.0, 6.0);
-				hz[i] = direction > 0 ? 110 * std::exp2(0.5 * t) : 880 * std::exp2(-0.5 * t);
-			}
+			const std::vector<double> hz = glideHz(direction, 110, 880, rate);
+			const std::size_t frames = hz.size();
 			const Signal in = fromPhase(phaseOf(hz, rate), 0.25);
 			auto fresh = make(semitones);
 			const Signal out = hostOutput(*fresh, in);

@@ -82,12 +82,8 @@ TEST(PitchQuality, SweepsHaveNoBiasAndABoundedLag) {
 	// smoothed frequency).
 	double up = 0, down = 0;
 	for (int direction : {1, -1}) {
-		const std::size_t frames = std::size_t(4.5 * rate);
-		std::vector<double> hz(frames);
-		for (std::size_t i = 0; i < frames; ++i) {
-			const double t = std::clamp(double(i) / rate - 0.25, 0.0, 4.0);
-			hz[i] = direction > 0 ? 110 * std::exp2(0.5 * t) : 440 * std::exp2(-0.5 * t);
-		}
+		const std::vector<double> hz = glideHz(direction, 110, 440, rate);
+		const std::size_t frames = hz.size();
 		const auto out = shifted(fromPhase(phaseOf(hz, rate), 0.25), -12);
 		ASSERT_EQ(out.size(), frames);
 		const auto outHz = expectedHz(hz, -12);

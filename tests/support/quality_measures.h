@@ -23,6 +23,18 @@ inline std::vector<double> phaseOf(const std::vector<double> &hz, double sampleR
 	return phase;
 }
 
+// A glide of half an octave per second between `low` and `high` Hz, up (direction > 0) or down, held for a quarter of
+// a second at each end: its frequency per sample.
+inline std::vector<double> glideHz(int direction, double low, double high, double sampleRate) {
+	const double seconds = 2 * std::log2(high / low);
+	std::vector<double> hz(std::size_t((seconds + 0.5) * sampleRate));
+	for (std::size_t i = 0; i < hz.size(); ++i) {
+		const double t = std::clamp(double(i) / sampleRate - 0.25, 0.0, seconds);
+		hz[i] = direction > 0 ? low * std::exp2(0.5 * t) : high * std::exp2(-0.5 * t);
+	}
+	return hz;
+}
+
 inline std::vector<float> fromPhase(const std::vector<double> &phase, double amplitude) {
 	std::vector<float> x(phase.size());
 	for (std::size_t i = 0; i < x.size(); ++i) x[i] = float(amplitude * std::sin(phase[i]));
