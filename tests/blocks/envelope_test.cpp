@@ -101,6 +101,8 @@ TEST(Envelope, SmoothingSpreadsEnergyAcrossBandsByItsWidth) {
 		for (float v : row) sum += v > 1e-29f ? v : 0;
 		EXPECT_TRUE(halfWidth >= c.low && halfWidth <= c.high) << c.smoothing << ": " << halfWidth;
 		EXPECT_NEAR(sum, 1.0, c.smoothing == 0 ? 1e-6 : 0.01) << c.smoothing;
-		if (c.smoothing == 0) EXPECT_EQ(row[k], 1.0f);
+		if (c.smoothing == 0) {
+			EXPECT_EQ(row[k], 1.0f);
+		}
 	}
 }
