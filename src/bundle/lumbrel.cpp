@@ -25,6 +25,11 @@ clap_plugin_descriptor descriptor(const char *id, const char *name) {
 }
 
 bool clap_init(const char *path) {
+	// Hosts may call init again (after deinit, or by mistake without one); the
+	// table is made once. Calls into the entry never overlap, so a flag will do.
+	static bool registered = false;
+	if (registered) return plugins.clap_init(path);
+	registered = true;
 	plugins.add<PitchShifterQUORL>(descriptor("varkesh.lumbrel.pitch-shifter-layer1", "Lumbrel: Pitch Shifter"),
 		{CLAP_PLUGIN_FEATURE_AUDIO_EFFECT, CLAP_PLUGIN_FEATURE_PITCH_SHIFTER});
 	plugins.add<OctaverQUORL>(descriptor("varkesh.lumbrel.octaver", "Lumbrel: Octaver"),

@@ -66,6 +66,11 @@ TEST_F(HostContract, TenPlugInsByIdTheirStatesAndTextsReadBackAndWhatIsNotTheirs
 	for (const char *id : {"clap.plugin-factory2", "clap.plugin-factor", ""}) EXPECT_FALSE(bundle->entry().get_factory(id)) << id;
 	ASSERT_EQ(bundle->count(), 10u);
 	EXPECT_EQ(bundle->descriptor(10), nullptr);
+	// A repeated init, with or without a deinit between, keeps the list as it is.
+	EXPECT_TRUE(bundle->entry().init(bundle->path().c_str()));
+	bundle->entry().deinit();
+	EXPECT_TRUE(bundle->entry().init(bundle->path().c_str()));
+	ASSERT_EQ(bundle->count(), 10u);
 	Host host;
 	for (const char *id : {"varkesh.lumbrel.octave", ""}) EXPECT_FALSE(Instance(*bundle, id, host).valid()) << id;
 	std::set<std::string> ids;
