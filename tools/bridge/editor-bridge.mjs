@@ -142,10 +142,13 @@ export async function startEditorBridge({
   // program, which then stops the host in order; the host also stops by
   // itself when its input closes, however this program ends.
   const child = spawn(hostProgram, args, { stdio: ['pipe', 'pipe', 'pipe'], detached: true });
+  // Until the host is ready its errors are held back: if it stops then, its
+  // own line becomes the one error this program reports.
   let stderrText = '';
+  let ready = false;
   child.stderr.on('data', (d) => {
-    stderrText += d;
-    stderr(String(d));
+    if (ready) stderr(String(d));
+    else stderrText += d;
   });
 
   const bridge = {
@@ -195,9 +198,14 @@ export async function startEditorBridge({
   bridge.done = new Promise((resolveDone) => child.once('exit', (code, signal) => resolveDone({ code, signal })));
   child.on('exit', (code, signal) => {
     bridge.exited = { code, signal };
-    hello.reject(new Error(`editor-bridge: lumbrel-editor-host stopped (${signal || code}) before it was ready: ${stderrText.trim()}`));
     for (const waiting of pending.values()) waiting.reject(stopped());
     pending.clear();
+  });
+  // After 'close' the host's error stream has been read to its end.
+  child.once('close', (code, signal) => {
+    const said = stderrText.trim();
+    hello.reject(new Error(said.startsWith('lumbrel-editor-host: ') && !said.includes('\n') ? said
+      : `editor-bridge: lumbrel-editor-host stopped (${signal || code}) before it was ready${said ? ': ' + said : ''}`));
   });
   child.stdin.on('error', () => {}); // a host that has gone shows in 'exit'
 
@@ -214,6 +222,8 @@ export async function startEditorBridge({
 
   try {
     bridge.plugin = await helloPromise;
+    ready = true;
+    if (stderrText) stderr(stderrText);
   } catch (e) {
     child.kill();
     throw e;
@@ -417,7 +427,7 @@ if (process.argv[1] && resolve(process.argv[1]) === fileURLToPath(import.meta.ur
   main(process.argv.slice(2)).then((code) => {
     if (code !== null) process.exitCode = code;
   }, (e) => {
-    console.error(e.message.startsWith('editor-bridge:') ? e.message : `editor-bridge: ${e.message}`);
+    console.error(/^(editor-bridge|lumbrel-editor-host): /.test(e.message) ? e.message : `editor-bridge: ${e.message}`);
     process.exitCode = 1;
   });
 }

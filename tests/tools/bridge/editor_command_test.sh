@@ -33,7 +33,7 @@ run() { env -i HOME="$home" PATH="$(dirname "$editor"):/usr/local/bin:/usr/bin:/
 
 run lumbrel-editor --help | grep -q "lumbrel-editor swell" || fail "--help shows no example"
 run lumbrel-editor --list | grep -q "varkesh.lumbrel.swell" || fail "--list lacks swell"
-! run lumbrel-editor no-such-effect 2> "$root/err.txt" && [ -s "$root/err.txt" ] || fail "an unknown effect started or said nothing"
+! run lumbrel-editor no-such-effect 2> "$root/err.txt" && [ "$(wc -l < "$root/err.txt")" = 1 ] || fail "an unknown effect started, or did not say so in one line"
 
 # The one command of the README, a simple command so that $! is the program's.
 env -i HOME="$home" PATH="$(dirname "$editor"):/usr/local/bin:/usr/bin:/bin" \
