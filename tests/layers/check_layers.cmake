@@ -2,9 +2,9 @@
 cmake_minimum_required(VERSION 3.24)
 set(failures 0)
 function(preprocess header flags result output)
-  file(WRITE ${WORK}/probe.cpp "#include \"${header}\"\n")
-  execute_process(COMMAND ${CXX} -std=c++17 -E -o /dev/null ${flags} ${WORK}/probe.cpp
-    RESULT_VARIABLE code ERROR_VARIABLE error OUTPUT_QUIET)
+  # No scratch file, so that runs side by side do not share one.
+  execute_process(COMMAND ${CXX} -std=c++17 -x c++ -E -o /dev/null ${flags} -include ${header} /dev/null
+    WORKING_DIRECTORY ${WORK} RESULT_VARIABLE code ERROR_VARIABLE error OUTPUT_QUIET)
   set(${result} ${code} PARENT_SCOPE)
   set(${output} "${error}" PARENT_SCOPE)
 endfunction()
