@@ -149,6 +149,10 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 	float *__restrict e = energyBuffer.data();
 	float *__restrict h = hzBuffer.data();
 
+	const float width = smoothing * 0.01f * effect.resolution;
+	const bool smoothEnergy = width > 1e-18f && n > 0 && channels > 0;
+	const bool weighted = smoothHz && smoothEnergy;
+
 	{
 		const float *__restrict re = effect.inputReal(0);
 		const float *__restrict im = effect.inputImag(0);
@@ -160,95 +164,113 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		const float *__restrict im = effect.inputImag(c);
 		for (std::size_t b = 0; b < n; ++b) e[b] += re[b] * re[b] + im[b] * im[b];
 	}
+	// The frequencies are weighted by the energy before its smoothing, which
+	// runs in the channels' loops below: keep a copy where they will go.
+	if (weighted) std::copy(e, e + n, h);
 	energy = e;
-
-	const float width = smoothing * 0.01f * effect.resolution;
-	const bool weighted = smoothHz && width >= 1e-18f;
-	const bool fuseEnergy = !weighted && width > 1e-18f && n > 0 && channels > 0;
 
 	// Frequency of each band from the phase step of its values since the last
 	// frame, summed over the channels (so weighted by their energy), against
 	// the step of the band's own frequency. It follows a glide at once, where
 	// the analysis' measured frequency trails it by its memory. A band with no
 	// history yet (or silent) reads its own frequency.
-	{
-		const float *__restrict rotR = rotateReal.data();
-		const float *__restrict rotI = rotateImag.data();
-		const float *__restrict nominal = nominalHz.data();
-		float *__restrict sr = stepReal.data();
-		float *__restrict si = stepImag.data();
-		std::fill(sr, sr + n, 0.0f);
-		std::fill(si, si + n, 0.0f);
-		if (n > 0) {
-			// Two channels at a time: the smoothing is a serial chain per
-			// channel. The energy's smoothing, when it is not weighted, is one
-			// more chain and runs with the first two.
-			std::size_t c = 0;
-			if (fuseEnergy) {
-				const float ea = 1 / (width + 1), eb = 1 - ea;
-				if (channels >= 2) {
-					stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
-				} else {
-					stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
-				}
-				c = std::min<std::size_t>(channels, 2);
+	const float *__restrict rotR = rotateReal.data();
+	const float *__restrict rotI = rotateImag.data();
+	const float *__restrict nominal = nominalHz.data();
+	float *__restrict sr = stepReal.data();
+	float *__restrict si = stepImag.data();
+	std::fill(sr, sr + n, 0.0f);
+	std::fill(si, si + n, 0.0f);
+	const float ea = 1 / (width + 1), eb = 1 - ea;
+	if (n > 0) {
+		// Two channels at a time: the smoothing is a serial chain per channel.
+		// The energy's smoothing is one more chain and runs with the first two.
+		std::size_t c = 0;
+		if (smoothEnergy) {
+			if (channels >= 2) {
+				stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
+			} else {
+				stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
 			}
-			for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
-			if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
+			c = std::min<std::size_t>(channels, 2);
 		}
-		const float hzPerRadian = effect.subRate / 6.2831855f;
+		for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
+		if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
+	}
+	const float hzPerRadian = effect.subRate / 6.2831855f;
+	const auto bandHz = [&](std::size_t b) {
+		// The step beyond the band's own: rotate back by the nominal step.
+		const float x = sr[b] * rotR[b] + si[b] * rotI[b];
+		const float y = si[b] * rotR[b] - sr[b] * rotI[b];
+		return nominal[b] + hzPerRadian * angleOf(y, x);
+	};
+	hz = h;
+	if (!weighted) {
+		for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b);
+	} else {
+		// The frequency times the energy, smoothed across bands as smoothBands
+		// does (backward, then forward), and divided by the smoothed energy.
+		// The backward pass runs in blocks from the top, each block's
+		// frequencies computed as a vector first, so that their work overlaps
+		// the serial chain of the block before.
+		constexpr std::size_t block = 8;
+		std::size_t i = n - 1;
+		h[i] = bandHz(i) * h[i];
+		float s = h[i];
+		while (i > 1) {
+			const std::size_t from = i > block ? i - block : 1;
+			for (std::size_t b = from; b < i; ++b) h[b] = bandHz(b) * h[b];
+			for (std::size_t b = i; b-- > from;) {
+				s = h[b] * ea + s * eb;
+				h[b] = s;
+			}
+			i = from;
+		}
+		if (n > 1) h[0] = bandHz(0) * h[0];
 		for (std::size_t b = 0; b < n; ++b) {
-			// The step beyond the band's own: rotate back by the nominal step.
-			const float x = sr[b] * rotR[b] + si[b] * rotI[b];
-			const float y = si[b] * rotR[b] - sr[b] * rotI[b];
-			h[b] = nominal[b] + hzPerRadian * angleOf(y, x);
+			s = h[b] * ea + s * eb;
+			h[b] = s / (e[b] + 1e-30f);
 		}
-		hz = h;
-	}
-
-	if (weighted) {
-		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] * e[b];
-	}
-	if (width > 1e-18f) {
-		if (weighted) {
-			float *const rows[] = {e, h};
-			smoothBandsRows(rows, n, width);
-		} else if (!fuseEnergy) {
-			smoothBands(e, n, width);
-		}
-	}
-	if (weighted) {
-		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] / (e[b] + 1e-30f);
 	}
 
 	walk(n);
 }
 
 void Peaks<float>::walk(std::size_t n) {
-	const float *e = energy;
-	const float *f = hz;
+	const float *__restrict e = energy;
+	const float *__restrict f = hz;
 	peaks.clear();
 	std::size_t start = 0;
 	while (start < n) {
+		// The sums run along the climb and the descent, in band order from the
+		// peak's first band (a sum from 0 starts with that band's own value),
+		// rather than in a third loop of their own: one exit fewer to mispredict
+		// per peak, and their chains overlap the search.
 		std::size_t i = start;
-		while (i + 1 < n && e[i + 1] >= e[i]) ++i;
+		float sum = e[i], weighted = e[i] * f[i];
+		while (i + 1 < n && e[i + 1] >= e[i]) {
+			++i;
+			sum += e[i];
+			weighted += e[i] * f[i];
+		}
 		const std::size_t top = i;
-
-		std::size_t end = n;
-		for (; i + 1 < n; ++i) {
-			if (e[i + 1] > e[i]) {
-				// i is the valley; it joins the next peak if that side is higher.
-				end = (i + 1 >= 3 && e[i + 1] > e[i - 1]) ? i : i + 1;
-				break;
-			}
+		float sumBefore = sum, weightedBefore = weighted;
+		while (i + 1 < n && !(e[i + 1] > e[i])) {
+			++i;
+			sumBefore = sum;
+			weightedBefore = weighted;
+			sum += e[i];
+			weighted += e[i] * f[i];
 		}
-
-		float sum = 0, weightedHz = 0;
-		for (std::size_t b = start; b < end; ++b) {
-			sum += e[b];
-			weightedHz += e[b] * f[b];
+		// i is the valley (or the last band); it joins the next peak if that side
+		// is higher.
+		std::size_t end = i + 1;
+		if (end < n && i >= 2 && e[i + 1] > e[i - 1]) {
+			end = i;
+			sum = sumBefore;
+			weighted = weightedBefore;
 		}
-		peaks.push_back(Peak<float>{start, end, top, sum, weightedHz / (sum + 1e-30f)});
+		peaks.push_back(Peak<float>{start, end, top, sum, weighted / (sum + 1e-30f)});
 		start = end;
 	}
 }
