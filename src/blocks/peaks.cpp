@@ -107,6 +107,68 @@ void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t
 	}
 }
 
+// The frequency of each band for the walk: as it stands, or (SmoothedHz)
+// computed on the way by the last pass of the weighted frequency's smoothing,
+// its forward pass and the division by the smoothed energy, so that the walk
+// overlaps that serial chain. `next` is called once per band, in band order;
+// `again` reads a band's value once more.
+struct GivenHz {
+	const float *__restrict f;
+	float next(std::size_t b) { return f[b]; }
+	float again(std::size_t b) const { return f[b]; }
+};
+
+struct SmoothedHz {
+	float *__restrict h;
+	const float *__restrict e;
+	float s, ea, eb;
+	float next(std::size_t b) {
+		s = h[b] * ea + s * eb;
+		return h[b] = s / (e[b] + 1e-30f);
+	}
+	float again(std::size_t b) const { return h[b]; }
+};
+
+template<typename Hz>
+void walkBands(BumpVector<Peak<float>> &peaks, const float *__restrict e, std::size_t n, Hz f) {
+	peaks.clear();
+	std::size_t start = 0;
+	bool seen = false; // the first band was last peak's valley
+	while (start < n) {
+		// The sums run along the climb and the descent, in band order from the
+		// peak's first band (a sum from 0 starts with that band's own value),
+		// rather than in a third loop of their own: one exit fewer to mispredict
+		// per peak, and their chains overlap the search.
+		std::size_t i = start;
+		float sum = e[i], weighted = e[i] * (seen ? f.again(i) : f.next(i));
+		while (i + 1 < n && e[i + 1] >= e[i]) {
+			++i;
+			sum += e[i];
+			weighted += e[i] * f.next(i);
+		}
+		const std::size_t top = i;
+		float sumBefore = sum, weightedBefore = weighted;
+		while (i + 1 < n && !(e[i + 1] > e[i])) {
+			++i;
+			sumBefore = sum;
+			weightedBefore = weighted;
+			sum += e[i];
+			weighted += e[i] * f.next(i);
+		}
+		// i is the valley (or the last band); it joins the next peak if that side
+		// is higher.
+		std::size_t end = i + 1;
+		seen = end < n && i >= 2 && e[i + 1] > e[i - 1];
+		if (seen) {
+			end = i;
+			sum = sumBefore;
+			weighted = weightedBefore;
+		}
+		peaks.push_back(Peak<float>{start, end, top, sum, weighted / (sum + 1e-30f)});
+		start = end;
+	}
+}
+
 } // namespace
 
 void Peaks<float>::init(LumbrelEffect<float> &effect) {
@@ -207,64 +269,25 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 	hz = h;
 	if (!weighted) {
 		for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b);
-	} else {
-		// The frequency times the energy, smoothed across bands as smoothBands
-		// does (backward, then forward), and divided by the smoothed energy in
-		// the forward pass. (A blocked form of these two recursions, equal but
-		// for rounding, moved the output of frequency snap by -79 dB: the
-		// frequencies' rounding adds up in the phases.)
-		for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b) * h[b];
-		float s = h[n - 1];
-		for (std::size_t b = n - 1; b-- > 1;) {
-			s = h[b] * ea + s * eb;
-			h[b] = s;
-		}
-		for (std::size_t b = 0; b < n; ++b) {
-			s = h[b] * ea + s * eb;
-			h[b] = s / (e[b] + 1e-30f);
-		}
+		walk(n);
+		return;
 	}
-
-	walk(n);
+	// The frequency times the energy, smoothed across bands as smoothBands does
+	// (backward, then forward) and divided by the smoothed energy; the walk runs
+	// the forward pass and the division. (A blocked form of these recursions,
+	// equal but for rounding, moved the output of frequency snap by -79 dB: the
+	// frequencies' rounding adds up in the phases.)
+	for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b) * h[b];
+	float s = h[n - 1];
+	for (std::size_t b = n - 1; b-- > 1;) {
+		s = h[b] * ea + s * eb;
+		h[b] = s;
+	}
+	walkBands(peaks, e, n, SmoothedHz{h, e, s, ea, eb});
 }
 
 void Peaks<float>::walk(std::size_t n) {
-	const float *__restrict e = energy;
-	const float *__restrict f = hz;
-	peaks.clear();
-	std::size_t start = 0;
-	while (start < n) {
-		// The sums run along the climb and the descent, in band order from the
-		// peak's first band (a sum from 0 starts with that band's own value),
-		// rather than in a third loop of their own: one exit fewer to mispredict
-		// per peak, and their chains overlap the search.
-		std::size_t i = start;
-		float sum = e[i], weighted = e[i] * f[i];
-		while (i + 1 < n && e[i + 1] >= e[i]) {
-			++i;
-			sum += e[i];
-			weighted += e[i] * f[i];
-		}
-		const std::size_t top = i;
-		float sumBefore = sum, weightedBefore = weighted;
-		while (i + 1 < n && !(e[i + 1] > e[i])) {
-			++i;
-			sumBefore = sum;
-			weightedBefore = weighted;
-			sum += e[i];
-			weighted += e[i] * f[i];
-		}
-		// i is the valley (or the last band); it joins the next peak if that side
-		// is higher.
-		std::size_t end = i + 1;
-		if (end < n && i >= 2 && e[i + 1] > e[i - 1]) {
-			end = i;
-			sum = sumBefore;
-			weighted = weightedBefore;
-		}
-		peaks.push_back(Peak<float>{start, end, top, sum, weighted / (sum + 1e-30f)});
-		start = end;
-	}
+	walkBands(peaks, energy, n, GivenHz{hz});
 }
 
 } // namespace varkesh::lumbrel
