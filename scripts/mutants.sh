@@ -69,7 +69,7 @@ fault frame "stepped text clamps to one end only" src/frame/stepped_param_info.c
 fault blocks "envelope rate off by one period" src/blocks/envelope.cpp \
 	'r[b] = 1 / (period * r[b] + 1);' 'r[b] = 1 / (period * r[b] + 2);'
 fault blocks "peak walk stops on a plateau" src/blocks/peaks.cpp \
-	'while (i + 1 < n && e[i + 1] >= e[i]) ++i;' 'while (i + 1 < n && e[i + 1] > e[i]) ++i;'
+	'while (i + 1 < n && e[i + 1] >= e[i]) {' 'while (i + 1 < n && e[i + 1] > e[i]) {'
 fault blocks "semitone ratio slightly flat" src/blocks/peak_shifter.h \
 	'ratio = std::exp2(semitones * 0.083333336f);' 'ratio = std::exp2(semitones * 0.0825f);'
 fault blocks "noise removal wet/dry weights swapped" src/blocks/noise_removal.cpp \

@@ -107,6 +107,68 @@ void stepChannels(LumbrelEffect<float> &effect, Peaks<float> &peaks, std::size_t
 	}
 }
 
+// The frequency of each band for the walk: as it stands, or (SmoothedHz)
+// computed on the way by the last pass of the weighted frequency's smoothing,
+// its forward pass and the division by the smoothed energy, so that the walk
+// overlaps that serial chain. `next` is called once per band, in band order;
+// `again` reads a band's value once more.
+struct GivenHz {
+	const float *__restrict f;
+	float next(std::size_t b) { return f[b]; }
+	float again(std::size_t b) const { return f[b]; }
+};
+
+struct SmoothedHz {
+	float *__restrict h;
+	const float *__restrict e;
+	float s, ea, eb;
+	float next(std::size_t b) {
+		s = h[b] * ea + s * eb;
+		return h[b] = s / (e[b] + 1e-30f);
+	}
+	float again(std::size_t b) const { return h[b]; }
+};
+
+template<typename Hz>
+void walkBands(BumpVector<Peak<float>> &peaks, const float *__restrict e, std::size_t n, Hz f) {
+	peaks.clear();
+	std::size_t start = 0;
+	bool seen = false; // the first band was last peak's valley
+	while (start < n) {
+		// The sums run along the climb and the descent, in band order from the
+		// peak's first band (a sum from 0 starts with that band's own value),
+		// rather than in a third loop of their own: one exit fewer to mispredict
+		// per peak, and their chains overlap the search.
+		std::size_t i = start;
+		float sum = e[i], weighted = e[i] * (seen ? f.again(i) : f.next(i));
+		while (i + 1 < n && e[i + 1] >= e[i]) {
+			++i;
+			sum += e[i];
+			weighted += e[i] * f.next(i);
+		}
+		const std::size_t top = i;
+		float sumBefore = sum, weightedBefore = weighted;
+		while (i + 1 < n && !(e[i + 1] > e[i])) {
+			++i;
+			sumBefore = sum;
+			weightedBefore = weighted;
+			sum += e[i];
+			weighted += e[i] * f.next(i);
+		}
+		// i is the valley (or the last band); it joins the next peak if that side
+		// is higher.
+		std::size_t end = i + 1;
+		seen = end < n && i >= 2 && e[i + 1] > e[i - 1];
+		if (seen) {
+			end = i;
+			sum = sumBefore;
+			weighted = weightedBefore;
+		}
+		peaks.push_back(Peak<float>{start, end, top, sum, weighted / (sum + 1e-30f)});
+		start = end;
+	}
+}
+
 } // namespace
 
 void Peaks<float>::init(LumbrelEffect<float> &effect) {
@@ -149,6 +211,10 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 	float *__restrict e = energyBuffer.data();
 	float *__restrict h = hzBuffer.data();
 
+	const float width = smoothing * 0.01f * effect.resolution;
+	const bool smoothEnergy = width > 1e-18f && n > 0 && channels > 0;
+	const bool weighted = smoothHz && smoothEnergy;
+
 	{
 		const float *__restrict re = effect.inputReal(0);
 		const float *__restrict im = effect.inputImag(0);
@@ -160,97 +226,68 @@ void Peaks<float>::update(LumbrelEffect<float> &effect, bool smoothHz) {
 		const float *__restrict im = effect.inputImag(c);
 		for (std::size_t b = 0; b < n; ++b) e[b] += re[b] * re[b] + im[b] * im[b];
 	}
+	// The frequencies are weighted by the energy before its smoothing, which
+	// runs in the channels' loops below: keep a copy where they will go.
+	if (weighted) std::copy(e, e + n, h);
 	energy = e;
-
-	const float width = smoothing * 0.01f * effect.resolution;
-	const bool weighted = smoothHz && width >= 1e-18f;
-	const bool fuseEnergy = !weighted && width > 1e-18f && n > 0 && channels > 0;
 
 	// Frequency of each band from the phase step of its values since the last
 	// frame, summed over the channels (so weighted by their energy), against
 	// the step of the band's own frequency. It follows a glide at once, where
 	// the analysis' measured frequency trails it by its memory. A band with no
 	// history yet (or silent) reads its own frequency.
-	{
-		const float *__restrict rotR = rotateReal.data();
-		const float *__restrict rotI = rotateImag.data();
-		const float *__restrict nominal = nominalHz.data();
-		float *__restrict sr = stepReal.data();
-		float *__restrict si = stepImag.data();
-		std::fill(sr, sr + n, 0.0f);
-		std::fill(si, si + n, 0.0f);
-		if (n > 0) {
-			// Two channels at a time: the smoothing is a serial chain per
-			// channel. The energy's smoothing, when it is not weighted, is one
-			// more chain and runs with the first two.
-			std::size_t c = 0;
-			if (fuseEnergy) {
-				const float ea = 1 / (width + 1), eb = 1 - ea;
-				if (channels >= 2) {
-					stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
-				} else {
-					stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
-				}
-				c = std::min<std::size_t>(channels, 2);
+	const float *__restrict rotR = rotateReal.data();
+	const float *__restrict rotI = rotateImag.data();
+	const float *__restrict nominal = nominalHz.data();
+	float *__restrict sr = stepReal.data();
+	float *__restrict si = stepImag.data();
+	std::fill(sr, sr + n, 0.0f);
+	std::fill(si, si + n, 0.0f);
+	const float ea = 1 / (width + 1), eb = 1 - ea;
+	if (n > 0) {
+		// Two channels at a time: the smoothing is a serial chain per channel.
+		// The energy's smoothing is one more chain and runs with the first two.
+		std::size_t c = 0;
+		if (smoothEnergy) {
+			if (channels >= 2) {
+				stepChannels<2, true>(effect, *this, 0, sr, si, e, ea, eb);
+			} else {
+				stepChannels<1, true>(effect, *this, 0, sr, si, e, ea, eb);
 			}
-			for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
-			if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
+			c = std::min<std::size_t>(channels, 2);
 		}
-		const float hzPerRadian = effect.subRate / 6.2831855f;
-		for (std::size_t b = 0; b < n; ++b) {
-			// The step beyond the band's own: rotate back by the nominal step.
-			const float x = sr[b] * rotR[b] + si[b] * rotI[b];
-			const float y = si[b] * rotR[b] - sr[b] * rotI[b];
-			h[b] = nominal[b] + hzPerRadian * angleOf(y, x);
-		}
-		hz = h;
+		for (; c + 2 <= channels; c += 2) stepChannels<2, false>(effect, *this, c, sr, si);
+		if (c < channels) stepChannels<1, false>(effect, *this, c, sr, si);
 	}
-
-	if (weighted) {
-		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] * e[b];
+	const float hzPerRadian = effect.subRate / 6.2831855f;
+	const auto bandHz = [&](std::size_t b) {
+		// The step beyond the band's own: rotate back by the nominal step.
+		const float x = sr[b] * rotR[b] + si[b] * rotI[b];
+		const float y = si[b] * rotR[b] - sr[b] * rotI[b];
+		return nominal[b] + hzPerRadian * angleOf(y, x);
+	};
+	hz = h;
+	if (!weighted) {
+		for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b);
+		walk(n);
+		return;
 	}
-	if (width > 1e-18f) {
-		if (weighted) {
-			float *const rows[] = {e, h};
-			smoothBandsRows(rows, n, width);
-		} else if (!fuseEnergy) {
-			smoothBands(e, n, width);
-		}
+	// The frequency times the energy, smoothed across bands as smoothBands does
+	// (backward, then forward) and divided by the smoothed energy; the walk runs
+	// the forward pass and the division. (A blocked form of these recursions,
+	// equal but for rounding, moved the output of frequency snap by -79 dB: the
+	// frequencies' rounding adds up in the phases.)
+	for (std::size_t b = 0; b < n; ++b) h[b] = bandHz(b) * h[b];
+	float s = h[n - 1];
+	for (std::size_t b = n - 1; b-- > 1;) {
+		s = h[b] * ea + s * eb;
+		h[b] = s;
 	}
-	if (weighted) {
-		for (std::size_t b = 0; b < n; ++b) h[b] = h[b] / (e[b] + 1e-30f);
-	}
-
-	walk(n);
+	walkBands(peaks, e, n, SmoothedHz{h, e, s, ea, eb});
 }
 
 void Peaks<float>::walk(std::size_t n) {
-	const float *e = energy;
-	const float *f = hz;
-	peaks.clear();
-	std::size_t start = 0;
-	while (start < n) {
-		std::size_t i = start;
-		while (i + 1 < n && e[i + 1] >= e[i]) ++i;
-		const std::size_t top = i;
-
-		std::size_t end = n;
-		for (; i + 1 < n; ++i) {
-			if (e[i + 1] > e[i]) {
-				// i is the valley; it joins the next peak if that side is higher.
-				end = (i + 1 >= 3 && e[i + 1] > e[i - 1]) ? i : i + 1;
-				break;
-			}
-		}
-
-		float sum = 0, weightedHz = 0;
-		for (std::size_t b = start; b < end; ++b) {
-			sum += e[b];
-			weightedHz += e[b] * f[b];
-		}
-		peaks.push_back(Peak<float>{start, end, top, sum, weightedHz / (sum + 1e-30f)});
-		start = end;
-	}
+	walkBands(peaks, energy, n, GivenHz{hz});
 }
 
 } // namespace varkesh::lumbrel

@@ -3,6 +3,7 @@
 #include "block_harness.h"
 
 #include "blocks/peaks.h"
+#include "blocks/smooth_bands.h"
 
 #include <gtest/gtest.h>
 
@@ -105,7 +106,8 @@ TEST(Peaks, EveryBandOnceTopsAtLocalMaxima) {
 }
 
 // The strongest peak of a tone sits at its frequency (mean over the second quarter second), and so do the bands beside
-// it, smoothed or not; in stereo the louder channel sets it.
+// it, smoothed or not; in stereo the louder channel sets it. Smoothed, each band's frequency is the smoothed product of
+// the raw frequency and energy over the smoothed energy, and the peaks sum the frequencies left in `hz`.
 TEST(Peaks, ToneGivesAPeakAtItsFrequency) {
 	for (double hz : {97.0, 440.0, 1234.5, 5000.0, 10000.0, 12345.0}) {
 		ProbeEffect effect(2, 2);
@@ -114,11 +116,19 @@ TEST(Peaks, ToneGivesAPeakAtItsFrequency) {
 		raw.init(effect);
 		smoothed.smoothing = 100;
 		raw.smoothing = 0;
-		double sum = 0, beside = 0;
+		double sum = 0, beside = 0, weighting = 0;
 		std::size_t frames = 0;
 		effect.frame = [&](ProbeEffect &e) {
 			smoothed.update(e, true);
 			raw.update(e, true);
+			std::vector<float> energy(raw.energy, raw.energy + e.bands), product(e.bands);
+			for (std::size_t b = 0; b < e.bands; ++b) product[b] = raw.hz[b] * energy[b];
+			float *const rows[] = {energy.data(), product.data()};
+			varkesh::lumbrel::smoothBandsRows(rows, e.bands, smoothed.smoothing * 0.01f * e.resolution);
+			for (std::size_t b = 0; b < e.bands; ++b) weighting = std::max(weighting, std::abs(double(smoothed.hz[b]) - product[b] / (energy[b] + 1e-30f)));
+			const auto walked = smoothed.peaks;
+			smoothed.walk(e.bands);
+			for (std::size_t p = 0; p < walked.size(); ++p) weighting = std::max(weighting, std::abs(double(walked[p].hz) - smoothed.peaks[p].hz));
 			if (++frames <= 100) return;
 			sum += std::max_element(smoothed.peaks.begin(), smoothed.peaks.end(),
 				[](const Peak<float> &a, const Peak<float> &b) { return a.energy < b.energy; })->hz;
@@ -130,6 +140,7 @@ TEST(Peaks, ToneGivesAPeakAtItsFrequency) {
 		runEffect(effect, {sine(hz, 48000, 24000, 0.5), whiteNoise(24000, 0.01, 3)});
 		EXPECT_NEAR(cents(sum / double(frames - 100), hz), 0.0, 2.0) << hz << " Hz";
 		EXPECT_LT(beside, 10.0) << hz << " Hz";
+		EXPECT_LT(weighting, 1e-3) << hz << " Hz";
 	}
 }
 
