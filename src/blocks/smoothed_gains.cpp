@@ -1,16 +1,15 @@
 #include "blocks/smoothed_gains.h"
 
 #include "blocks/smooth_bands.h"
-#include "linear/platform_vector.h"
 #include "linear/vector_hints.h"
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace varkesh::lumbrel {
 
-namespace platform = varkesh::linear::platform;
 
 void SmoothedGains<float>::init(LumbrelEffect<float> &effect) {
 	const std::size_t n = effect.bands;
@@ -43,7 +42,7 @@ struct WeighRows {
 	const float *previous; // last frame's faded energy
 	const float *r, *m;    // the raw gain
 	const float *e;        // energy
-	float *magnitude;      // target magnitude: read unless unitGains, written when known
+	float *magnitude;      // target magnitude, written when known
 	float *wr, *wi;        // the weighted gain
 	float *before;         // |weighted gain|, written when detail boost is on
 };
@@ -57,19 +56,20 @@ inline void weighLoop(float *__restrict faded, const float *__restrict previous,
 	float *__restrict wi, float *__restrict before, bool clamp, float kappa, float extra, float reset,
 	std::size_t n) {
 	constexpr bool known = !Unit || Boost || TransientBoost;
+	// The clamp as a maximum with -inf when off (the same value, NaN too), so
+	// that the loop has no branch and vectorises.
+	const float floor = clamp ? 0.0f : -std::numeric_limits<float>::infinity();
 	for (std::size_t i = 0; i < n; ++i) {
-		float f = faded[i];
-		if (clamp) f = std::max(f, 0.0f);
+		const float f = std::max(faded[i], floor);
 		faded[i] = f;
 		// Transient measure: near 1 at a sudden onset, 0 for steady or falling energy.
 		float rise = std::max(0.0f, f - previous[i]) / (f + 1e-30f);
 		float transient = rise * rise;
-		float level = 1;
+		// The raw gain's magnitude, unless it is promised to be 1.
+		float level = Unit ? 1 : std::sqrt(r[i] * r[i] + m[i] * m[i]);
 		if constexpr (Boost) {
 			if constexpr (Unit) level = 1 + transient * (1 - r[i]) * kappa;
-			else level = magnitude[i] + transient * (magnitude[i] - r[i]) * kappa;
-		} else if constexpr (!Unit) {
-			level = magnitude[i];
+			else level = level + transient * (level - r[i]) * kappa;
 		}
 		if constexpr (TransientBoost) {
 			if constexpr (Unit && !Boost) level = 1 + transient * extra;
@@ -191,8 +191,7 @@ void SmoothedGains<float>::smoothAll(LumbrelEffect<float> &effect, const float *
 
 void SmoothedGains<float>::fadeEnergy(const float *energy, bool unitGains) {
 	const std::size_t n = gainsReal.size();
-	magnitudeKnown = !unitGains;
-	if (!unitGains) platform::complexAbs(magnitudes.data(), gainsReal.data(), gainsImag.data(), n);
+	magnitudeKnown = !unitGains; // the raw magnitude is measured by weigh()
 
 	// Faded energy of this frame, in outImag until it becomes the history.
 	float *__restrict faded = outImag.data();
