@@ -97,19 +97,26 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 #endif
 
 // [audio-thread] smoothBandsRows over `rowCount` rows of any number, eight at a
-// time (enough chains to keep the multipliers and adders busy); with SSE2, up
-// to sixteen at a time in vector lanes, the rest as before.
+// time (enough chains to keep the multipliers and adders busy); with SSE2, four
+// or more rows in vector lanes, up to sixteen at a time. A last vector that
+// the rows do not fill repeats its last row in the free lanes: those lanes
+// compute the same values from the same inputs and store them again, which
+// costs nothing next to another pass of a chain of its own.
 inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_t count, float width) {
 #if defined(__SSE2__)
 	for (; rowCount >= 16; rows += 16, rowCount -= 16) smoothBandsLanes<4>(rows, count, width);
-	switch (rowCount / 4) {
-	case 3: smoothBandsLanes<3>(rows, count, width); break;
-	case 2: smoothBandsLanes<2>(rows, count, width); break;
-	case 1: smoothBandsLanes<1>(rows, count, width); break;
-	default: break;
+	if (rowCount >= 4) {
+		float *lanes[16];
+		const std::size_t used = (rowCount + 3) / 4 * 4;
+		for (std::size_t k = 0; k < used; ++k) lanes[k] = rows[k < rowCount ? k : rowCount - 1];
+		switch (used / 4) {
+		case 4: smoothBandsLanes<4>(lanes, count, width); break;
+		case 3: smoothBandsLanes<3>(lanes, count, width); break;
+		case 2: smoothBandsLanes<2>(lanes, count, width); break;
+		default: smoothBandsLanes<1>(lanes, count, width); break;
+		}
+		return;
 	}
-	rows += rowCount / 4 * 4;
-	rowCount %= 4;
 #endif
 	for (; rowCount >= 8; rows += 8, rowCount -= 8) {
 		float *const group[8] = {rows[0], rows[1], rows[2], rows[3], rows[4], rows[5], rows[6], rows[7]};

@@ -1,14 +1,15 @@
 #include "blocks/smoothed_gains.h"
 
 #include "blocks/smooth_bands.h"
-#include "linear/platform_vector.h"
+#include "linear/vector_hints.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <utility>
 
 namespace varkesh::lumbrel {
 
-namespace platform = varkesh::linear::platform;
 
 void SmoothedGains<float>::init(LumbrelEffect<float> &effect) {
 	const std::size_t n = effect.bands;
@@ -16,7 +17,7 @@ void SmoothedGains<float>::init(LumbrelEffect<float> &effect) {
 	nominalHz.resize(n);
 	for (std::size_t b = 0; b < n; ++b) hz[b] = nominalHz[b] = effect.nominalHz(b);
 	for (auto *row : {&gainsReal, &gainsImag, &outReal, &outImag, &magnitudes, &previousEnergy, &weightedReal,
-			 &weightedImag, &weightedAbs, &smoothedAbs}) {
+			 &weightedImag, &weightedAbs}) {
 		row->resize(n);
 	}
 	lowCutBands = effect.nominalBand(lowCutHz);
@@ -35,15 +36,110 @@ void smoothRuns(float *const *rows, const float *widths, std::size_t count, std:
 	}
 }
 
-// The weighting with a known magnitude. Its own function with unaliased
-// parameters: inline, GCC could not tell the rows apart and kept it scalar.
-void weighKnown(float *__restrict wr, float *__restrict wi, const float *__restrict r, const float *__restrict m,
-	const float *__restrict e, const float *__restrict transient, const float *__restrict magnitude, float reset,
+// The rows weigh() reads and writes; see weighRows.
+struct WeighRows {
+	float *faded;          // faded energy, clamped at 0 in place when `clamp`
+	const float *previous; // last frame's faded energy
+	const float *r, *m;    // the raw gain
+	const float *e;        // energy
+	float *magnitude;      // target magnitude, written when known
+	float *wr, *wi;        // the weighted gain
+	float *before;         // |weighted gain|, written when detail boost is on
+};
+
+// Transient measure, magnitude, phase pull and weighting, one band at a time
+// in one pass (the arithmetic of each step as it stands in weigh's comments).
+// The settings are template arguments so that each loop is straight-line.
+template<bool Unit, bool Boost, bool TransientBoost>
+inline void weighLoop(float *__restrict faded, const float *__restrict previous, const float *__restrict r,
+	const float *__restrict m, const float *__restrict e, float *__restrict magnitude, float *__restrict wr,
+	float *__restrict wi, float *__restrict before, bool clamp, float kappa, float extra, float reset,
 	std::size_t n) {
+	constexpr bool known = !Unit || Boost || TransientBoost;
+	// The clamp as a maximum with -inf when off (the same value, NaN too), so
+	// that the loop has no branch and vectorises.
+	const float floor = clamp ? 0.0f : -std::numeric_limits<float>::infinity();
 	for (std::size_t i = 0; i < n; ++i) {
-		float pull = transient[i] * reset * magnitude[i];
-		wr[i] = (r[i] + pull) * e[i];
-		wi[i] = e[i] * m[i];
+		const float f = std::max(faded[i], floor);
+		faded[i] = f;
+		// Transient measure: near 1 at a sudden onset, 0 for steady or falling energy.
+		float rise = std::max(0.0f, f - previous[i]) / (f + 1e-30f);
+		float transient = rise * rise;
+		// The raw gain's magnitude, unless it is promised to be 1.
+		float level = Unit ? 1 : std::sqrt(r[i] * r[i] + m[i] * m[i]);
+		if constexpr (Boost) {
+			if constexpr (Unit) level = 1 + transient * (1 - r[i]) * kappa;
+			else level = level + transient * (level - r[i]) * kappa;
+		}
+		if constexpr (TransientBoost) {
+			if constexpr (Unit && !Boost) level = 1 + transient * extra;
+			else level = level * (1 + transient * extra);
+		}
+		if constexpr (known) magnitude[i] = level;
+		// The phase pull is a real number added to the gain, in proportion to
+		// the transient; then everything is weighted by energy.
+		float pull = known ? transient * reset * level : transient * reset;
+		float re = (r[i] + pull) * e[i];
+		float im = e[i] * m[i];
+		wr[i] = re;
+		wi[i] = im;
+		if constexpr (Boost) before[i] = std::sqrt(re * re + im * im);
+	}
+}
+
+// One function for every setting, built for the baseline and for AVX2.
+LUMBREL_VECTOR_CLONES void weighRows(const WeighRows &w, bool unit, bool boost, bool transientBoost, bool clamp,
+	float kappa, float extra, float reset, std::size_t n) {
+	const auto run = [&](auto loop) {
+		loop(w.faded, w.previous, w.r, w.m, w.e, w.magnitude, w.wr, w.wi, w.before, clamp, kappa, extra, reset, n);
+	};
+	switch (int(unit) * 4 + int(boost) * 2 + int(transientBoost)) {
+	case 0: run(weighLoop<false, false, false>); break;
+	case 1: run(weighLoop<false, false, true>); break;
+	case 2: run(weighLoop<false, true, false>); break;
+	case 3: run(weighLoop<false, true, true>); break;
+	case 4: run(weighLoop<true, false, false>); break;
+	case 5: run(weighLoop<true, false, true>); break;
+	case 6: run(weighLoop<true, true, false>); break;
+	default: run(weighLoop<true, true, true>); break;
+	}
+}
+
+// restore() in one pass: the smoothed gain's magnitude, the target magnitude
+// (1 when not known), and the detail boost when `boost`.
+LUMBREL_VECTOR_CLONES void restoreRows(float *__restrict r, float *__restrict m, const float *__restrict magnitude,
+	const float *__restrict wr, const float *__restrict wi, const float *__restrict before, bool known, bool boost,
+	float d, float rest, std::size_t n) {
+	for (std::size_t i = 0; i < n; ++i) {
+		float after = std::sqrt(wr[i] * wr[i] + wi[i] * wi[i]);
+		// Each gain keeps its smoothed direction and gets the target magnitude.
+		float scale = known ? magnitude[i] / (after + 1e-15f) : 1 / (after + 1e-15f);
+		float re = scale * wr[i], im = scale * wi[i];
+		if (boost) {
+			// Where phases agreed before smoothing, after == before and nothing
+			// changes; where they disagreed, the level rises up to 1 / (1 - d).
+			float v = before[i] / (after * d + before[i] * rest + 1e-30f);
+			re = v * re;
+			im = v * im;
+		}
+		r[i] = re;
+		m[i] = im;
+	}
+}
+
+// out = in x gain, then x `gain` unless it is exactly 1.
+LUMBREL_VECTOR_CLONES void applyGains(float *__restrict outR, float *__restrict outI, const float *__restrict inR,
+	const float *__restrict inI, const float *__restrict gR, const float *__restrict gI, float gain, std::size_t n) {
+	if (gain == 1) {
+		for (std::size_t i = 0; i < n; ++i) {
+			outR[i] = inR[i] * gR[i] - inI[i] * gI[i];
+			outI[i] = inR[i] * gI[i] + inI[i] * gR[i];
+		}
+	} else {
+		for (std::size_t i = 0; i < n; ++i) {
+			outR[i] = (inR[i] * gR[i] - inI[i] * gI[i]) * gain;
+			outI[i] = (inR[i] * gI[i] + inI[i] * gR[i]) * gain;
+		}
 	}
 }
 
@@ -95,8 +191,7 @@ void SmoothedGains<float>::smoothAll(LumbrelEffect<float> &effect, const float *
 
 void SmoothedGains<float>::fadeEnergy(const float *energy, bool unitGains) {
 	const std::size_t n = gainsReal.size();
-	magnitudeKnown = !unitGains;
-	if (!unitGains) platform::complexAbs(magnitudes.data(), gainsReal.data(), gainsImag.data(), n);
+	magnitudeKnown = !unitGains; // the raw magnitude is measured by weigh()
 
 	// Faded energy of this frame, in outImag until it becomes the history.
 	float *__restrict faded = outImag.data();
@@ -113,106 +208,22 @@ void SmoothedGains<float>::fadeEnergy(const float *energy, bool unitGains) {
 }
 
 void SmoothedGains<float>::weigh(const float *energy, bool unitGains) {
-	const std::size_t n = gainsReal.size();
-	float *__restrict r = gainsReal.data();
-	const float *__restrict m = gainsImag.data();
-	float *__restrict magnitude = magnitudes.data();
-	const float *__restrict e = energy;
-	{
-		// The faded energy, smoothed across bands when transientSmoothing > 0.
-		float *__restrict faded = outImag.data();
-		if (transientSmoothing > 0) {
-			for (std::size_t i = 0; i < n; ++i) faded[i] = std::max(faded[i], 0.0f);
-		}
-
-		// Transient measure: near 1 at a sudden onset, 0 for steady or falling energy.
-		float *__restrict transient = outReal.data();
-		const float *__restrict previous = previousEnergy.data();
-		for (std::size_t i = 0; i < n; ++i) {
-			float rise = std::max(0.0f, faded[i] - previous[i]) / (faded[i] + 1e-30f);
-			transient[i] = rise * rise;
-		}
-	}
-	std::swap(outImag, previousEnergy);
-	const float *__restrict transient = outReal.data();
-
 	const float boost = detailBoost;
-	if (boost != 0) {
-		const float kappa = transientReset * boost / (transientReset + 1);
-		if (unitGains) {
-			for (std::size_t i = 0; i < n; ++i) magnitude[i] = 1 + transient[i] * (1 - r[i]) * kappa;
-			magnitudeKnown = true;
-		} else {
-			for (std::size_t i = 0; i < n; ++i) {
-				magnitude[i] = magnitude[i] + transient[i] * (magnitude[i] - r[i]) * kappa;
-			}
-		}
-	}
-	if (transientBoost != 0) {
-		const float extra = transientBoost;
-		if (magnitudeKnown) {
-			for (std::size_t i = 0; i < n; ++i) magnitude[i] = magnitude[i] * (1 + transient[i] * extra);
-		} else {
-			for (std::size_t i = 0; i < n; ++i) magnitude[i] = 1 + transient[i] * extra;
-			magnitudeKnown = true;
-		}
-	}
-
-	// The phase pull is a real number added to the gain, in proportion to the
-	// transient; then everything is weighted by energy.
-	float *__restrict wr = weightedReal.data();
-	float *__restrict wi = weightedImag.data();
-	const float reset = transientReset;
-	if (magnitudeKnown) {
-		weighKnown(wr, wi, r, m, e, transient, magnitude, reset, n);
-	} else {
-		for (std::size_t i = 0; i < n; ++i) {
-			float pull = transient[i] * reset;
-			wr[i] = (r[i] + pull) * e[i];
-			wi[i] = e[i] * m[i];
-		}
-	}
-
-	float *__restrict before = weightedAbs.data();
-	if (boost != 0) platform::complexAbs(before, wr, wi, n);
+	const WeighRows rows{outImag.data(), previousEnergy.data(), gainsReal.data(), gainsImag.data(), energy,
+		magnitudes.data(), weightedReal.data(), weightedImag.data(), weightedAbs.data()};
+	// The faded energy was smoothed across bands when transientSmoothing > 0.
+	weighRows(rows, unitGains, boost != 0, transientBoost != 0, transientSmoothing > 0,
+		transientReset * boost / (transientReset + 1), transientBoost, transientReset, gainsReal.size());
+	if (boost != 0 || transientBoost != 0) magnitudeKnown = true;
+	// This frame's faded energy becomes the history.
+	std::swap(outImag, previousEnergy);
 }
 
 void SmoothedGains<float>::restore() {
-	const std::size_t n = gainsReal.size();
-	float *__restrict r = gainsReal.data();
-	float *__restrict m = gainsImag.data();
-	const float *__restrict magnitude = magnitudes.data();
-	const float *__restrict wr = weightedReal.data();
-	const float *__restrict wi = weightedImag.data();
-	const float *__restrict before = weightedAbs.data();
 	const float boost = detailBoost;
-
-	float *__restrict after = smoothedAbs.data();
-	platform::complexAbs(after, wr, wi, n);
-
-	// Each gain keeps its smoothed direction and gets the target magnitude.
-	float *__restrict scale = outReal.data();
-	if (magnitudeKnown) {
-		for (std::size_t i = 0; i < n; ++i) scale[i] = magnitude[i] / (after[i] + 1e-15f);
-	} else {
-		for (std::size_t i = 0; i < n; ++i) scale[i] = 1 / (after[i] + 1e-15f);
-	}
-	for (std::size_t i = 0; i < n; ++i) {
-		r[i] = scale[i] * wr[i];
-		m[i] = scale[i] * wi[i];
-	}
-
-	if (boost != 0) {
-		// Where phases agreed before smoothing, after == before and nothing
-		// changes; where they disagreed, the level rises up to 1 / (1 - d).
-		const float d = boost < 0 ? boost / (boost + 1) : boost;
-		const float rest = 1 - d;
-		for (std::size_t i = 0; i < n; ++i) {
-			float v = before[i] / (after[i] * d + before[i] * rest + 1e-30f);
-			r[i] = v * r[i];
-			m[i] = v * m[i];
-		}
-	}
+	const float d = boost < 0 ? boost / (boost + 1) : boost;
+	restoreRows(gainsReal.data(), gainsImag.data(), magnitudes.data(), weightedReal.data(), weightedImag.data(),
+		weightedAbs.data(), magnitudeKnown, boost != 0, d, 1 - d, gainsReal.size());
 }
 
 void SmoothedGains<float>::addOutput(LumbrelEffect<float> &effect, std::size_t channel, const float *inReal,
@@ -221,22 +232,8 @@ void SmoothedGains<float>::addOutput(LumbrelEffect<float> &effect, std::size_t c
 	// output (the octaver's outer octaves are off by default).
 	if (gain == 0) return;
 	const std::size_t n = std::min(outReal.size(), outImag.size());
-	float *__restrict outR = outReal.data();
-	float *__restrict outI = outImag.data();
-	const float *__restrict inR = inReal;
-	const float *__restrict inI = inImag;
-	const float *__restrict gR = gainsReal.data();
-	const float *__restrict gI = gainsImag.data();
-	for (std::size_t i = 0; i < n; ++i) {
-		outR[i] = inR[i] * gR[i] - inI[i] * gI[i];
-		outI[i] = inR[i] * gI[i] + inI[i] * gR[i];
-	}
-	if (gain != 1) {
-		for (std::size_t i = 0; i < n; ++i) {
-			outR[i] *= gain;
-			outI[i] *= gain;
-		}
-	}
+	float *outR = outReal.data(), *outI = outImag.data();
+	applyGains(outR, outI, inReal, inImag, gainsReal.data(), gainsImag.data(), gain, n);
 	varkesh_lumbrel_engine_float_addOutputSplitMoved(effect.engine, channel, outR, outI, hz.data(), effect.bands);
 }
 

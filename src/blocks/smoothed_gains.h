@@ -40,7 +40,7 @@ public:
 	BumpVector<float> magnitudes;           // target magnitude per band
 	BumpVector<float> previousEnergy;       // last frame's faded energy: the transient reference
 	BumpVector<float> weightedReal, weightedImag;
-	BumpVector<float> weightedAbs, smoothedAbs;
+	BumpVector<float> weightedAbs;
 	float lowCutBands = 0; // band position of lowCutHz
 
 	// [set-up, allocates] Sizes every row to `bands`, fills hz with the nominal
