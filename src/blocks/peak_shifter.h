@@ -7,6 +7,16 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// On the loops over peaks: without it GCC keeps the branches of their selects
+// (a comparison or a division may trap), and no lane runs. No result changes.
+#if defined(__GNUC__) && !defined(__clang__)
+#define LUMBREL_SELECTS __attribute__((optimize("no-trapping-math")))
+#else
+#define LUMBREL_SELECTS
+#endif
 
 namespace varkesh::lumbrel {
 
@@ -144,7 +154,7 @@ public:
 	// branch-free, so that a loop over peaks runs in vector lanes. The angle is
 	// reduced by k pi/2 with pi/2 in two parts, the first of 33 bits, so that
 	// k times it is exact for |angle| below 1e6.
-	static void sinCos(float angle, float &sine, float &cosine) {
+	LUMBREL_SELECTS static void sinCos(float angle, float &sine, float &cosine) {
 		const double x = angle;
 		const double round = 6755399441055744.0; // 1.5 * 2^52: adding and subtracting it rounds to an integer
 		const double k = (x * 0.6366197723675814 + round) - round;
@@ -187,7 +197,7 @@ private:
 		normalise(re, im, norm, root, count);
 	}
 
-	static void turn(float *__restrict re, float *__restrict im, float *__restrict norm,
+	LUMBREL_SELECTS static void turn(float *__restrict re, float *__restrict im, float *__restrict norm,
 		const float *__restrict shift, float radiansPerHz, std::size_t count) {
 		for (std::size_t p = 0; p < count; ++p) {
 			float sine, cosine;
@@ -200,14 +210,25 @@ private:
 		}
 	}
 
+	// The selects as bit masks: GCC keeps a float select in a loop as a branch
+	// (its comparison may trap) and runs no lane.
 	static void normalise(float *__restrict re, float *__restrict im, const float *__restrict norm,
 		const float *__restrict root, std::size_t count) {
+		const float one = 1;
+		std::uint32_t oneBits;
+		std::memcpy(&oneBits, &one, 4);
 		for (std::size_t p = 0; p < count; ++p) {
-			const bool alive = norm[p] >= 1e-30f;
-			const float divisor = alive ? root[p] : 1.0f;
+			// Where alive, the root is at least 1e-15 and divides unchanged.
+			const float divisor = std::max(root[p], 1e-20f);
 			const float unitRe = re[p] / divisor, unitIm = im[p] / divisor;
-			re[p] = alive ? unitRe : 1.0f;
-			im[p] = alive ? unitIm : 0.0f;
+			const std::uint32_t alive = 0u - std::uint32_t(norm[p] >= 1e-30f);
+			std::uint32_t reBits, imBits;
+			std::memcpy(&reBits, &unitRe, 4);
+			std::memcpy(&imBits, &unitIm, 4);
+			reBits = (reBits & alive) | (oneBits & ~alive);
+			imBits &= alive;
+			std::memcpy(re + p, &reBits, 4);
+			std::memcpy(im + p, &imBits, 4);
 		}
 	}
 
