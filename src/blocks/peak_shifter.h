@@ -244,6 +244,18 @@ private:
 	static void writeBands(const Peaks<float> &peaks, PeakShifter *shifters, std::size_t count) {
 		const float *bandHz = shifters[0].gains.nominalHz.data();
 		const std::size_t peakCount = peaks.peaks.size();
+		const float *peakReal[maxShared], *peakImag[maxShared], *peakShift[maxShared], *peakGain[maxShared];
+		float *gainsReal[maxShared], *gainsImag[maxShared], *outHz[maxShared];
+		for (std::size_t v = 0; v < count; ++v) {
+			SmoothedGains<float> &gains = shifters[v].gains;
+			peakReal[v] = gains.outReal.data();
+			peakImag[v] = gains.outImag.data();
+			peakShift[v] = gains.magnitudes.data();
+			peakGain[v] = gains.weightedReal.data();
+			gainsReal[v] = gains.gainsReal.data();
+			gainsImag[v] = gains.gainsImag.data();
+			outHz[v] = gains.hz.data();
+		}
 		for (std::size_t p = 0; p < peakCount; ++p) {
 			const Peak<float> &peak = peaks.peaks[p];
 			// The peak whose bands hold this one's frequency, from a band's
@@ -255,18 +267,19 @@ private:
 			// each reads the other's frequency at times, and keeps its own way.
 			if (peaks.peaks[owner].energy < 10 * peak.energy) owner = p;
 			for (std::size_t v = 0; v < count; ++v) {
-				SmoothedGains<float> &gains = shifters[v].gains;
-				const float gain = gains.weightedReal[p];
-				const float re = gains.outReal[owner] * gain, im = gains.outImag[owner] * gain;
-				const float shift = gains.magnitudes[owner];
-				float *gainsReal = gains.gainsReal.data(), *gainsImag = gains.gainsImag.data();
-				float *outHz = gains.hz.data();
-				for (std::size_t k = peak.start; k < peak.end; ++k) {
-					gainsReal[k] = re;
-					gainsImag[k] = im;
-					outHz[k] = bandHz[k] + shift;
-				}
+				const float gain = peakGain[v][p];
+				fillPeak(gainsReal[v], gainsImag[v], outHz[v], bandHz, peak.start, peak.end,
+					peakReal[v][owner] * gain, peakImag[v][owner] * gain, peakShift[v][owner]);
 			}
+		}
+	}
+
+	static void fillPeak(float *__restrict gainsReal, float *__restrict gainsImag, float *__restrict outHz,
+		const float *__restrict bandHz, std::size_t start, std::size_t end, float re, float im, float shift) {
+		for (std::size_t k = start; k < end; ++k) {
+			gainsReal[k] = re;
+			gainsImag[k] = im;
+			outHz[k] = bandHz[k] + shift;
 		}
 	}
 };
