@@ -5,13 +5,14 @@
 #include "linear/platform_vector.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-// On the loops over peaks: without it GCC keeps the branches of their selects
-// (a comparison or a division may trap), and no lane runs. No result changes.
+// On the phase turn: without it GCC keeps the branches of its selects (a
+// comparison may trap), and no lane runs. No result changes.
 #if defined(__GNUC__) && !defined(__clang__)
 #define LUMBREL_SELECTS __attribute__((optimize("no-trapping-math")))
 #else
@@ -114,6 +115,7 @@ public:
 	static constexpr std::size_t maxShared = 4;
 	static void placeAll(LumbrelEffect<float> &effect, const Peaks<float> &peaks, PeakShifter *shifters,
 		std::size_t count) {
+		assert(count <= maxShared);
 		const std::size_t peakCount = peaks.peaks.size();
 		for (std::size_t v = 0; v < count; ++v) {
 			PeakShifter &shifter = shifters[v];
