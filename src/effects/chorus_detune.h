@@ -79,9 +79,9 @@ protected:
 			PeakShifter<float> &voice = voices[std::size_t(v)];
 			voice.semitones = std::sin(x + offsets[v]) * 0.01f * detune; // cents to semitones
 			voice.gains.transientReset = crisp ? 4.0f : 0.0f;
-			voice.place(*this, peaks);
 			sets[v] = &voice.gains;
 		}
+		PeakShifter<float>::placeAll(*this, peaks, voices.data(), voiceCount);
 		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, voiceCount);
 		for (int v = 0; v < voiceCount; ++v) {
 			PeakShifter<float> &voice = voices[std::size_t(v)];

@@ -108,9 +108,9 @@ protected:
 		SmoothedGains<float> *sets[4];
 		for (std::size_t k = 0; k < 4; ++k) {
 			shifters[k].semitones = semitones[k];
-			shifters[k].place(*this, peaks);
 			sets[k] = &shifters[k].gains;
 		}
+		PeakShifter<float>::placeAll(*this, peaks, shifters.data(), 4);
 		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, 4);
 		for (std::size_t k = 0; k < 4; ++k) {
 			auto &shifter = shifters[k];

@@ -114,9 +114,9 @@ protected:
 		SmoothedGains<float> *sets[4];
 		for (std::size_t i = 0; i < 4; ++i) {
 			voices[i].semitones = offsets[i];
-			voices[i].place(*this, peaks);
 			sets[i] = &voices[i].gains;
 		}
+		PeakShifter<float>::placeAll(*this, peaks, voices.data(), 4);
 		SmoothedGains<float>::smoothAll(*this, peaks.energy, false, sets, 4);
 		for (std::size_t i = 0; i < 4; ++i) {
 			PeakShifter<float> &voice = voices[i];

@@ -64,6 +64,41 @@ TEST_F(ShifterFixture, SilenceThenSoundRestartsFromTheFallBack) {
 	EXPECT_NEAR(shifter.gains.gainsImag[100], 0.0, 1e-4);
 }
 
+// Shifters placed together get what each gets placed alone, over two frames (the second turns the first's phases).
+TEST_F(ShifterFixture, PlacedTogetherEachGetsItsOwnResult) {
+	PeakShifter<float> together[3], alone[3];
+	for (int v = 0; v < 3; ++v) {
+		for (PeakShifter<float> *s : {&together[v], &alone[v]}) {
+			s->gains.init(effect);
+			s->semitones = 7.0f * float(v) - 5;
+		}
+	}
+	for (int frame = 0; frame < 2; ++frame) {
+		PeakShifter<float>::placeAll(effect, peaks, together, 3);
+		for (auto &s : alone) s.place(effect, peaks);
+		for (int v = 0; v < 3; ++v) {
+			for (std::size_t b = 0; b < bands; ++b) {
+				ASSERT_EQ(together[v].gains.gainsReal[b], alone[v].gains.gainsReal[b]) << v << " " << b;
+				ASSERT_EQ(together[v].gains.gainsImag[b], alone[v].gains.gainsImag[b]) << v << " " << b;
+				ASSERT_EQ(together[v].gains.hz[b], alone[v].gains.hz[b]) << v << " " << b;
+			}
+		}
+		EXPECT_NE(alone[0].gains.hz[100], alone[2].gains.hz[100]);
+	}
+}
+
+// The inline sin and cos within an ulp over every quadrant and at the large angles of shifts by thousands of Hz.
+TEST(PeakShifterSinCos, WithinAnUlpOfTheExactValues) {
+	for (double x = -6000; x < 6000; x += 0.3927) {
+		for (float angle : {float(x), float(x) * 1e-3f}) {
+			float sine, cosine;
+			PeakShifter<float>::sinCos(angle, sine, cosine);
+			EXPECT_NEAR(sine, std::sin(double(angle)), 6e-8) << angle;
+			EXPECT_NEAR(cosine, std::cos(double(angle)), 6e-8) << angle;
+		}
+	}
+}
+
 // The spectrum of partials {Hz, amplitude} shifted by the blocks alone, over 1.37 s after a settling second (bins rate /
 // span apart).
 constexpr double rate = 48000, span = 65536;
