@@ -144,9 +144,14 @@ LUMBREL_AVX2_FMA inline void mixStoreAvx2(float *out, const __m256d *g, std::int
 	_mm256_storeu_pd(reinterpret_cast<double *>(out + 8 * d), v);
 }
 
-template <int p, int... r>
+// With the row length known at compile time (fixedN, else 0) every address in
+// the loop is a constant offset from four pointers; the general form keeps
+// more addresses than there are registers.
+template <int p, std::size_t fixedN, int... r>
 LUMBREL_AVX2_FMA void mixRowsAvx2(float *packed, const float *re, const float *im, std::size_t stride,
-	std::size_t n, const float *table, std::integer_sequence<int, r...>) {
+	std::size_t anyN, const float *table, std::integer_sequence<int, r...>) {
+	const std::size_t n = fixedN ? fixedN : anyN;
+	if (fixedN) stride = fixedN + 8;
 	for (std::size_t q0 = 0; q0 < n; q0 += 8) {
 		__m256d g0[p], g1[p];
 		(mixRowAvx2<p, r>(g0, g1, re, im, stride, n, q0, table), ...);
@@ -292,9 +297,23 @@ void RealFFT<float, false, false>::mixRows(float *packed) {
 	spectraImag[n] = im[0];
 #if LUMBREL_REAL_FFT_AVX2
 	if (rowsAvx2) {
-		if (p == 1) mixRowsAvx2<1>(packed, re, im, rowStride, n, mixTable.data(), std::make_integer_sequence<int, 1>());
-		if (p == 3) mixRowsAvx2<3>(packed, re, im, rowStride, n, mixTable.data(), std::make_integer_sequence<int, 3>());
-		if (p == 5) mixRowsAvx2<5>(packed, re, im, rowStride, n, mixTable.data(), std::make_integer_sequence<int, 5>());
+		// The row lengths of the STFT's sizes 640, 768, 1280 and 1536.
+		const float *t = mixTable.data();
+		if (p == 3 && n == 128) {
+			mixRowsAvx2<3, 128>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 3>());
+		} else if (p == 3 && n == 256) {
+			mixRowsAvx2<3, 256>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 3>());
+		} else if (p == 5 && n == 64) {
+			mixRowsAvx2<5, 64>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 5>());
+		} else if (p == 5 && n == 128) {
+			mixRowsAvx2<5, 128>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 5>());
+		} else if (p == 1) {
+			mixRowsAvx2<1, 0>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 1>());
+		} else if (p == 3) {
+			mixRowsAvx2<3, 0>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 3>());
+		} else {
+			mixRowsAvx2<5, 0>(packed, re, im, rowStride, n, t, std::make_integer_sequence<int, 5>());
+		}
 	} else
 #endif
 	{
