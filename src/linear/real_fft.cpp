@@ -101,6 +101,74 @@ void mixRowsPortable(float *__restrict packed, const float *re, const float *im,
 #if LUMBREL_REAL_FFT_AVX2
 #define LUMBREL_AVX2_FMA __attribute__((target("avx2,fma")))
 
+// The first pass with AVX2, eight m at a time, the same arithmetic as
+// firstPass3 and firstPass5. Four 128-bit loads give the eight pairs of one
+// column ordered so that one in-lane shuffle each separates the real and the
+// imaginary parts.
+LUMBREL_AVX2_FMA inline void loadPairsAvx2(const float *t, __m256 &re, __m256 &im) {
+	__m256 a = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(t)), _mm_loadu_ps(t + 8), 1);
+	__m256 b = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(t + 4)), _mm_loadu_ps(t + 12), 1);
+	re = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+	im = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+
+LUMBREL_AVX2_FMA inline void twiddleStoreAvx2(float *re, float *im, __m256 xr, __m256 xi, const float *wr,
+	const float *wi) {
+	__m256 cr = _mm256_loadu_ps(wr), ci = _mm256_loadu_ps(wi);
+	_mm256_storeu_ps(re, _mm256_fmsub_ps(xr, cr, _mm256_mul_ps(xi, ci)));
+	_mm256_storeu_ps(im, _mm256_fmadd_ps(xr, ci, _mm256_mul_ps(xi, cr)));
+}
+
+template <int p, std::size_t fixedN>
+LUMBREL_AVX2_FMA void firstPassAvx2(float *re, float *im, const float *time, const float *twR, const float *twI,
+	std::size_t anyN) {
+	const std::size_t n = fixedN ? fixedN : anyN;
+	for (std::size_t m = 0; m < n; m += 8) {
+		__m256 xr[p], xi[p];
+		for (int j = 0; j < p; ++j) loadPairsAvx2(time + 2 * (j * n + m), xr[j], xi[j]);
+		if constexpr (p == 1) {
+			_mm256_storeu_ps(re + m, xr[0]);
+			_mm256_storeu_ps(im + m, xi[0]);
+		} else if constexpr (p == 3) {
+			const __m256 c = _mm256_set1_ps(-0.5f), s = _mm256_set1_ps(0.8660254f);
+			__m256 sr = _mm256_add_ps(xr[1], xr[2]), si = _mm256_add_ps(xi[1], xi[2]);
+			__m256 dr = _mm256_sub_ps(xr[1], xr[2]), di = _mm256_sub_ps(xi[1], xi[2]);
+			__m256 tr = _mm256_fmadd_ps(c, sr, xr[0]), ti = _mm256_fmadd_ps(c, si, xi[0]);
+			_mm256_storeu_ps(re + m, _mm256_add_ps(xr[0], sr));
+			_mm256_storeu_ps(im + m, _mm256_add_ps(xi[0], si));
+			twiddleStoreAvx2(re + n + m, im + n + m, _mm256_fmadd_ps(s, di, tr), _mm256_fnmadd_ps(s, dr, ti),
+				twR + m, twI + m);
+			twiddleStoreAvx2(re + 2 * n + m, im + 2 * n + m, _mm256_fnmadd_ps(s, di, tr), _mm256_fmadd_ps(s, dr, ti),
+				twR + n + m, twI + n + m);
+		} else {
+			const __m256 c1 = _mm256_set1_ps(0.309017f), c2 = _mm256_set1_ps(-0.809017f);
+			const __m256 s1 = _mm256_set1_ps(0.95105654f), s2 = _mm256_set1_ps(0.58778524f);
+			__m256 a1r = _mm256_add_ps(xr[1], xr[4]), a1i = _mm256_add_ps(xi[1], xi[4]);
+			__m256 d1r = _mm256_sub_ps(xr[1], xr[4]), d1i = _mm256_sub_ps(xi[1], xi[4]);
+			__m256 a2r = _mm256_add_ps(xr[2], xr[3]), a2i = _mm256_add_ps(xi[2], xi[3]);
+			__m256 d2r = _mm256_sub_ps(xr[2], xr[3]), d2i = _mm256_sub_ps(xi[2], xi[3]);
+			_mm256_storeu_ps(re + m, _mm256_add_ps(xr[0], _mm256_add_ps(a1r, a2r)));
+			_mm256_storeu_ps(im + m, _mm256_add_ps(xi[0], _mm256_add_ps(a1i, a2i)));
+			__m256 t1r = _mm256_fmadd_ps(c2, a2r, _mm256_fmadd_ps(c1, a1r, xr[0]));
+			__m256 t1i = _mm256_fmadd_ps(c2, a2i, _mm256_fmadd_ps(c1, a1i, xi[0]));
+			__m256 t2r = _mm256_fmadd_ps(c1, a2r, _mm256_fmadd_ps(c2, a1r, xr[0]));
+			__m256 t2i = _mm256_fmadd_ps(c1, a2i, _mm256_fmadd_ps(c2, a1i, xi[0]));
+			__m256 u1r = _mm256_fmadd_ps(s2, d2r, _mm256_mul_ps(s1, d1r));
+			__m256 u1i = _mm256_fmadd_ps(s2, d2i, _mm256_mul_ps(s1, d1i));
+			__m256 u2r = _mm256_fnmadd_ps(s1, d2r, _mm256_mul_ps(s2, d1r));
+			__m256 u2i = _mm256_fnmadd_ps(s1, d2i, _mm256_mul_ps(s2, d1i));
+			twiddleStoreAvx2(re + n + m, im + n + m, _mm256_add_ps(t1r, u1i), _mm256_sub_ps(t1i, u1r), twR + m,
+				twI + m);
+			twiddleStoreAvx2(re + 2 * n + m, im + 2 * n + m, _mm256_add_ps(t2r, u2i), _mm256_sub_ps(t2i, u2r),
+				twR + n + m, twI + n + m);
+			twiddleStoreAvx2(re + 3 * n + m, im + 3 * n + m, _mm256_sub_ps(t2r, u2i), _mm256_add_ps(t2i, u2r),
+				twR + 2 * n + m, twI + 2 * n + m);
+			twiddleStoreAvx2(re + 4 * n + m, im + 4 * n + m, _mm256_sub_ps(t1r, u1i), _mm256_add_ps(t1i, u1r),
+				twR + 3 * n + m, twI + 3 * n + m);
+		}
+	}
+}
+
 // The same with AVX2, eight q at a time. Per row r the eight results become
 // two groups of four complex values (q0..q3, q4..q7), each held as four 64-bit
 // lanes. Group element q goes to packed position p q + r, lane (p q + r) % 4
@@ -271,6 +339,16 @@ void RealFFT<float, false, false>::firstPass(const float *time) {
 	const std::size_t n = rowLength;
 	float *re = timeReal.data(), *im = timeImag.data();
 	const float *twR = rowTwiddleReal.data(), *twI = rowTwiddleImag.data();
+#if LUMBREL_REAL_FFT_AVX2
+	if (rowsAvx2) {
+		if (oddFactor == 3 && n == 128) return firstPassAvx2<3, 128>(re, im, time, twR, twI, n);
+		if (oddFactor == 3 && n == 256) return firstPassAvx2<3, 256>(re, im, time, twR, twI, n);
+		if (oddFactor == 5 && n == 64) return firstPassAvx2<5, 64>(re, im, time, twR, twI, n);
+		if (oddFactor == 5 && n == 128) return firstPassAvx2<5, 128>(re, im, time, twR, twI, n);
+		if (oddFactor == 3) return firstPassAvx2<3, 0>(re, im, time, twR, twI, n);
+		if (oddFactor == 5) return firstPassAvx2<5, 0>(re, im, time, twR, twI, n);
+	}
+#endif
 	switch (oddFactor) {
 	case 1: deinterleave(re, im, time, n); break;
 	case 3:
