@@ -457,14 +457,17 @@ void RealFFT<float, false, false>::fft(std::size_t step, const float *time, floa
 	}
 }
 
-// The interleaved forms go through the split ones, with the time rows (free at
-// that moment) in between, so that both give identical values.
+// The split form above goes through this one's last pass; the general form
+// goes through the split one, with the time rows (free at that moment) in
+// between. Either way both forms give identical values.
 void RealFFT<float, false, false>::fft(std::size_t step, const float *time, std::complex<float> *spectrum) {
 	if (oddFactor) {
-		if (step == oddFactor + 1) {
-			mixRows(reinterpret_cast<float *>(spectrum));
+		if (step == 0) {
+			firstPass(time);
 		} else if (step <= oddFactor) {
-			fft(step, time, nullptr, nullptr);
+			rowTransform(step - 1);
+		} else if (step == oddFactor + 1) {
+			mixRows(reinterpret_cast<float *>(spectrum));
 		}
 		return;
 	}
