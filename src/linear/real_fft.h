@@ -70,6 +70,31 @@ private:
 	// Entry k, k = 0..N/4: (cos t, sin t) with t = -pi/2 - 2 pi k / N.
 	std::vector<float> twiddleReal, twiddleImag;
 
+	// The forward transform for H = p n, p = 1, 3 or 5, n a power of two, in
+	// three passes over the data. The first pass takes the interleaved samples as
+	// H complex values z, and writes row k (k < p) of the DFT of size p down the
+	// columns of z seen as p rows of n, twiddled (a decimation-in-frequency step):
+	// rowsReal/rowsImag at k n. The rows' power-of-two transforms go to
+	// spectraReal/spectraImag at k rowStride, so that X[p q + k] is at
+	// k rowStride + q; one spare entry after row 0 holds a copy of X[0] so
+	// that X[H - p q] is at rowStride-relative index n - q for every q. The last
+	// pass forms each packed element from X[k] and X[H - k] read through that
+	// map and writes them in order.
+	std::size_t oddFactor = 0, rowLength = 0, rowStride = 0;
+	bool rowsAvx2 = false;
+	std::vector<float> spectraReal, spectraImag;
+	// First pass twiddles, entry (k - 1) n + m = exp(-2 pi i m k / H), k = 1..p-1.
+	std::vector<float> rowTwiddleReal, rowTwiddleImag;
+	// Per packed element k, at (k % p) n + k / p: (1 + c) / 2, then (1 - c) / 2,
+	// then s / 2 in three rows of H, with (c, s) the twiddle of element k.
+	std::vector<float> mixTable;
+	// The split forward form's interleaved spectrum, 2 H floats.
+	std::vector<float> packedWork;
+
+	void firstPass(const float *time);
+	void rowTransform(std::size_t row);
+	void mixRows(float *packed);
+
 	// The last forward step from the frequency rows into packed split rows, and
 	// the first inverse step from packed split rows into the frequency rows.
 	void untangle(float *real, float *imag) const;

@@ -55,6 +55,9 @@ public:
 	std::size_t inner() const { return innerSize; }
 	std::size_t outer() const { return outerSize; }
 	std::size_t steps() const { return stepList.size(); }
+	// The power-of-two transform of innerSize points, for callers that run the
+	// odd factor's passes themselves (its scratch is this object's).
+	Pow2FFT<float> &innerTransform() { return innerFFT; }
 	const Step &step(std::size_t index) const { return stepList[index]; }
 
 	// [audio-thread] Performs one step, reading the input rows and writing the
