@@ -183,7 +183,6 @@ private:
 	// Padded scratch for one channel at a time.
 	Row scatterReal, scatterImag, convolvedReal, convolvedImag, residualReal, residualImag, energySpectrum;
 	Row energyPerBin; // 1e-30 plus the band energies scattered, during the refinement
-	Row placeLanes;   // placing at moved frequencies: 4 rows of fftBins + 2 complex slots, zero between calls
 	Row timeRow; // fftSamples floats
 
 	// Per band and input channel.

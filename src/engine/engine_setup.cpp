@@ -50,7 +50,6 @@ EngineImpl<float>::EngineImpl(std::size_t channelsIn, std::size_t channelsOut, f
 		scratch->assign(paddedBins, 0.0f);
 	}
 	timeRow.assign(fftSamples, 0.0f);
-	placeLanes.assign(4 * 2 * (fftBins + 2), 0.0f);
 
 	binHz = sampleRate / float(windowSamples);
 	grid = scanBands(sampleRate, config.resolution, binHz, config.directCopy);
