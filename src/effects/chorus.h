@@ -82,6 +82,21 @@ void dryOutput(float *__restrict outR, float *__restrict outI, const float *__re
 	}
 }
 
+// A peak's turn, offset and noise stages (four floats to a band) written to
+// each of its n bands. Unaliased, so that no overlap test runs per peak.
+void spread(float *__restrict turnReal, float *__restrict turnImag, float *__restrict shift, float *__restrict stages,
+	float pRe, float pIm, float offset, float re1, float im1, float re2, float im2, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		turnReal[b] = pRe;
+		turnImag[b] = pIm;
+		shift[b] = offset;
+		stages[4 * b] = re1;
+		stages[4 * b + 1] = im1;
+		stages[4 * b + 2] = re2;
+		stages[4 * b + 3] = im2;
+	}
+}
+
 inline std::uint32_t bitsOf(float x) {
 	std::uint32_t bits;
 	std::memcpy(&bits, &x, sizeof bits);
@@ -190,12 +205,8 @@ public:
 
 				// Every band of the peak follows its top from now on; the
 				// turn itself runs over all bands below.
-				for (std::size_t b = peak.start; b < peak.end; ++b) {
-					turnReal[b] = pRe;
-					turnImag[b] = pIm;
-					shift[b] = offset;
-					stages[b] = z;
-				}
+				chorus_rows::spread(turnReal + peak.start, turnImag + peak.start, shift + peak.start,
+					&stages[peak.start].re1, pRe, pIm, offset, z.re1, z.im1, z.re2, z.im2, peak.end - peak.start);
 			}
 			chorus_rows::turnGains(gr, gi, outHz, ratio, turnReal, turnImag, shift, &stages[0].re2,
 				chorus.nominalHzRow.data(), chorus.bands);
