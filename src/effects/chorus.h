@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 namespace varkesh::lumbrel {
@@ -81,6 +82,33 @@ void dryOutput(float *__restrict outR, float *__restrict outI, const float *__re
 	}
 }
 
+// A peak's turn, offset and noise stages (four floats to a band) written to
+// each of its n bands. Unaliased, so that no overlap test runs per peak.
+void spread(float *__restrict turnReal, float *__restrict turnImag, float *__restrict shift, float *__restrict stages,
+	float pRe, float pIm, float offset, float re1, float im1, float re2, float im2, std::size_t n) {
+	for (std::size_t b = 0; b < n; ++b) {
+		turnReal[b] = pRe;
+		turnImag[b] = pIm;
+		shift[b] = offset;
+		stages[4 * b] = re1;
+		stages[4 * b + 1] = im1;
+		stages[4 * b + 2] = re2;
+		stages[4 * b + 3] = im2;
+	}
+}
+
+inline std::uint32_t bitsOf(float x) {
+	std::uint32_t bits;
+	std::memcpy(&bits, &x, sizeof bits);
+	return bits;
+}
+
+inline float floatOf(std::uint32_t bits) {
+	float x;
+	std::memcpy(&x, &bits, sizeof x);
+	return x;
+}
+
 // Each band's gain g turned by its peak's p (turnReal, turnImag) and set to
 // the level |z2|^2 of its noise stages, or to z2 itself where the turned gain
 // has died away; outHz = nominal + shift. `stages` points at the first band's
@@ -99,9 +127,14 @@ void turnGains(float *__restrict gr, float *__restrict gi, float *__restrict out
 	for (std::size_t b = 0; b < n; ++b) {
 		const float re = gr[b] * turnReal[b] - gi[b] * turnImag[b];
 		const float im = gr[b] * turnImag[b] + gi[b] * turnReal[b];
-		const bool alive = double(re * re + im * im) > 1e-30;
-		gr[b] = alive ? re * ratio[b] : stages[4 * b];
-		gi[b] = alive ? im * ratio[b] : stages[4 * b + 1];
+		// Alive: |turned|^2 above 1e-30 in double, that is above the float
+		// just below it (bits 0x0DA2425F), and not NaN. Chosen with a bit
+		// mask: GCC sinks the products of a plain choice into a branch and
+		// then keeps the loop scalar, as they might trap.
+		const std::uint32_t size = bitsOf(re * re + im * im);
+		const std::uint32_t keep = 0u - std::uint32_t(size - 0x0DA24260u <= 0x7F800000u - 0x0DA24260u);
+		gr[b] = floatOf((bitsOf(re * ratio[b]) & keep) | (bitsOf(stages[4 * b]) & ~keep));
+		gi[b] = floatOf((bitsOf(im * ratio[b]) & keep) | (bitsOf(stages[4 * b + 1]) & ~keep));
 		outHz[b] = nominal[b] + shift[b];
 	}
 }
@@ -172,12 +205,8 @@ public:
 
 				// Every band of the peak follows its top from now on; the
 				// turn itself runs over all bands below.
-				for (std::size_t b = peak.start; b < peak.end; ++b) {
-					turnReal[b] = pRe;
-					turnImag[b] = pIm;
-					shift[b] = offset;
-					stages[b] = z;
-				}
+				chorus_rows::spread(turnReal + peak.start, turnImag + peak.start, shift + peak.start,
+					&stages[peak.start].re1, pRe, pIm, offset, z.re1, z.im1, z.re2, z.im2, peak.end - peak.start);
 			}
 			chorus_rows::turnGains(gr, gi, outHz, ratio, turnReal, turnImag, shift, &stages[0].re2,
 				chorus.nominalHzRow.data(), chorus.bands);
@@ -229,11 +258,12 @@ public:
 	}
 
 	// [audio-thread] The next state of the minimal-standard generator
-	// (x' = 48271 x mod 2^31 - 1), by Schrage's method so that 32 bits suffice.
+	// (x' = 48271 x mod 2^31 - 1). As 2^31 = 1 mod 2^31 - 1, the product's
+	// bits above 31 fold onto its low bits; one subtraction finishes it.
 	std::uint32_t nextRandom() {
-		const std::int64_t x = randomState;
-		std::int64_t next = 48271 * (x % 44488) - 3399 * (x / 44488);
-		if (next < 0) next += 2147483647;
+		const std::uint64_t product = std::uint64_t(randomState) * 48271u;
+		std::uint64_t next = (product & 0x7FFFFFFFu) + (product >> 31);
+		if (next >= 0x7FFFFFFFu) next -= 0x7FFFFFFFu;
 		randomState = std::uint32_t(next);
 		return randomState;
 	}
@@ -317,6 +347,9 @@ protected:
 			linear::platform::sqrt(level, level, n);
 			chorus_rows::wetOutput(outR, outI, inR, inI, tr, ti, level, wet, n);
 			varkesh_lumbrel_engine_float_addOutputSplitMoved(engine, o, outR, outI, channels[o].hz.data(), n);
+			// At mix 1 (the default) the dry part is all zeros, which would
+			// change no output.
+			if (dry == 0) continue;
 			chorus_rows::dryOutput(outR, outI, inR, inI, dry, n);
 			varkesh_lumbrel_engine_float_addOutputSplit(engine, o, outR, outI);
 		}

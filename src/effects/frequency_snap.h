@@ -94,12 +94,11 @@ protected:
 			const float h = std::fabs(peak.hz);
 			const float n = 12 * std::log2(h * 0.0022727272f + 1e-30f) + 69;
 			if (h > M * 1.4f) {
-				for (std::size_t b = peak.start; b < peak.end; ++b) {
-					upRe[b] = downRe[b] = 0.5f;
-					upIm[b] = downIm[b] = 0;
-					upHz[b] = downHz[b] = peakHz[b];
-					upNote[b] = downNote[b] = n;
-				}
+				const std::size_t first = peak.start, count = peak.end - peak.start;
+				spread(upRe + first, upIm + first, upHz + first, upNote + first, peakHz + first, 0.5f, 0, 0, n,
+					count);
+				spread(downRe + first, downIm + first, downHz + first, downNote + first, peakHz + first, 0.5f, 0, 0,
+					n, count);
 				continue;
 			}
 
@@ -162,17 +161,11 @@ protected:
 			gainDownRe *= downLevel;
 			gainDownIm *= downLevel;
 
-			const float moveUp = hzUp - h, moveDown = hzDown - h;
-			for (std::size_t band = peak.start; band < peak.end; ++band) {
-				upRe[band] = gainUpRe;
-				upIm[band] = gainUpIm;
-				upHz[band] = peakHz[band] + moveUp;
-				upNote[band] = noteUp;
-				downRe[band] = gainDownRe;
-				downIm[band] = gainDownIm;
-				downHz[band] = peakHz[band] + moveDown;
-				downNote[band] = noteDown;
-			}
+			const std::size_t first = peak.start, count = peak.end - peak.start;
+			spread(upRe + first, upIm + first, upHz + first, upNote + first, peakHz + first, gainUpRe, gainUpIm,
+				hzUp - h, noteUp, count);
+			spread(downRe + first, downIm + first, downHz + first, downNote + first, peakHz + first, gainDownRe,
+				gainDownIm, hzDown - h, noteDown, count);
 		}
 
 		SmoothedGains<float> *const sets[] = {&upGains, &downGains};
@@ -185,6 +178,19 @@ protected:
 	}
 
 private:
+	// One voice's gain, frequency (the band's own moved by `move`) and note
+	// written to `count` bands of a peak. Unaliased, so that no overlap test
+	// runs per peak and voice.
+	static void spread(float *__restrict re, float *__restrict im, float *__restrict hz, float *__restrict note,
+		const float *__restrict peakHz, float gainRe, float gainIm, float move, float target, std::size_t count) {
+		for (std::size_t b = 0; b < count; ++b) {
+			re[b] = gainRe;
+			im[b] = gainIm;
+			hz[b] = peakHz[b] + move;
+			note[b] = target;
+		}
+	}
+
 	static float smoothstep(float x) { return x * x * (3 - 2 * x); }
 
 	// (re, im) rotated by theta and set to magnitude 1. A gain that has died
