@@ -31,6 +31,9 @@ fault linear "FFT twiddle with the wrong sign" src/linear/platform_fft_linux.cpp
 fault linear "real FFT untangling twiddle a quarter turn off" src/linear/real_fft.cpp \
 	'float t = float(-0.5 * pi - 2.0 * pi * double(k) / double(size));' \
 	'float t = float(0.5 * pi - 2.0 * pi * double(k) / double(size));'
+fault linear "forward real FFT: odd-factor twiddles conjugated" src/linear/real_fft.cpp \
+	'double angle = -2.0 * pi * double(m * k) / double(halfSize);' \
+	'double angle = 2.0 * pi * double(m * k) / double(halfSize);'
 fault linear "biquad feedback sign" src/linear/biquad.h \
 	'Sample y = b0 * x + b1 * x1 + b2 * x2 - (a1 * y1 + a2 * y2);' \
 	'Sample y = b0 * x + b1 * x1 + b2 * x2 + (a1 * y1 + a2 * y2);'
