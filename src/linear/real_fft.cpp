@@ -5,7 +5,9 @@
 #include <cmath>
 #include <utility>
 
-#if defined(__x86_64__) && defined(__GNUC__)
+// Linux only: __builtin_cpu_supports needs the compiler runtime's CPU model,
+// which the macOS toolchain does not link; macOS runs the portable passes.
+#if defined(__x86_64__) && defined(__GNUC__) && defined(__linux__)
 #include <immintrin.h>
 #define LUMBREL_REAL_FFT_AVX2 1
 #endif
