@@ -436,17 +436,22 @@ void RealFFT<float, false, false>::tangle(const float *real, const float *imag) 
 	}
 }
 
+bool RealFFT<float, false, false>::oddFactorStep(std::size_t step, const float *time, float *packed) {
+	if (step == 0) {
+		firstPass(time);
+	} else if (step <= oddFactor) {
+		rowTransform(step - 1);
+	} else if (step == oddFactor + 1) {
+		mixRows(packed);
+		return true;
+	}
+	return false;
+}
+
 void RealFFT<float, false, false>::fft(std::size_t step, const float *time, float *real, float *imag) {
 	const std::size_t complexSteps = complexFFT.steps();
 	if (oddFactor) {
-		if (step == 0) {
-			firstPass(time);
-		} else if (step <= oddFactor) {
-			rowTransform(step - 1);
-		} else if (step == oddFactor + 1) {
-			mixRows(packedWork.data());
-			deinterleave(real, imag, packedWork.data(), halfSize);
-		}
+		if (oddFactorStep(step, time, packedWork.data())) deinterleave(real, imag, packedWork.data(), halfSize);
 		return;
 	}
 	if (step == 0) {
@@ -464,13 +469,7 @@ void RealFFT<float, false, false>::fft(std::size_t step, const float *time, floa
 // between. Either way both forms give identical values.
 void RealFFT<float, false, false>::fft(std::size_t step, const float *time, std::complex<float> *spectrum) {
 	if (oddFactor) {
-		if (step == 0) {
-			firstPass(time);
-		} else if (step <= oddFactor) {
-			rowTransform(step - 1);
-		} else if (step == oddFactor + 1) {
-			mixRows(reinterpret_cast<float *>(spectrum));
-		}
+		oddFactorStep(step, time, reinterpret_cast<float *>(spectrum));
 		return;
 	}
 	if (step <= complexFFT.steps()) {

@@ -94,6 +94,8 @@ private:
 	void firstPass(const float *time);
 	void rowTransform(std::size_t row);
 	void mixRows(float *packed);
+	// One step of the odd-factor forward form; true once the last pass has written `packed`.
+	bool oddFactorStep(std::size_t step, const float *time, float *packed);
 
 	// The last forward step from the frequency rows into packed split rows, and
 	// the first inverse step from packed split rows into the frequency rows.
