@@ -41,8 +41,8 @@ fault linear "biquad feedback sign" src/linear/biquad.h \
 fault engine "band rotation with the wrong sign" src/engine/analysis.cpp \
 	'float rotatedI = rotR[b] * ti[b] + rotI[b] * tr[b];' 'float rotatedI = rotR[b] * ti[b] - rotI[b] * tr[b];'
 fault engine "band interpolation weights swapped" src/engine/analysis.cpp \
-	'gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(),' \
-	'gatherBands(bandIndex.data(), bandFraction.data(), bandFractionBelow.data(),'
+	'*lowerWeight = bandFractionBelow.data(), *upperWeight = bandFraction.data();' \
+	'*lowerWeight = bandFraction.data(), *upperWeight = bandFractionBelow.data();'
 fault engine "reported latency one sample long" src/engine/engine_impl.h \
 	'return latencyBlock - latencyReduction; }' 'return latencyBlock - latencyReduction + 1; }'
 fault engine "latency reduction read one sample late" src/engine/block_loop.cpp \
@@ -50,6 +50,8 @@ fault engine "latency reduction read one sample late" src/engine/block_loop.cpp 
 	'chunk > latencyReduction + 1 ? chunk - latencyReduction - 1 : 0;'
 fault engine "sleeps before the tail has rung out" src/engine/block_loop.cpp \
 	'} else if (silentSamples < windowSamples) {' '} else if (silentSamples < windowSamples / 8) {'
+fault engine "scatter: a chain's last upper bin keeps its old real part" src/engine/engine_impl.h \
+	'_mm_store_ss(real + bin, lower);' '(void)lower;'
 fault engine "emphasis shelf gain doubled in dB" src/engine/emphasis_shelf.cpp \
 	'double A = std::pow(10.0, gainDb * 0.025);' 'double A = std::pow(10.0, gainDb * 0.05);'
 # ---- storage: CBOR

@@ -18,6 +18,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(LUMBREL_AVX2_PATHS)
+#include <immintrin.h>
+#endif
 
 namespace varkesh::lumbrel {
 
@@ -123,14 +126,48 @@ LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, co
 	}
 }
 
-// scatterRuns of two split rows, built for AVX as well: its three-operand
-// forms and loads folded into arithmetic make the loop per band shorter.
-LUMBREL_VECTOR_CLONES void scatterSplit(const BinRun *begin, const BinRun *end, const float *weights,
-	const float *below, const float *above, const float *valuesReal, const float *valuesImag, float *real,
-	float *imag) {
-	scatterRuns(begin, end, weights, below, above,
-		[valuesReal, valuesImag](std::size_t b, float &re, float &im) { re = valuesReal[b], im = valuesImag[b]; }, real,
-		imag);
+#if defined(LUMBREL_AVX2_PATHS)
+// gatherBands for groups of eight bands whose bins lie within eight of the
+// first (see gatherBase): both bins of every band come out of one load per row
+// by permutes. The same products and sums.
+LUMBREL_AVX2 void gatherGroups(const std::uint32_t *base, const std::int32_t *offsets, std::size_t groups,
+	const float *below, const float *above, const float *real, const float *imag, float *outReal, float *outImag) {
+	const __m256i one = _mm256_set1_epi32(1);
+	for (std::size_t g = 0; g < groups; ++g) {
+		__m256i lower = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(offsets + 8 * g));
+		__m256i upper = _mm256_add_epi32(lower, one);
+		__m256 wLo = _mm256_loadu_ps(below + 8 * g), wHi = _mm256_loadu_ps(above + 8 * g);
+		__m256 re = _mm256_loadu_ps(real + base[g]), im = _mm256_loadu_ps(imag + base[g]);
+		_mm256_storeu_ps(outReal + 8 * g, _mm256_add_ps(_mm256_mul_ps(wLo, _mm256_permutevar8x32_ps(re, lower)),
+			_mm256_mul_ps(wHi, _mm256_permutevar8x32_ps(re, upper))));
+		_mm256_storeu_ps(outImag + 8 * g, _mm256_add_ps(_mm256_mul_ps(wLo, _mm256_permutevar8x32_ps(im, lower)),
+			_mm256_mul_ps(wHi, _mm256_permutevar8x32_ps(im, upper))));
+	}
+}
+#endif
+
+// scatterRuns built for AVX as well: its three-operand forms and loads folded
+// into arithmetic make the loop per band shorter.
+LUMBREL_VECTOR_CLONES void scatterPairs(const ScatterPlan &plan, const float *weights, const float *below,
+	const float *above, const float *pairs, float *real, float *imag) {
+	scatterRuns(plan, weights, below, above, pairs, real, imag);
+}
+
+LUMBREL_VECTOR_CLONES void pairUp(float *__restrict pairs, const float *__restrict real,
+	const float *__restrict imag, std::size_t count) {
+	for (std::size_t b = 0; b < count; ++b) {
+		pairs[2 * b] = real[b];
+		pairs[2 * b + 1] = imag[b];
+	}
+}
+
+// D = G F as (re, im) pairs, for the scatter.
+LUMBREL_VECTOR_CLONES void multiplyBandsPairs(float *__restrict d, const float *__restrict gr,
+	const float *__restrict gi, const float *__restrict fr, const float *__restrict fi, std::size_t low) {
+	for (std::size_t b = 0; b < low; ++b) {
+		d[2 * b] = gr[b] * fr[b] - gi[b] * fi[b];
+		d[2 * b + 1] = gr[b] * fi[b] + gi[b] * fr[b];
+	}
 }
 
 // D = G F
@@ -247,46 +284,70 @@ template void EngineImpl<float>::convolve<true>(float *, float *) const;
 // from `from` to `to`.
 void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag,
 	float *outReal, float *outImag) const {
-	gatherBands(bandIndex.data(), bandFractionBelow.data(), bandFraction.data(), real, imag, outReal, outImag, from, to);
-}
-
-// Scatter: see scatterPair in engine_impl.h. With SSE2 in single-lane
-// operations: the compiler's own vectorisation of the short runs costs more in
-// shuffles and remainders than it saves.
-void EngineImpl<float>::scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const {
-	std::size_t carriedBin = ~std::size_t(0);
-#if defined(__SSE2__)
-	const float *weights = bandWeights.data();
-	__m128 carried = _mm_setzero_ps();
-	for (const BinRun &run : runs) {
-		__m128 lo = run.bin == carriedBin ? carried : _mm_load_ss(row + run.bin);
-		__m128 hi = _mm_load_ss(row + run.bin + 1);
-		for (std::size_t b = run.first; b < run.end; ++b) {
-			__m128 v = _mm_load_ss(values + b);
-			__m128 w = _mm_loadu_ps(weights + 4 * b);
-			lo = _mm_add_ss(lo, _mm_mul_ss(w, v));
-			hi = _mm_add_ss(hi, _mm_mul_ss(_mm_movehl_ps(w, w), v));
-		}
-		_mm_store_ss(row + run.bin, lo);
-		if (run.upper) _mm_store_ss(row + run.bin + 1, hi);
-		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
-		carried = hi;
-	}
-#else
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-	float carried = 0;
-	for (const BinRun &run : runs) {
-		float lo = run.bin == carriedBin ? carried : row[run.bin], hi = row[run.bin + 1];
-		for (std::size_t b = run.first; b < run.end; ++b) {
-			lo += below[b] * values[b];
-			hi += above[b] * values[b];
-		}
-		row[run.bin] = lo;
-		if (run.upper) row[run.bin + 1] = hi;
-		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
-		carried = hi;
+	const float *lowerWeight = bandFractionBelow.data(), *upperWeight = bandFraction.data();
+#if defined(LUMBREL_AVX2_PATHS)
+	if (gatherInGroups && from == 0) {
+		std::size_t groups = std::min(gatherBase.size(), to / 8);
+		gatherGroups(gatherBase.data(), gatherOffsets.data(), groups, lowerWeight, upperWeight, real, imag, outReal,
+			outImag);
+		from = 8 * groups;
 	}
 #endif
+	gatherBands(bandIndex.data(), lowerWeight, upperWeight, real, imag, outReal, outImag, from, to);
+}
+
+void EngineImpl<float>::scatterPair(const ScatterPlan &plan, const float *pairs, float *real, float *imag) const {
+	scatterPairs(plan, bandWeights.data(), bandFractionBelow.data(), bandFraction.data(), pairs, real, imag);
+}
+
+void EngineImpl<float>::scatterPair(const ScatterPlan &plan, const float *values, const float *valuesImag,
+	float *real, float *imag) {
+	pairUp(bandPairs.data(), values, valuesImag, bandCount);
+	scatterPair(plan, bandPairs.data(), real, imag);
+}
+
+// A scatter of one real row, along the chains as in scatterRuns. With SSE2 in
+// single-lane operations: the compiler's own vectorisation of the short runs
+// costs more in shuffles and remainders than it saves.
+void EngineImpl<float>::scatterRow(const ScatterPlan &plan, const float *values, float *row) const {
+	const std::uint32_t *runEnds = plan.runEnds.data();
+#if defined(__SSE2__)
+	const float *weights = bandWeights.data();
+#else
+	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
+#endif
+	for (const BinChain &chain : plan.chains) {
+		std::size_t bin = chain.bin;
+#if defined(__SSE2__)
+		__m128 lo = _mm_load_ss(row + bin);
+		const float *value = values + chain.firstBand, *weight = weights + 4 * chain.firstBand;
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			__m128 hi = _mm_load_ss(row + bin + 1);
+			for (const float *runEnd = values + *e; value != runEnd; ++value, weight += 4) {
+				__m128 v = _mm_load_ss(value);
+				__m128 w = _mm_loadu_ps(weight);
+				lo = _mm_add_ss(lo, _mm_mul_ss(w, v));
+				hi = _mm_add_ss(hi, _mm_mul_ss(_mm_movehl_ps(w, w), v));
+			}
+			_mm_store_ss(row + bin, lo);
+			lo = hi;
+		}
+		if (chain.upper) _mm_store_ss(row + bin, lo);
+#else
+		std::size_t b = chain.firstBand;
+		float lo = row[bin];
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			float hi = row[bin + 1];
+			for (; b < *e; ++b) {
+				lo += below[b] * values[b];
+				hi += above[b] * values[b];
+			}
+			row[bin] = lo;
+			lo = hi;
+		}
+		if (chain.upper) row[bin] = lo;
+#endif
+	}
 }
 
 void EngineImpl<float>::lumbrelAnalysis() {
@@ -351,8 +412,7 @@ void EngineImpl<float>::residualBeyondPredictions(std::size_t c) {
 	const float *xr = row(inputRealStorage, c), *xi = row(inputImagStorage, c);
 	std::fill(scatterReal.begin(), scatterReal.end(), 0.0f);
 	std::fill(scatterImag.begin(), scatterImag.end(), 0.0f);
-	scatterSplit(allRuns.data(), allRuns.data() + allRuns.size(), bandWeights.data(), bandFractionBelow.data(),
-		bandFraction.data(), xr, xi, scatterReal.data(), scatterImag.data());
+	scatterPair(allRuns, xr, xi, scatterReal.data(), scatterImag.data());
 	convolve<false>(scatterReal.data(), convolvedReal.data());
 	convolve<true>(scatterImag.data(), convolvedImag.data());
 
@@ -440,10 +500,9 @@ float EngineImpl<float>::evaluate(const float *) {
 	std::size_t clearEnd = lowRegionOnly ? lowScatterEnd : paddedBins;
 	std::fill(sr, sr + clearEnd, 0.0f);
 	std::fill(si, si + clearEnd, 0.0f);
-	float *dr = updateReal.data() + bandCount, *di = updateImag.data() + bandCount; // after the gathered values
-	multiplyBands(dr, di, gr, gi, fr, fi, grid.lowBands);
-	scatterSplit(lowRuns.data(), lowRuns.data() + lowRuns.size(), bandWeights.data(), bandFractionBelow.data(),
-		bandFraction.data(), dr, di, sr, si);
+	float *d = bandPairs.data();
+	multiplyBandsPairs(d, gr, gi, fr, fi, grid.lowBands);
+	scatterPair(lowRuns, d, sr, si);
 	float *rr = convolvedReal.data(), *ri = convolvedImag.data();
 	std::size_t end = lowConvolveEnd;
 	if (lowRegionOnly) {

@@ -20,9 +20,10 @@
 #include <complex>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__)
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #endif
 
 namespace varkesh::lumbrel {
@@ -30,11 +31,20 @@ namespace varkesh::lumbrel {
 template <typename Sample>
 class EngineImpl;
 
-// Bands in runs that share a lower bin, in band order, so that a scatter sums
-// each bin in registers in the same order as one band at a time would.
-struct BinRun {
-	std::size_t bin, first, end; // padded index of the lower bin; bands first..end-1
-	bool upper;                  // the bin above exists
+// Bands in runs that share a lower bin, runs in chains over consecutive bins, in
+// band order. A run's bands add to its lower bin and the one above; the run
+// after it in a chain starts at that upper bin. See scatterRuns.
+struct BinChain {
+	std::uint32_t bin;              // padded index of the first run's lower bin
+	std::uint32_t firstBand;        // the first run's first band
+	std::uint32_t firstRun, endRun; // the chain's runs in ScatterPlan::runEnds
+	bool upper;                     // the bin above the last run's exists
+};
+
+struct ScatterPlan {
+	BumpVector<BinChain> chains;
+	BumpVector<std::uint32_t> runEnds; // per run, one past its last band
+	std::size_t endBin = 0;           // one past the last bin touched (padded index)
 };
 
 template <>
@@ -120,9 +130,12 @@ private:
 	void refineGains(const float *bandEnergy);
 	void measureFrequencies(std::size_t channel);
 	float evaluate(const float *bandEnergy);
-	template <class Value>
-	void scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const;
-	void scatterRow(const BumpVector<BinRun> &runs, const float *values, float *row) const;
+	// Scatter of band values given as (re, im) pairs, or as two rows (paired up
+	// in bandPairs first).
+	void scatterPair(const ScatterPlan &plan, const float *pairs, float *real, float *imag) const;
+	void scatterPair(const ScatterPlan &plan, const float *values, const float *valuesImag, float *real,
+		float *imag);
+	void scatterRow(const ScatterPlan &plan, const float *values, float *row) const;
 	void gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag, float *outReal,
 		float *outImag) const;
 	// stftWindowConvolve with folding (analysis.cpp).
@@ -158,9 +171,15 @@ private:
 	Row bandFractionBelow;           // 1 - bandFraction
 	Row bandWeights;                 // 1 - f, 1 - f, f, f per band: a scatter's weights for a complex value
 	BumpVector<std::uint32_t> bandIndex; // padded index of bandBin
+	// Groups of eight low bands, from band 0, whose bins lie within eight of the
+	// group's first: that bin's padded index, and each band's bin from it. With
+	// AVX2 a group's gather is one load and permutes (gatherPair).
+	BumpVector<std::uint32_t> gatherBase;
+	BumpVector<std::int32_t> gatherOffsets;
+	bool gatherInGroups = false;
 
-	// Bands in runs that share a lower bin (see BinRun).
-	BumpVector<BinRun> allRuns, lowRuns;
+	// All bands' scatter and the low bands' (see BinChain).
+	ScatterPlan allRuns, lowRuns;
 	// The low bands' scatter touches padded indices below lowScatterEnd. When that
 	// is far below the top (lowRegionOnly), the refinement convolves, subtracts and
 	// divides only up to lowConvolveEnd, the reach of the kernel beyond it; above
@@ -198,6 +217,7 @@ private:
 	Row localReal, localImag;                               // F
 	Row localNorm;                                          // |F|^2 + 1e-30
 	Row updateReal, updateImag;                             // D
+	Row bandPairs;                                          // band values as (re, im) pairs, for a scatter
 
 	BumpVector<float *> inputRealTable, inputImagTable, inputHzTable;
 
@@ -207,74 +227,63 @@ private:
 };
 
 // Scatter: each band adds (1 - f) of its value to its lower bin and f to the
-// bin above. A run's bands are summed in registers, each bin in band order from
-// the value it held, which is the order of adding one band at a time. The upper
-// sums stay in registers as the next run's start when that run begins at the
-// bin above. With SSE2 a bin's real and imaginary sums share a register, the
-// same products and additions lane by lane.
-// value(b, re, im) gives band b's complex value.
-// weights holds (1 - f, 1 - f, f, f) per band, below 1 - f and above f.
-template <class Value>
-inline void scatterRuns(const BinRun *begin, const BinRun *end, const float *weights, const float *below,
-	const float *above, Value value, float *real, float *imag) {
-	std::size_t carriedBin = ~std::size_t(0);
+// bin above. Each bin is summed in band order from the value it held, which is
+// the order of adding one band at a time, in registers: along a chain a run's
+// upper sums are the next run's lower ones, and only the chain's first bin is
+// read and its last written back through memory. With SSE2 one register holds
+// both bins' real and imaginary sums (lower re, lower im, upper re, upper im),
+// so a band costs one product and one addition: the same products and
+// additions lane by lane.
+// pairs holds band b's value as (re, im) at 2b; weights holds (1 - f, 1 - f, f, f)
+// per band, below 1 - f and above f.
+inline void scatterRuns(const ScatterPlan &plan, const float *weights, const float *below, const float *above,
+	const float *pairs, float *real, float *imag) {
+	const std::uint32_t *runEnds = plan.runEnds.data();
+	for (const BinChain &chain : plan.chains) {
+		std::size_t bin = chain.bin, b = chain.firstBand;
 #if defined(__SSE2__)
-	(void)below, (void)above;
-	__m128 carried = _mm_setzero_ps();
-	for (const BinRun *r = begin; r != end; ++r) {
-		const BinRun &run = *r;
-		__m128 lo = run.bin == carriedBin ? carried : _mm_unpacklo_ps(_mm_load_ss(real + run.bin), _mm_load_ss(imag + run.bin));
-		__m128 hi = _mm_unpacklo_ps(_mm_load_ss(real + run.bin + 1), _mm_load_ss(imag + run.bin + 1));
-		for (std::size_t b = run.first; b < run.end; ++b) {
-			float re, im;
-			value(b, re, im);
-			__m128 v = _mm_unpacklo_ps(_mm_set_ss(re), _mm_set_ss(im));
-			__m128 w = _mm_loadu_ps(weights + 4 * b);
-			lo = _mm_add_ps(lo, _mm_mul_ps(w, v));
-			hi = _mm_add_ps(hi, _mm_mul_ps(_mm_movehl_ps(w, w), v));
+		(void)below, (void)above;
+		auto loadBin = [real, imag](std::size_t i) { return _mm_unpacklo_ps(_mm_load_ss(real + i), _mm_load_ss(imag + i)); };
+		__m128 lower = loadBin(bin);
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			// The entry above the top bin is padding, read but never written.
+			__m128 sums = _mm_movelh_ps(lower, loadBin(bin + 1));
+			for (; b < *e; ++b) {
+				double pair; // (re, im), loaded twice over into one register
+				std::memcpy(&pair, pairs + 2 * b, sizeof pair);
+				sums = _mm_add_ps(sums, _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_castpd_ps(_mm_set1_pd(pair))));
+			}
+			_mm_store_ss(real + bin, sums);
+			_mm_store_ss(imag + bin, _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(1, 1, 1, 1)));
+			lower = _mm_movehl_ps(sums, sums);
 		}
-		_mm_store_ss(real + run.bin, lo);
-		_mm_store_ss(imag + run.bin, _mm_shuffle_ps(lo, lo, _MM_SHUFFLE(1, 1, 1, 1)));
-		if (run.upper) {
-			_mm_store_ss(real + run.bin + 1, hi);
-			_mm_store_ss(imag + run.bin + 1, _mm_shuffle_ps(hi, hi, _MM_SHUFFLE(1, 1, 1, 1)));
+		if (chain.upper) {
+			_mm_store_ss(real + bin, lower);
+			_mm_store_ss(imag + bin, _mm_shuffle_ps(lower, lower, _MM_SHUFFLE(1, 1, 1, 1)));
 		}
-		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
-		carried = hi;
-	}
 #else
-	(void)weights;
-	float carriedR = 0, carriedI = 0;
-	for (const BinRun *r = begin; r != end; ++r) {
-		const BinRun &run = *r;
-		bool carry = run.bin == carriedBin;
-		float loR = carry ? carriedR : real[run.bin], loI = carry ? carriedI : imag[run.bin];
-		float hiR = real[run.bin + 1], hiI = imag[run.bin + 1];
-		for (std::size_t b = run.first; b < run.end; ++b) {
-			float re, im;
-			value(b, re, im);
-			loR += below[b] * re;
-			loI += below[b] * im;
-			hiR += above[b] * re;
-			hiI += above[b] * im;
+		(void)weights;
+		float loR = real[bin], loI = imag[bin];
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			float hiR = real[bin + 1], hiI = imag[bin + 1];
+			for (; b < *e; ++b) {
+				float re = pairs[2 * b], im = pairs[2 * b + 1];
+				loR += below[b] * re;
+				loI += below[b] * im;
+				hiR += above[b] * re;
+				hiI += above[b] * im;
+			}
+			real[bin] = loR;
+			imag[bin] = loI;
+			loR = hiR;
+			loI = hiI;
 		}
-		real[run.bin] = loR;
-		imag[run.bin] = loI;
-		if (run.upper) {
-			real[run.bin + 1] = hiR;
-			imag[run.bin + 1] = hiI;
+		if (chain.upper) {
+			real[bin] = loR;
+			imag[bin] = loI;
 		}
-		carriedBin = run.upper ? run.bin + 1 : ~std::size_t(0);
-		carriedR = hiR;
-		carriedI = hiI;
-	}
 #endif
-}
-
-template <class Value>
-inline void EngineImpl<float>::scatterPair(const BumpVector<BinRun> &runs, Value value, float *real, float *imag) const {
-	scatterRuns(runs.data(), runs.data() + runs.size(), bandWeights.data(), bandFractionBelow.data(), bandFraction.data(),
-		value, real, imag);
+	}
 }
 
 } // namespace varkesh::lumbrel

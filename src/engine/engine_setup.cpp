@@ -2,6 +2,7 @@
 #include "engine/engine_impl.h"
 
 #include "engine/engine_windows.h"
+#include "linear/vector_hints.h"
 
 #include <algorithm>
 #include <cmath>
@@ -66,12 +67,12 @@ EngineImpl<float>::EngineImpl(std::size_t channelsIn, std::size_t channelsOut, f
 			 &predictedImag, &phaseSumReal, &phaseSumImag, &powerSum, &coherenceReal, &coherenceImag, &incoherence}) {
 		storage->assign(perChannel, 0.0f);
 	}
-	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &localNorm}) {
+	// D, and the refinement's gathered residual.
+	for (Row *scratch : {&gainReal, &gainImag, &gainBackupReal, &gainBackupImag, &localReal, &localImag, &localNorm,
+			 &updateReal, &updateImag}) {
 		scratch->assign(bandCount, 0.0f);
 	}
-	// D, then the refinement's gathered residual and G F side by side.
-	updateReal.assign(2 * bandCount, 0.0f);
-	updateImag.assign(2 * bandCount, 0.0f);
+	bandPairs.assign(2 * bandCount, 0.0f);
 	inputRealTable.assign(channelsIn, nullptr);
 	inputImagTable.assign(channelsIn, nullptr);
 	inputHzTable.assign(channelsIn, nullptr);
@@ -104,23 +105,54 @@ void EngineImpl<float>::buildBandPositions() {
 		bandIndex[b] = std::uint32_t(bandBin[b] + padded::before);
 	}
 
-	auto buildRuns = [&](BumpVector<BinRun> &runs, std::size_t count) {
-		runs.clear();
-		// One block, never regrown: a bump hook frees nothing.
-		runs.reserve(count);
+	gatherBase.clear();
+	gatherOffsets.clear();
+	gatherBase.reserve(grid.lowBands / 8);
+	gatherOffsets.reserve(grid.lowBands / 8 * 8);
+	for (std::size_t g = 0; 8 * g + 8 <= grid.lowBands; ++g) {
+		std::uint32_t base = bandIndex[8 * g];
+		// The upper bin of every band, and the whole load, within the row.
+		if (bandIndex[8 * g + 7] + 1 - base >= 8 || base + 8 > paddedBins) break;
+		gatherBase.push_back(base);
+		for (std::size_t j = 0; j < 8; ++j) gatherOffsets.push_back(std::int32_t(bandIndex[8 * g + j] - base));
+	}
+#if defined(LUMBREL_AVX2_PATHS)
+	__builtin_cpu_init();
+	gatherInGroups = __builtin_cpu_supports("avx2");
+#endif
+
+	auto buildRuns = [&](ScatterPlan &plan, std::size_t count) {
+		plan.chains.clear();
+		plan.runEnds.clear();
+		// One block each, never regrown: a bump hook frees nothing.
+		plan.chains.reserve(count);
+		plan.runEnds.reserve(count);
+		std::size_t runBin = 0, runEnd = 0; // the last run's
 		for (std::size_t b = 0; b < count; ++b) {
 			std::size_t bin = bandBin[b];
 			if (bin >= fftBins) continue;
-			if (!runs.empty() && runs.back().bin == bin + padded::before && runs.back().end == b) {
-				runs.back().end = b + 1;
-			} else {
-				runs.push_back({bin + padded::before, b, b + 1, bin < fftBins - 1});
+			bin += padded::before;
+			bool follows = !plan.runEnds.empty() && runEnd == b;
+			if (follows && bin == runBin) {
+				plan.runEnds.back() = std::uint32_t(++runEnd);
+				continue;
 			}
+			std::uint32_t run = std::uint32_t(plan.runEnds.size());
+			if (follows && bin == runBin + 1 && plan.chains.back().upper) {
+				plan.chains.back().endRun = run + 1;
+			} else {
+				plan.chains.push_back({std::uint32_t(bin), std::uint32_t(b), run, run + 1, true});
+			}
+			plan.chains.back().upper = bin < padded::before + fftBins - 1;
+			plan.runEnds.push_back(std::uint32_t(b + 1));
+			runBin = bin;
+			runEnd = b + 1;
 		}
+		plan.endBin = plan.runEnds.empty() ? padded::before : runBin + 2;
 	};
 	buildRuns(allRuns, bandCount);
 	buildRuns(lowRuns, grid.lowBands);
-	lowScatterEnd = lowRuns.empty() ? padded::before : lowRuns.back().bin + 2;
+	lowScatterEnd = lowRuns.endBin;
 	lowConvolveEnd = lowScatterEnd + kernelReach;
 	// The convolution up to lowConvolveEnd reads kernelReach further, and the
 	// folds at the top touch fftBins - 2 and above.

@@ -28,10 +28,16 @@ struct InterleavedValues {
 
 } // namespace
 
-template <class Read>
-void EngineImpl<float>::placeAtBands(std::size_t channel, Read read) {
-	scatterPair(allRuns, [&read](std::size_t b, float &re, float &im) { re = read.re(b), im = read.im(b); },
-		padded(spectrumReal, channel), padded(spectrumImag, channel));
+template <>
+void EngineImpl<float>::placeAtBands(std::size_t channel, SplitValues read) {
+	scatterPair(allRuns, read.real, read.imag, padded(spectrumReal, channel), padded(spectrumImag, channel));
+}
+
+// std::complex<float> is laid out as (re, im): the values are pairs already.
+template <>
+void EngineImpl<float>::placeAtBands(std::size_t channel, InterleavedValues read) {
+	scatterPair(allRuns, reinterpret_cast<const float *>(read.values), padded(spectrumReal, channel),
+		padded(spectrumImag, channel));
 }
 
 namespace {

@@ -13,6 +13,12 @@
 #if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__linux__) && \
 	!defined(LUMBREL_NO_MULTIVERSION) && !defined(__SANITIZE_THREAD__)
 #define LUMBREL_VECTOR_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+// LUMBREL_AVX2_PATHS: on the same platforms, hand-written AVX2 functions
+// (marked LUMBREL_AVX2) beside the portable ones, chosen at set-up by
+// __builtin_cpu_supports("avx2"). No FMA in them: the rounding stays that of
+// the portable path.
+#define LUMBREL_AVX2_PATHS 1
+#define LUMBREL_AVX2 __attribute__((target("avx2")))
 #else
 #define LUMBREL_VECTOR_CLONES
 #endif
