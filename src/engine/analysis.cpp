@@ -126,6 +126,41 @@ LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, co
 	}
 }
 
+// A scatter of one real row, along the chains as in scatterRuns. With SSE2 a
+// register holds (lower, lower, upper, upper): the weights (1 - f, 1 - f, f, f)
+// times the value, one product and one addition per band.
+LUMBREL_VECTOR_CLONES void scatterValues(const ScatterPlan &plan, const float *weights, const float *below,
+	const float *above, const float *values, float *row) {
+	const std::uint32_t *runEnds = plan.runEnds.data();
+	for (const BinChain &chain : plan.chains) {
+		std::size_t bin = chain.bin, b = chain.firstBand;
+#if defined(__SSE2__)
+		(void)below, (void)above;
+		__m128 lower = _mm_load1_ps(row + bin);
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			__m128 sums = _mm_movelh_ps(lower, _mm_load1_ps(row + bin + 1));
+			for (; b < *e; ++b) sums = _mm_add_ps(sums, _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_load1_ps(values + b)));
+			_mm_store_ss(row + bin, sums);
+			lower = _mm_movehl_ps(sums, sums);
+		}
+		if (chain.upper) _mm_store_ss(row + bin, lower);
+#else
+		(void)weights;
+		float lo = row[bin];
+		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
+			float hi = row[bin + 1];
+			for (; b < *e; ++b) {
+				lo += below[b] * values[b];
+				hi += above[b] * values[b];
+			}
+			row[bin] = lo;
+			lo = hi;
+		}
+		if (chain.upper) row[bin] = lo;
+#endif
+	}
+}
+
 #if defined(LUMBREL_AVX2_PATHS)
 // gatherBands for groups of eight bands whose bins lie within eight of the
 // first (see gatherBase): both bins of every band come out of one load per row
@@ -306,48 +341,8 @@ void EngineImpl<float>::scatterPair(const ScatterPlan &plan, const float *values
 	scatterPair(plan, bandPairs.data(), real, imag);
 }
 
-// A scatter of one real row, along the chains as in scatterRuns. With SSE2 in
-// single-lane operations: the compiler's own vectorisation of the short runs
-// costs more in shuffles and remainders than it saves.
 void EngineImpl<float>::scatterRow(const ScatterPlan &plan, const float *values, float *row) const {
-	const std::uint32_t *runEnds = plan.runEnds.data();
-#if defined(__SSE2__)
-	const float *weights = bandWeights.data();
-#else
-	const float *below = bandFractionBelow.data(), *above = bandFraction.data();
-#endif
-	for (const BinChain &chain : plan.chains) {
-		std::size_t bin = chain.bin;
-#if defined(__SSE2__)
-		__m128 lo = _mm_load_ss(row + bin);
-		const float *value = values + chain.firstBand, *weight = weights + 4 * chain.firstBand;
-		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
-			__m128 hi = _mm_load_ss(row + bin + 1);
-			for (const float *runEnd = values + *e; value != runEnd; ++value, weight += 4) {
-				__m128 v = _mm_load_ss(value);
-				__m128 w = _mm_loadu_ps(weight);
-				lo = _mm_add_ss(lo, _mm_mul_ss(w, v));
-				hi = _mm_add_ss(hi, _mm_mul_ss(_mm_movehl_ps(w, w), v));
-			}
-			_mm_store_ss(row + bin, lo);
-			lo = hi;
-		}
-		if (chain.upper) _mm_store_ss(row + bin, lo);
-#else
-		std::size_t b = chain.firstBand;
-		float lo = row[bin];
-		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
-			float hi = row[bin + 1];
-			for (; b < *e; ++b) {
-				lo += below[b] * values[b];
-				hi += above[b] * values[b];
-			}
-			row[bin] = lo;
-			lo = hi;
-		}
-		if (chain.upper) row[bin] = lo;
-#endif
-	}
+	scatterValues(plan, bandWeights.data(), bandFractionBelow.data(), bandFraction.data(), values, row);
 }
 
 void EngineImpl<float>::lumbrelAnalysis() {
