@@ -126,9 +126,8 @@ LUMBREL_VECTOR_CLONES void gatherBands(const std::uint32_t *__restrict index, co
 	}
 }
 
-// A scatter of one real row, along the chains as in scatterRuns. With SSE2 a
-// register holds (lower, lower, upper, upper): the weights (1 - f, 1 - f, f, f)
-// times the value, one product and one addition per band.
+// A scatter of one real row, along the chains as in scatterRuns: with SSE2 one
+// product of the weights (1 - f, 1 - f, f, f) and the value per band.
 LUMBREL_VECTOR_CLONES void scatterValues(const ScatterPlan &plan, const float *weights, const float *below,
 	const float *above, const float *values, float *row) {
 	const std::uint32_t *runEnds = plan.runEnds.data();
@@ -136,12 +135,16 @@ LUMBREL_VECTOR_CLONES void scatterValues(const ScatterPlan &plan, const float *w
 		std::size_t bin = chain.bin, b = chain.firstBand;
 #if defined(__SSE2__)
 		(void)below, (void)above;
-		__m128 lower = _mm_load1_ps(row + bin);
+		__m128 lower = _mm_load_ss(row + bin);
 		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
-			__m128 sums = _mm_movelh_ps(lower, _mm_load1_ps(row + bin + 1));
-			for (; b < *e; ++b) sums = _mm_add_ps(sums, _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_load1_ps(values + b)));
-			_mm_store_ss(row + bin, sums);
-			lower = _mm_movehl_ps(sums, sums);
+			__m128 upper = _mm_load_ss(row + bin + 1);
+			for (; b < *e; ++b) {
+				__m128 products = _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_load1_ps(values + b));
+				lower = _mm_add_ss(lower, products);
+				upper = _mm_add_ss(upper, _mm_movehl_ps(products, products));
+			}
+			_mm_store_ss(row + bin, lower);
+			lower = upper;
 		}
 		if (chain.upper) _mm_store_ss(row + bin, lower);
 #else

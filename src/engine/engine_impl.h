@@ -230,10 +230,11 @@ private:
 // bin above. Each bin is summed in band order from the value it held, which is
 // the order of adding one band at a time, in registers: along a chain a run's
 // upper sums are the next run's lower ones, and only the chain's first bin is
-// read and its last written back through memory. With SSE2 one register holds
-// both bins' real and imaginary sums (lower re, lower im, upper re, upper im),
-// so a band costs one product and one addition: the same products and
-// additions lane by lane.
+// read and its last written back through memory. With SSE2 a band's four
+// products are one (1 - f, 1 - f, f, f) times (re, im, re, im); the lower and
+// upper bin's sums stay in registers of their own, so that each bin's chain of
+// additions waits only on its own bands, and the chains of neighbouring runs
+// overlap. The same products and additions lane by lane.
 // pairs holds band b's value as (re, im) at 2b; weights holds (1 - f, 1 - f, f, f)
 // per band, below 1 - f and above f.
 inline void scatterRuns(const ScatterPlan &plan, const float *weights, const float *below, const float *above,
@@ -247,15 +248,17 @@ inline void scatterRuns(const ScatterPlan &plan, const float *weights, const flo
 		__m128 lower = loadBin(bin);
 		for (const std::uint32_t *e = runEnds + chain.firstRun, *last = runEnds + chain.endRun; e != last; ++e, ++bin) {
 			// The entry above the top bin is padding, read but never written.
-			__m128 sums = _mm_movelh_ps(lower, loadBin(bin + 1));
+			__m128 upper = loadBin(bin + 1);
 			for (; b < *e; ++b) {
 				double pair; // (re, im), loaded twice over into one register
 				std::memcpy(&pair, pairs + 2 * b, sizeof pair);
-				sums = _mm_add_ps(sums, _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_castpd_ps(_mm_set1_pd(pair))));
+				__m128 products = _mm_mul_ps(_mm_loadu_ps(weights + 4 * b), _mm_castpd_ps(_mm_set1_pd(pair)));
+				lower = _mm_add_ps(lower, products);
+				upper = _mm_add_ps(upper, _mm_movehl_ps(products, products));
 			}
-			_mm_store_ss(real + bin, sums);
-			_mm_store_ss(imag + bin, _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(1, 1, 1, 1)));
-			lower = _mm_movehl_ps(sums, sums);
+			_mm_store_ss(real + bin, lower);
+			_mm_store_ss(imag + bin, _mm_shuffle_ps(lower, lower, _MM_SHUFFLE(1, 1, 1, 1)));
+			lower = upper;
 		}
 		if (chain.upper) {
 			_mm_store_ss(real + bin, lower);
