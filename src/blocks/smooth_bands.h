@@ -43,11 +43,27 @@ inline void smoothBandsRows(float *const (&x)[K], std::size_t count, float width
 // an adder of its own. Four bands of four rows are loaded and transposed at a
 // time, so that a vector holds one band of four rows. Each lane sees exactly
 // the scalar arithmetic (a product, a product, their sum).
+//
+// One vector of rows (G = 1) is one chain, which would wait a multiply and an
+// add per band while the core idles; there each block of four bands is run
+// from a zero state first, w_j = a x_j + b w_{j-1}, off the chain, and the
+// incoming state s is added after: y_j = w_j + b^(j+1) s. By linearity this is
+// the serial recursion regrouped, so it differs in rounding only: every term
+// is the same product of a power of b (below 1) and an input, summed in
+// another order, and the carried state is rounded about as often as before,
+// so the error stays at a few units in the last place and does not grow along
+// the bands. The chain is then one multiply and one add per four bands. With
+// more vectors the chains already overlap and the blocks' extra work would
+// cost more than it saves.
 template<std::size_t G>
 inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 	if (!(width > 1e-18f) || count == 0) return;
 	const float a = 1 / (width + 1), b = 1 - a;
 	const __m128 va = _mm_set1_ps(a), vb = _mm_set1_ps(b);
+	// b, b^2, b^3, b^4: the incoming state's weight at each band of a block.
+	__m128 power[4];
+	power[0] = vb;
+	for (std::size_t j = 1; j < 4; ++j) power[j] = _mm_mul_ps(power[j - 1], vb);
 	__m128 s[G];
 	// One band i of every row, outside the blocks of four.
 	const auto single = [&](std::size_t i) {
@@ -67,13 +83,24 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 			__m128 v[4] = {_mm_loadu_ps(r[0] + base), _mm_loadu_ps(r[1] + base), _mm_loadu_ps(r[2] + base),
 				_mm_loadu_ps(r[3] + base)};
 			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
-			__m128 state = s[g];
-			for (std::size_t j = 0; j < 4; ++j) {
-				const std::size_t at = rising ? j : 3 - j;
-				state = _mm_add_ps(_mm_mul_ps(v[at], va), _mm_mul_ps(state, vb));
-				v[at] = state;
+			if constexpr (G == 1) {
+				__m128 w = _mm_mul_ps(v[rising ? 0 : 3], va);
+				v[rising ? 0 : 3] = _mm_add_ps(w, _mm_mul_ps(s[g], power[0]));
+				for (std::size_t j = 1; j < 4; ++j) {
+					const std::size_t at = rising ? j : 3 - j;
+					w = _mm_add_ps(_mm_mul_ps(v[at], va), _mm_mul_ps(w, vb));
+					v[at] = _mm_add_ps(w, _mm_mul_ps(s[g], power[j]));
+				}
+				s[g] = v[rising ? 3 : 0];
+			} else {
+				__m128 state = s[g];
+				for (std::size_t j = 0; j < 4; ++j) {
+					const std::size_t at = rising ? j : 3 - j;
+					state = _mm_add_ps(_mm_mul_ps(v[at], va), _mm_mul_ps(state, vb));
+					v[at] = state;
+				}
+				s[g] = state;
 			}
-			s[g] = state;
 			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
 			_mm_storeu_ps(r[0] + base, v[0]);
 			_mm_storeu_ps(r[1] + base, v[1]);
@@ -97,15 +124,17 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 #endif
 
 // [audio-thread] smoothBandsRows over `rowCount` rows of any number, eight at a
-// time (enough chains to keep the multipliers and adders busy); with SSE2, four
-// or more rows in vector lanes, up to sixteen at a time. A last vector that
-// the rows do not fill repeats its last row in the free lanes: those lanes
-// compute the same values from the same inputs and store them again, which
-// costs nothing next to another pass of a chain of its own.
+// time (enough chains to keep the multipliers and adders busy); with SSE2, in
+// vector lanes, up to sixteen rows at a time, and one to four rows in the
+// blocked form of smoothBandsLanes<1> (equal to smoothBandsRows but for
+// rounding). A last vector that the rows do not fill repeats its last row in
+// the free lanes: those lanes compute the same values from the same inputs
+// and store them again, which costs nothing next to another pass of a chain
+// of its own.
 inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_t count, float width) {
 #if defined(__SSE2__)
 	for (; rowCount >= 16; rows += 16, rowCount -= 16) smoothBandsLanes<4>(rows, count, width);
-	if (rowCount >= 4) {
+	if (rowCount >= 1) {
 		float *lanes[16];
 		const std::size_t used = (rowCount + 3) / 4 * 4;
 		for (std::size_t k = 0; k < used; ++k) lanes[k] = rows[k < rowCount ? k : rowCount - 1];
