@@ -169,9 +169,11 @@ inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_
 	}
 }
 
+// [audio-thread] smoothBandsRows on one row, in the blocked form where there is
+// one (equal but for rounding; a single chain is where it pays most).
 inline void smoothBands(float *x, std::size_t count, float width) {
 	float *const rows[1] = {x};
-	smoothBandsRows(rows, count, width);
+	smoothBandsMany(rows, 1, count, width);
 }
 
 } // namespace varkesh::lumbrel
