@@ -39,7 +39,7 @@ inline void smoothBandsRows(float *const (&x)[K], std::size_t count, float width
 // x86-64, NEON on arm64, the same arithmetic and so the same bits on both.
 typedef float BandLanes __attribute__((vector_size(16)));
 
-// Transposes four vectors of four: a[j] <-> (j-th vector)[a's index].
+// Transposes four vectors of four in place: v[j][k] takes what v[k][j] held.
 inline void transposeBandLanes(BandLanes (&v)[4]) {
 	const BandLanes t0 = __builtin_shufflevector(v[0], v[1], 0, 4, 1, 5);
 	const BandLanes t1 = __builtin_shufflevector(v[0], v[1], 2, 6, 3, 7);

@@ -280,7 +280,8 @@ TEST(SmoothBands, ManyRowsMatchOneAtATime) {
 				for (auto &row : many) rows.push_back(row.data());
 				varkesh::lumbrel::smoothBandsMany(rows.data(), rowCount, count, width);
 				for (std::size_t k = 0; k < rowCount; ++k) {
-					varkesh::lumbrel::smoothBands(one[k].data(), count, width);
+					float *const serial[1] = {one[k].data()};
+					varkesh::lumbrel::smoothBandsRows(serial, count, width);
 					for (std::size_t i = 0; i < count; ++i)
 						ASSERT_NEAR(many[k][i], one[k][i], 1e-6f * one[k][i]) << count << " bands, width " << width << ", "
 																				<< rowCount << " rows, row " << k << ", band " << i;
