@@ -36,7 +36,8 @@ inline void smoothBandsRows(float *const (&x)[K], std::size_t count, float width
 
 #if defined(__GNUC__)
 // Four floats in the compiler's generic vectors (GCC and clang): SSE2 on
-// x86-64, NEON on arm64, the same arithmetic and so the same bits on both.
+// x86-64, NEON on arm64, the same forms on both (the same bits where the file
+// forbids contraction into fused multiply-adds, as the gain sets' does).
 typedef float BandLanes __attribute__((vector_size(16)));
 
 // Transposes four vectors of four in place: v[j][k] takes what v[k][j] held.
