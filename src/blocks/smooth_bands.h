@@ -1,9 +1,6 @@
 #pragma once
 #include <cstddef>
-
-#if defined(__SSE2__)
-#include <xmmintrin.h>
-#endif
+#include <cstring>
 
 namespace varkesh::lumbrel {
 
@@ -37,26 +34,58 @@ inline void smoothBandsRows(float *const (&x)[K], std::size_t count, float width
 	}
 }
 
-#if defined(__SSE2__)
+#if defined(__GNUC__)
+// Four floats in the compiler's generic vectors (GCC and clang): SSE2 on
+// x86-64, NEON on arm64, the same forms on both (the same bits where the file
+// forbids contraction into fused multiply-adds, as the gain sets' does).
+typedef float BandLanes __attribute__((vector_size(16)));
+
+// Transposes four vectors of four in place: v[j][k] takes what v[k][j] held.
+inline void transposeBandLanes(BandLanes (&v)[4]) {
+	const BandLanes t0 = __builtin_shufflevector(v[0], v[1], 0, 4, 1, 5);
+	const BandLanes t1 = __builtin_shufflevector(v[0], v[1], 2, 6, 3, 7);
+	const BandLanes t2 = __builtin_shufflevector(v[2], v[3], 0, 4, 1, 5);
+	const BandLanes t3 = __builtin_shufflevector(v[2], v[3], 2, 6, 3, 7);
+	v[0] = __builtin_shufflevector(t0, t2, 0, 1, 4, 5);
+	v[1] = __builtin_shufflevector(t0, t2, 2, 3, 6, 7);
+	v[2] = __builtin_shufflevector(t1, t3, 0, 1, 4, 5);
+	v[3] = __builtin_shufflevector(t1, t3, 2, 3, 6, 7);
+}
+
 // smoothBandsRows for 4 G rows held in vector lanes, four rows to a vector and
 // G vectors stepped together: a row's chain costs a lane, not a multiplier and
 // an adder of its own. Four bands of four rows are loaded and transposed at a
-// time, so that a vector holds one band of four rows. Each lane sees exactly
-// the scalar arithmetic (a product, a product, their sum).
+// time, so that a vector holds one band of four rows. With G > 1 each lane
+// sees exactly the scalar arithmetic (a product, a product, their sum).
+//
+// One vector of rows (G = 1) is one chain, which would wait a multiply and an
+// add per band while the core idles; there each block of four bands is run
+// from a zero state first, w_j = a x_j + b w_{j-1}, off the chain, and the
+// incoming state s is added after: y_j = w_j + b^(j+1) s. By linearity this is
+// the serial recursion regrouped, so it differs in rounding only: every term
+// is the same product of a power of b (below 1) and an input, summed in
+// another order, and the carried state is rounded about as often as before,
+// so the error stays at a few units in the last place and does not grow along
+// the bands. The chain is then one multiply and one add per four bands. With
+// more vectors the chains already overlap, the transpositions bound the time,
+// and the blocks' extra work would cost more than it saves.
 template<std::size_t G>
 inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 	if (!(width > 1e-18f) || count == 0) return;
 	const float a = 1 / (width + 1), b = 1 - a;
-	const __m128 va = _mm_set1_ps(a), vb = _mm_set1_ps(b);
-	__m128 s[G];
+	const BandLanes va = {a, a, a, a}, vb = {b, b, b, b};
+	// b, b^2, b^3, b^4: the incoming state's weight at each band of a block.
+	BandLanes power[4];
+	power[0] = vb;
+	for (std::size_t j = 1; j < 4; ++j) power[j] = power[j - 1] * vb;
+	BandLanes s[G];
 	// One band i of every row, outside the blocks of four.
 	const auto single = [&](std::size_t i) {
 		for (std::size_t g = 0; g < G; ++g) {
 			float *const *r = x + 4 * g;
-			alignas(16) float v[4] = {r[0][i], r[1][i], r[2][i], r[3][i]};
-			s[g] = _mm_add_ps(_mm_mul_ps(_mm_load_ps(v), va), _mm_mul_ps(s[g], vb));
-			_mm_store_ps(v, s[g]);
-			for (std::size_t k = 0; k < 4; ++k) r[k][i] = v[k];
+			const BandLanes v = {r[0][i], r[1][i], r[2][i], r[3][i]};
+			s[g] = v * va + s[g] * vb;
+			for (std::size_t k = 0; k < 4; ++k) r[k][i] = s[g][k];
 		}
 	};
 	// Bands base .. base + 3 of every row, in rising or falling order, one
@@ -64,26 +93,34 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 	const auto block = [&](std::size_t base, bool rising) {
 		for (std::size_t g = 0; g < G; ++g) {
 			float *const *r = x + 4 * g;
-			__m128 v[4] = {_mm_loadu_ps(r[0] + base), _mm_loadu_ps(r[1] + base), _mm_loadu_ps(r[2] + base),
-				_mm_loadu_ps(r[3] + base)};
-			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
-			__m128 state = s[g];
-			for (std::size_t j = 0; j < 4; ++j) {
-				const std::size_t at = rising ? j : 3 - j;
-				state = _mm_add_ps(_mm_mul_ps(v[at], va), _mm_mul_ps(state, vb));
-				v[at] = state;
+			BandLanes v[4];
+			for (std::size_t k = 0; k < 4; ++k) std::memcpy(&v[k], r[k] + base, sizeof(BandLanes));
+			transposeBandLanes(v);
+			if constexpr (G == 1) {
+				BandLanes w = v[rising ? 0 : 3] * va;
+				v[rising ? 0 : 3] = w + s[g] * power[0];
+				for (std::size_t j = 1; j < 4; ++j) {
+					const std::size_t at = rising ? j : 3 - j;
+					w = v[at] * va + w * vb;
+					v[at] = w + s[g] * power[j];
+				}
+				s[g] = v[rising ? 3 : 0];
+			} else {
+				BandLanes state = s[g];
+				for (std::size_t j = 0; j < 4; ++j) {
+					const std::size_t at = rising ? j : 3 - j;
+					state = v[at] * va + state * vb;
+					v[at] = state;
+				}
+				s[g] = state;
 			}
-			s[g] = state;
-			_MM_TRANSPOSE4_PS(v[0], v[1], v[2], v[3]);
-			_mm_storeu_ps(r[0] + base, v[0]);
-			_mm_storeu_ps(r[1] + base, v[1]);
-			_mm_storeu_ps(r[2] + base, v[2]);
-			_mm_storeu_ps(r[3] + base, v[3]);
+			transposeBandLanes(v);
+			for (std::size_t k = 0; k < 4; ++k) std::memcpy(r[k] + base, &v[k], sizeof(BandLanes));
 		}
 	};
 	for (std::size_t g = 0; g < G; ++g) {
 		float *const *r = x + 4 * g;
-		s[g] = _mm_setr_ps(r[0][count - 1], r[1][count - 1], r[2][count - 1], r[3][count - 1]);
+		s[g] = BandLanes{r[0][count - 1], r[1][count - 1], r[2][count - 1], r[3][count - 1]};
 	}
 	// Backward over count - 2 down to 1.
 	std::size_t i = count - 1;
@@ -96,28 +133,28 @@ inline void smoothBandsLanes(float *const *x, std::size_t count, float width) {
 }
 #endif
 
-// [audio-thread] smoothBandsRows over `rowCount` rows of any number, eight at a
-// time (enough chains to keep the multipliers and adders busy); with SSE2, four
-// or more rows in vector lanes, up to sixteen at a time. A last vector that
-// the rows do not fill repeats its last row in the free lanes: those lanes
-// compute the same values from the same inputs and store them again, which
-// costs nothing next to another pass of a chain of its own.
+// [audio-thread] smoothBandsRows over `rowCount` rows of any number. With GCC
+// or clang in vector lanes, up to sixteen rows at a time, one to four rows in
+// the blocked form of smoothBandsLanes<1> (equal to smoothBandsRows but for
+// rounding); otherwise in scalar chains, eight at a time (enough to keep the
+// multipliers and adders busy). A last vector that the rows do not fill
+// repeats its last row in the free lanes: those lanes compute the same values
+// from the same inputs and store them again, which costs nothing next to
+// another pass of a chain of its own.
 inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_t count, float width) {
-#if defined(__SSE2__)
+#if defined(__GNUC__)
 	for (; rowCount >= 16; rows += 16, rowCount -= 16) smoothBandsLanes<4>(rows, count, width);
-	if (rowCount >= 4) {
-		float *lanes[16];
-		const std::size_t used = (rowCount + 3) / 4 * 4;
-		for (std::size_t k = 0; k < used; ++k) lanes[k] = rows[k < rowCount ? k : rowCount - 1];
-		switch (used / 4) {
-		case 4: smoothBandsLanes<4>(lanes, count, width); break;
-		case 3: smoothBandsLanes<3>(lanes, count, width); break;
-		case 2: smoothBandsLanes<2>(lanes, count, width); break;
-		default: smoothBandsLanes<1>(lanes, count, width); break;
-		}
-		return;
+	if (rowCount == 0) return;
+	float *lanes[16];
+	const std::size_t used = (rowCount + 3) / 4 * 4;
+	for (std::size_t k = 0; k < used; ++k) lanes[k] = rows[k < rowCount ? k : rowCount - 1];
+	switch (used / 4) {
+	case 4: smoothBandsLanes<4>(lanes, count, width); break;
+	case 3: smoothBandsLanes<3>(lanes, count, width); break;
+	case 2: smoothBandsLanes<2>(lanes, count, width); break;
+	default: smoothBandsLanes<1>(lanes, count, width); break;
 	}
-#endif
+#else
 	for (; rowCount >= 8; rows += 8, rowCount -= 8) {
 		float *const group[8] = {rows[0], rows[1], rows[2], rows[3], rows[4], rows[5], rows[6], rows[7]};
 		smoothBandsRows(group, count, width);
@@ -138,11 +175,14 @@ inline void smoothBandsMany(float *const *rows, std::size_t rowCount, std::size_
 		float *const group[1] = {rows[0]};
 		smoothBandsRows(group, count, width);
 	}
+#endif
 }
 
+// [audio-thread] smoothBandsRows on one row, in the blocked form where there is
+// one (equal but for rounding; a single chain is where it pays most).
 inline void smoothBands(float *x, std::size_t count, float width) {
 	float *const rows[1] = {x};
-	smoothBandsRows(rows, count, width);
+	smoothBandsMany(rows, 1, count, width);
 }
 
 } // namespace varkesh::lumbrel
