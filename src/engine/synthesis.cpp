@@ -10,6 +10,10 @@
 #include <cmath>
 #include <cstdint>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace varkesh::lumbrel {
 
 namespace {
@@ -70,6 +74,12 @@ LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t 
 #if defined(__SSE2__)
 namespace {
 
+// Lane n of v in every lane.
+template <int n>
+inline __m128 lane(__m128 v) {
+	return _mm_castsi128_ps(_mm_shuffle_epi32(_mm_castps_si128(v), _MM_SHUFFLE(n, n, n, n)));
+}
+
 // Values k and k + 1 as (re, im, re, im), then k + 2 and k + 3.
 inline void valuePairs(SplitValues read, std::size_t k, __m128 &low, __m128 &high) {
 	__m128 re = _mm_loadu_ps(read.real + k), im = _mm_loadu_ps(read.imag + k);
@@ -87,8 +97,8 @@ inline void valuePairs(InterleavedValues read, std::size_t k, __m128 &low, __m12
 // this loop stores one float at a time.
 template <class Read>
 inline void weighValues(float *__restrict parts, Read read, const float *__restrict fraction, std::size_t count) {
-	std::size_t k = 0;
-	for (; k + 4 <= count; k += 4) {
+	std::size_t k = 0, whole = count & ~std::size_t(3);
+	for (; k < whole; k += 4) {
 		__m128 f = _mm_load_ps(fraction + k), g = _mm_sub_ps(_mm_set1_ps(1), f);
 		__m128 low, high;
 		valuePairs(read, k, low, high);
@@ -139,12 +149,15 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 	std::size_t held = fftBins + 1;
 	__m128 sums = _mm_setzero_ps(); // lower bin re, im, upper bin re, im
 	auto bin = [&](std::size_t i) { return _mm_unpacklo_ps(_mm_load_ss(outR + i), _mm_load_ss(outI + i)); };
-	auto flush = [&] {
+	auto storeLower = [&] {
 		_mm_store_ss(outR + held, sums);
-		_mm_store_ss(outI + held, _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(1, 1, 1, 1)));
+		_mm_store_ss(outI + held, lane<1>(sums));
+	};
+	auto flush = [&] {
+		storeLower();
 		if (held < top) {
-			_mm_store_ss(outR + held + 1, _mm_movehl_ps(sums, sums));
-			_mm_store_ss(outI + held + 1, _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(3, 3, 3, 3)));
+			_mm_store_ss(outR + held + 1, lane<2>(sums));
+			_mm_store_ss(outI + held + 1, lane<3>(sums));
 		}
 	};
 	alignas(16) float parts[4 * positionChunk];
@@ -152,16 +165,19 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 		std::size_t n = std::min(positionChunk, count - start);
 		binPositions(hz + start, n, float(fftSamples), sampleRate, float(fftBins), index, fraction);
 		weigh(parts, read.from(start), fraction, n);
-		for (std::size_t k = 0; k < n; ++k) {
-			std::size_t i = index[k];
-			__m128 p = _mm_load_ps(parts + 4 * k);
+		// One counter, in bytes of the index row, addresses both rows.
+		const char *indexEnd = reinterpret_cast<const char *>(index + n);
+		const float *partsEnd = parts + 4 * n;
+		for (std::ptrdiff_t k = -4 * std::ptrdiff_t(n); k != 0; k += 4) {
+			std::size_t i = *reinterpret_cast<const std::uint32_t *>(indexEnd + k);
+			__m128 p = _mm_load_ps(partsEnd + k);
 			if (i == held) {
 				sums = _mm_add_ps(sums, p);
-			} else if (i == held + 1 && i < fftBins) {
-				// The upper bin in hand becomes the lower one.
-				_mm_store_ss(outR + held, sums);
-				_mm_store_ss(outI + held, _mm_shuffle_ps(sums, sums, _MM_SHUFFLE(1, 1, 1, 1)));
-				sums = _mm_add_ps(_mm_shuffle_ps(sums, bin(held + 2), _MM_SHUFFLE(1, 0, 3, 2)), p);
+			} else if (i == held + 1) {
+				// The upper bin in hand becomes the lower one. Past the top bin
+				// (i == fftBins) this takes up padding, which is never written.
+				storeLower();
+				sums = _mm_add_ps(_mm_shuffle_ps(sums, bin(i + 1), _MM_SHUFFLE(1, 0, 3, 2)), p);
 				held = i;
 			} else if (i < fftBins) {
 				if (held < fftBins) flush();
