@@ -129,6 +129,12 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 	float nyquist = 24000;
 	const Signal y = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, re, im, &nyquist, 1); });
 	EXPECT_GT(rms(y.data() + settled, measured), 0.01);
+	// A value past the top right after one at Nyquist leaves it and the next value as they are.
+	float keptHz[2] = {24000, 2000}, pastHz[3] = {24000, 30000, 2000}, pastRe[3] = {0.15f, 0.3f, -0.05f},
+		  pastIm[3] = {0.2f, 0.1f, 0.1f}, keptRe[2] = {0.15f, -0.05f}, keptIm[2] = {0.2f, 0.1f};
+	const Signal kept = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, keptRe, keptIm, keptHz, 2); });
+	const Signal past = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, pastRe, pastIm, pastHz, 3); });
+	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(past[i], kept[i]) << i;
 }
 
 } // namespace
