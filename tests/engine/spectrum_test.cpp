@@ -118,6 +118,20 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 		varkesh_lumbrel_engine_float_addOutputInterleavedMoved(e, 0, pairs, hz, 2);
 	});
 	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(twice[i], once[i]) << i;
+	// Thirteen values take the forms' vector steps of eight and four and the single one.
+	std::vector<float> manyHz(13), manyRe(13), manyIm(13);
+	std::vector<std::complex<float>> many(13);
+	for (std::size_t k = 0; k < 13; ++k) {
+		manyHz[k] = 1000.0f + 370.0f * float(k), manyRe[k] = 0.02f * float(k), manyIm[k] = 0.1f - 0.01f * float(k);
+		many[k] = {manyRe[k], manyIm[k]};
+	}
+	const Signal split = render([&](auto *e) {
+		varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, manyRe.data(), manyIm.data(), manyHz.data(), 13);
+	});
+	const Signal interleaved = render([&](auto *e) {
+		varkesh_lumbrel_engine_float_addOutputInterleavedMoved(e, 0, many.data(), manyHz.data(), 13);
+	});
+	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(interleaved[i], split[i]) << i;
 	std::vector<float> dropped = {24000 + 48000.0f / 768, 30000, 1e9f};
 #if defined(__x86_64__)
 	dropped.push_back(-100);
