@@ -50,8 +50,8 @@ fault engine "latency reduction read one sample late" src/engine/block_loop.cpp 
 	'chunk > latencyReduction + 1 ? chunk - latencyReduction - 1 : 0;'
 fault engine "sleeps before the tail has rung out" src/engine/block_loop.cpp \
 	'} else if (silentSamples < windowSamples) {' '} else if (silentSamples < windowSamples / 8) {'
-fault engine "scatter: a chain's last upper bin keeps its old real part" src/engine/engine_impl.h \
-	'_mm_store_ss(real + bin, lower);' '(void)lower;'
+fault engine "scatter: a run's upper sums dropped at the next run" src/engine/engine_impl.h \
+	'lower = upper;' 'lower = loadBin(bin + 1);'
 fault engine "emphasis shelf gain doubled in dB" src/engine/emphasis_shelf.cpp \
 	'double A = std::pow(10.0, gainDb * 0.025);' 'double A = std::pow(10.0, gainDb * 0.05);'
 # ---- storage: CBOR

@@ -18,7 +18,7 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(LUMBREL_AVX2_PATHS)
+#if defined(LUMBREL_MULTIVERSION)
 #include <immintrin.h>
 #endif
 
@@ -164,12 +164,20 @@ LUMBREL_VECTOR_CLONES void scatterValues(const ScatterPlan &plan, const float *w
 	}
 }
 
-#if defined(LUMBREL_AVX2_PATHS)
-// gatherBands for groups of eight bands whose bins lie within eight of the
-// first (see gatherBase): both bins of every band come out of one load per row
-// by permutes. The same products and sums.
-LUMBREL_AVX2 void gatherGroups(const std::uint32_t *base, const std::int32_t *offsets, std::size_t groups,
-	const float *below, const float *above, const float *real, const float *imag, float *outReal, float *outImag) {
+#if defined(LUMBREL_MULTIVERSION)
+// gatherBands over the first `groups` groups of eight bands whose bins lie
+// within eight of the group's first (see gatherBase). With AVX2 both bins of
+// every band come out of one load per row by permutes; the same products and
+// sums.
+__attribute__((target("default"))) void gatherGroups(const std::uint32_t *index, const std::uint32_t *,
+	const std::int32_t *, std::size_t groups, const float *below, const float *above, const float *real,
+	const float *imag, float *outReal, float *outImag) {
+	gatherBands(index, below, above, real, imag, outReal, outImag, 0, 8 * groups);
+}
+
+__attribute__((target("arch=x86-64-v3"))) void gatherGroups(const std::uint32_t *, const std::uint32_t *base,
+	const std::int32_t *offsets, std::size_t groups, const float *below, const float *above, const float *real,
+	const float *imag, float *outReal, float *outImag) {
 	const __m256i one = _mm256_set1_epi32(1);
 	for (std::size_t g = 0; g < groups; ++g) {
 		__m256i lower = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(offsets + 8 * g));
@@ -323,11 +331,11 @@ template void EngineImpl<float>::convolve<true>(float *, float *) const;
 void EngineImpl<float>::gatherPair(std::size_t from, std::size_t to, const float *real, const float *imag,
 	float *outReal, float *outImag) const {
 	const float *lowerWeight = bandFractionBelow.data(), *upperWeight = bandFraction.data();
-#if defined(LUMBREL_AVX2_PATHS)
-	if (gatherInGroups && from == 0) {
+#if defined(LUMBREL_MULTIVERSION)
+	if (from == 0) {
 		std::size_t groups = std::min(gatherBase.size(), to / 8);
-		gatherGroups(gatherBase.data(), gatherOffsets.data(), groups, lowerWeight, upperWeight, real, imag, outReal,
-			outImag);
+		gatherGroups(bandIndex.data(), gatherBase.data(), gatherOffsets.data(), groups, lowerWeight, upperWeight, real,
+			imag, outReal, outImag);
 		from = 8 * groups;
 	}
 #endif

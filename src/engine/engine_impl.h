@@ -176,7 +176,6 @@ private:
 	// AVX2 a group's gather is one load and permutes (gatherPair).
 	BumpVector<std::uint32_t> gatherBase;
 	BumpVector<std::int32_t> gatherOffsets;
-	bool gatherInGroups = false;
 
 	// All bands' scatter and the low bands' (see BinChain).
 	ScatterPlan allRuns, lowRuns;

@@ -2,7 +2,6 @@
 #include "engine/engine_impl.h"
 
 #include "engine/engine_windows.h"
-#include "linear/vector_hints.h"
 
 #include <algorithm>
 #include <cmath>
@@ -116,10 +115,6 @@ void EngineImpl<float>::buildBandPositions() {
 		gatherBase.push_back(base);
 		for (std::size_t j = 0; j < 8; ++j) gatherOffsets.push_back(std::int32_t(bandIndex[8 * g + j] - base));
 	}
-#if defined(LUMBREL_AVX2_PATHS)
-	__builtin_cpu_init();
-	gatherInGroups = __builtin_cpu_supports("avx2");
-#endif
 
 	auto buildRuns = [&](ScatterPlan &plan, std::size_t count) {
 		plan.chains.clear();

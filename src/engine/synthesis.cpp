@@ -10,6 +10,13 @@
 #include <cmath>
 #include <cstdint>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+#if defined(LUMBREL_MULTIVERSION)
+#include <immintrin.h>
+#endif
+
 namespace varkesh::lumbrel {
 
 namespace {
@@ -18,12 +25,14 @@ struct SplitValues {
 	const float *real, *imag;
 	float re(std::size_t i) const { return real[i]; }
 	float im(std::size_t i) const { return imag[i]; }
+	SplitValues from(std::size_t i) const { return {real + i, imag + i}; }
 };
 
 struct InterleavedValues {
 	const std::complex<float> *values;
 	float re(std::size_t i) const { return values[i].real(); }
 	float im(std::size_t i) const { return values[i].imag(); }
+	InterleavedValues from(std::size_t i) const { return {values + i}; }
 };
 
 } // namespace
@@ -71,17 +80,184 @@ LUMBREL_VECTOR_CLONES void binPositions(const float *__restrict hz, std::size_t 
 
 } // namespace
 
+#if defined(__SSE2__)
+namespace {
+
+// Lane n of v in every lane.
+template <int n>
+inline __m128 lane(__m128 v) {
+	return _mm_castsi128_ps(_mm_shuffle_epi32(_mm_castps_si128(v), _MM_SHUFFLE(n, n, n, n)));
+}
+
+// Values k and k + 1 as (re, im, re, im), then k + 2 and k + 3.
+inline void valuePairs(SplitValues read, std::size_t k, __m128 &low, __m128 &high) {
+	__m128 re = _mm_loadu_ps(read.real + k), im = _mm_loadu_ps(read.imag + k);
+	low = _mm_unpacklo_ps(re, im);
+	high = _mm_unpackhi_ps(re, im);
+}
+
+inline void valuePairs(InterleavedValues read, std::size_t k, __m128 &low, __m128 &high) {
+	low = _mm_loadu_ps(reinterpret_cast<const float *>(read.values + k));
+	high = _mm_loadu_ps(reinterpret_cast<const float *>(read.values + k + 2));
+}
+
+// Each value's four products, side by side in the order the two bins' sums
+// hold them: (1 - f) re, (1 - f) im, f re, f im. The compiler's own version of
+// this loop stores one float at a time.
+template <class Read>
+inline void weighValues(float *__restrict parts, Read read, const float *__restrict fraction, std::size_t count) {
+	std::size_t k = 0, whole = count & ~std::size_t(3);
+	for (; k < whole; k += 4) {
+		__m128 f = _mm_load_ps(fraction + k), g = _mm_sub_ps(_mm_set1_ps(1), f);
+		__m128 low, high;
+		valuePairs(read, k, low, high);
+		// Per pair of values: (1 - f) times both, f times both, then one value per vector.
+		__m128 g01 = _mm_mul_ps(low, _mm_unpacklo_ps(g, g)), f01 = _mm_mul_ps(low, _mm_unpacklo_ps(f, f));
+		__m128 g23 = _mm_mul_ps(high, _mm_unpackhi_ps(g, g)), f23 = _mm_mul_ps(high, _mm_unpackhi_ps(f, f));
+		float *p = parts + 4 * k;
+		_mm_store_ps(p, _mm_movelh_ps(g01, f01));
+		_mm_store_ps(p + 4, _mm_movehl_ps(f01, g01));
+		_mm_store_ps(p + 8, _mm_movelh_ps(g23, f23));
+		_mm_store_ps(p + 12, _mm_movehl_ps(f23, g23));
+	}
+	for (; k < count; ++k) {
+		float f = fraction[k], g = 1 - f, re = read.re(k), im = read.im(k);
+		float *p = parts + 4 * k;
+		p[0] = g * re, p[1] = g * im, p[2] = f * re, p[3] = f * im;
+	}
+}
+
+#if defined(LUMBREL_MULTIVERSION)
+// With AVX2 eight values a step, the same products; the loader picks this
+// version by the processor.
+#define LUMBREL_V3 __attribute__((target("arch=x86-64-v3")))
+
+// Values k, k + 1, k + 4, k + 5 as (re, im) pairs, then k + 2, k + 3, k + 6,
+// k + 7: the halves of eight-float vectors work apart.
+LUMBREL_V3 inline void valuePairs8(SplitValues read, std::size_t k, __m256 &low, __m256 &high) {
+	__m256 re = _mm256_loadu_ps(read.real + k), im = _mm256_loadu_ps(read.imag + k);
+	low = _mm256_unpacklo_ps(re, im);
+	high = _mm256_unpackhi_ps(re, im);
+}
+
+LUMBREL_V3 inline void valuePairs8(InterleavedValues read, std::size_t k, __m256 &low, __m256 &high) {
+	__m256 a = _mm256_loadu_ps(reinterpret_cast<const float *>(read.values + k));
+	__m256 b = _mm256_loadu_ps(reinterpret_cast<const float *>(read.values + k + 4));
+	low = _mm256_permute2f128_ps(a, b, 0x20);
+	high = _mm256_permute2f128_ps(a, b, 0x31);
+}
+
+template <class Read>
+LUMBREL_V3 inline void weighValues8(float *__restrict parts, Read read, const float *__restrict fraction,
+	std::size_t count) {
+	std::size_t k = 0, whole = count & ~std::size_t(7);
+	for (; k < whole; k += 8) {
+		__m256 f = _mm256_loadu_ps(fraction + k), g = _mm256_sub_ps(_mm256_set1_ps(1), f);
+		__m256 low, high;
+		valuePairs8(read, k, low, high);
+		__m256 g01 = _mm256_mul_ps(low, _mm256_unpacklo_ps(g, g)), f01 = _mm256_mul_ps(low, _mm256_unpacklo_ps(f, f));
+		__m256 g23 = _mm256_mul_ps(high, _mm256_unpackhi_ps(g, g)), f23 = _mm256_mul_ps(high, _mm256_unpackhi_ps(f, f));
+		// Values k | k + 4, k + 1 | k + 5, and so on.
+		__m256d g01d = _mm256_castps_pd(g01), f01d = _mm256_castps_pd(f01);
+		__m256d g23d = _mm256_castps_pd(g23), f23d = _mm256_castps_pd(f23);
+		__m256 v04 = _mm256_castpd_ps(_mm256_unpacklo_pd(g01d, f01d));
+		__m256 v15 = _mm256_castpd_ps(_mm256_unpackhi_pd(g01d, f01d));
+		__m256 v26 = _mm256_castpd_ps(_mm256_unpacklo_pd(g23d, f23d));
+		__m256 v37 = _mm256_castpd_ps(_mm256_unpackhi_pd(g23d, f23d));
+		float *p = parts + 4 * k;
+		_mm256_store_ps(p, _mm256_permute2f128_ps(v04, v15, 0x20));
+		_mm256_store_ps(p + 8, _mm256_permute2f128_ps(v26, v37, 0x20));
+		_mm256_store_ps(p + 16, _mm256_permute2f128_ps(v04, v15, 0x31));
+		_mm256_store_ps(p + 24, _mm256_permute2f128_ps(v26, v37, 0x31));
+	}
+	weighValues(parts + 4 * k, read.from(k), fraction + k, count - k);
+}
+
+LUMBREL_V3 void weigh(float *parts, SplitValues read, const float *fraction, std::size_t count) {
+	weighValues8(parts, read, fraction, count);
+}
+
+LUMBREL_V3 void weigh(float *parts, InterleavedValues read, const float *fraction, std::size_t count) {
+	weighValues8(parts, read, fraction, count);
+}
+#undef LUMBREL_V3
+#define LUMBREL_BASELINE __attribute__((target("default")))
+#else
+#define LUMBREL_BASELINE
+#endif
+
+LUMBREL_BASELINE void weigh(float *parts, SplitValues read, const float *fraction, std::size_t count) {
+	weighValues(parts, read, fraction, count);
+}
+
+LUMBREL_BASELINE void weigh(float *parts, InterleavedValues read, const float *fraction, std::size_t count) {
+	weighValues(parts, read, fraction, count);
+}
+#undef LUMBREL_BASELINE
+
+} // namespace
+#endif
+
 // Values in a row tend to fall on the same or the next bin as the one before,
 // so the two bins in hand are summed in registers and written when the bin
 // changes: the same additions in the same order as one value at a time. The
 // products with the fractions are made first for a chunk, in loops that
-// vectorise, so that the serial part is the additions.
+// vectorise, so that the serial part is the additions. With SSE2 the two bins'
+// sums share one register, lane by lane the same additions, so that a value on
+// the bin in hand costs one vector addition.
 template <class Read>
 void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *hz, std::size_t count) {
 	if (count == 0) return;
 	float *outR = padded(spectrumReal, channel) + padded::before;
 	float *outI = padded(spectrumImag, channel) + padded::before;
 	std::size_t top = fftBins - 1;
+	std::uint32_t index[positionChunk];
+	alignas(16) float fraction[positionChunk];
+#if defined(__SSE2__)
+	// None in hand yet: a bin that no index equals, nor the one above it.
+	std::size_t held = fftBins + 1;
+	__m128 sums = _mm_setzero_ps(); // lower bin re, im, upper bin re, im
+	auto bin = [&](std::size_t i) { return _mm_unpacklo_ps(_mm_load_ss(outR + i), _mm_load_ss(outI + i)); };
+	auto storeLower = [&] {
+		_mm_store_ss(outR + held, sums);
+		_mm_store_ss(outI + held, lane<1>(sums));
+	};
+	auto flush = [&] {
+		storeLower();
+		if (held < top) {
+			_mm_store_ss(outR + held + 1, lane<2>(sums));
+			_mm_store_ss(outI + held + 1, lane<3>(sums));
+		}
+	};
+	alignas(32) float parts[4 * positionChunk];
+	for (std::size_t start = 0; start < count; start += positionChunk) {
+		std::size_t n = std::min(positionChunk, count - start);
+		binPositions(hz + start, n, float(fftSamples), sampleRate, float(fftBins), index, fraction);
+		weigh(parts, read.from(start), fraction, n);
+		// One counter, in bytes of the index row, addresses both rows.
+		const char *indexEnd = reinterpret_cast<const char *>(index + n);
+		const float *partsEnd = parts + 4 * n;
+		for (std::ptrdiff_t k = -4 * std::ptrdiff_t(n); k != 0; k += 4) {
+			std::size_t i = *reinterpret_cast<const std::uint32_t *>(indexEnd + k);
+			__m128 p = _mm_load_ps(partsEnd + k);
+			if (i == held) {
+				sums = _mm_add_ps(sums, p);
+			} else if (i == held + 1) {
+				// The upper bin in hand becomes the lower one. Past the top bin
+				// (i == fftBins) this takes up padding, which is never written.
+				storeLower();
+				sums = _mm_add_ps(_mm_shuffle_ps(sums, bin(i + 1), _MM_SHUFFLE(1, 0, 3, 2)), p);
+				held = i;
+			} else if (i < fftBins) {
+				if (held < fftBins) flush();
+				// The entry above the top bin is padding, read but never written.
+				sums = _mm_add_ps(_mm_movelh_ps(bin(i), bin(i + 1)), p);
+				held = i;
+			}
+		}
+	}
+	if (held < fftBins) flush();
+#else
 	std::size_t held = fftBins; // the bin in hand; none yet
 	float loR = 0, loI = 0, hiR = 0, hiI = 0;
 	auto flush = [&] {
@@ -92,9 +268,7 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 			outI[held + 1] = hiI;
 		}
 	};
-	std::uint32_t index[positionChunk];
-	float fraction[positionChunk], lowR[positionChunk], lowI[positionChunk], highR[positionChunk],
-		highI[positionChunk];
+	float lowR[positionChunk], lowI[positionChunk], highR[positionChunk], highI[positionChunk];
 	for (std::size_t start = 0; start < count; start += positionChunk) {
 		std::size_t n = std::min(positionChunk, count - start);
 		binPositions(hz + start, n, float(fftSamples), sampleRate, float(fftBins), index, fraction);
@@ -138,6 +312,7 @@ void EngineImpl<float>::placeAtHz(std::size_t channel, Read read, const float *h
 		}
 	}
 	if (held < fftBins) flush();
+#endif
 }
 
 // The quick path compares against the engine's row at the stride of the padded

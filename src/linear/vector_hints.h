@@ -7,18 +7,16 @@
 // with internal linkage. Not under ThreadSanitizer: the loader runs the
 // resolvers while relocating, and in a program linked with this code that is
 // before the sanitizer's runtime exists, whose hooks the resolvers would call.
+// LUMBREL_MULTIVERSION is defined where clones are built: there a function with
+// internal linkage may also come in two written versions, target("default")
+// and target("arch=x86-64-v3"), picked the same way.
 //
 // LUMBREL_IVDEP, before a loop: no dependence between iterations, for loops
 // whose output may be exactly one of their input rows (which carries none).
 #if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && defined(__linux__) && \
 	!defined(LUMBREL_NO_MULTIVERSION) && !defined(__SANITIZE_THREAD__)
 #define LUMBREL_VECTOR_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
-// LUMBREL_AVX2_PATHS: on the same platforms, hand-written AVX2 functions
-// (marked LUMBREL_AVX2) beside the portable ones, chosen at set-up by
-// __builtin_cpu_supports("avx2"). No FMA in them: the rounding stays that of
-// the portable path.
-#define LUMBREL_AVX2_PATHS 1
-#define LUMBREL_AVX2 __attribute__((target("avx2")))
+#define LUMBREL_MULTIVERSION 1
 #else
 #define LUMBREL_VECTOR_CLONES
 #endif

@@ -118,6 +118,20 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 		varkesh_lumbrel_engine_float_addOutputInterleavedMoved(e, 0, pairs, hz, 2);
 	});
 	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(twice[i], once[i]) << i;
+	// Thirteen values take the forms' vector steps of eight and four and the single one.
+	std::vector<float> manyHz(13), manyRe(13), manyIm(13);
+	std::vector<std::complex<float>> many(13);
+	for (std::size_t k = 0; k < 13; ++k) {
+		manyHz[k] = 1000.0f + 370.0f * float(k), manyRe[k] = 0.02f * float(k), manyIm[k] = 0.1f - 0.01f * float(k);
+		many[k] = {manyRe[k], manyIm[k]};
+	}
+	const Signal split = render([&](auto *e) {
+		varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, manyRe.data(), manyIm.data(), manyHz.data(), 13);
+	});
+	const Signal interleaved = render([&](auto *e) {
+		varkesh_lumbrel_engine_float_addOutputInterleavedMoved(e, 0, many.data(), manyHz.data(), 13);
+	});
+	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(interleaved[i], split[i]) << i;
 	std::vector<float> dropped = {24000 + 48000.0f / 768, 30000, 1e9f};
 #if defined(__x86_64__)
 	dropped.push_back(-100);
@@ -129,6 +143,12 @@ TEST(Synthesis, ValuesBecomeSinesAtTheirFrequencies) {
 	float nyquist = 24000;
 	const Signal y = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, re, im, &nyquist, 1); });
 	EXPECT_GT(rms(y.data() + settled, measured), 0.01);
+	// A value past the top right after one at Nyquist leaves it and the next value as they are.
+	float keptHz[2] = {24000, 2000}, pastHz[3] = {24000, 30000, 2000}, pastRe[3] = {0.15f, 0.3f, -0.05f},
+		  pastIm[3] = {0.2f, 0.1f, 0.1f}, keptRe[2] = {0.15f, -0.05f}, keptIm[2] = {0.2f, 0.1f};
+	const Signal kept = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, keptRe, keptIm, keptHz, 2); });
+	const Signal past = render([&](auto *e) { varkesh_lumbrel_engine_float_addOutputSplitMoved(e, 0, pastRe, pastIm, pastHz, 3); });
+	for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(past[i], kept[i]) << i;
 }
 
 } // namespace
