@@ -13,9 +13,6 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-#if defined(LUMBREL_MULTIVERSION)
-#include <immintrin.h>
-#endif
 
 namespace varkesh::lumbrel {
 
@@ -127,73 +124,14 @@ inline void weighValues(float *__restrict parts, Read read, const float *__restr
 	}
 }
 
-#if defined(LUMBREL_MULTIVERSION)
-// With AVX2 eight values a step, the same products; the loader picks this
-// version by the processor.
-#define LUMBREL_V3 __attribute__((target("arch=x86-64-v3")))
-
-// Values k, k + 1, k + 4, k + 5 as (re, im) pairs, then k + 2, k + 3, k + 6,
-// k + 7: the halves of eight-float vectors work apart.
-LUMBREL_V3 inline void valuePairs8(SplitValues read, std::size_t k, __m256 &low, __m256 &high) {
-	__m256 re = _mm256_loadu_ps(read.real + k), im = _mm256_loadu_ps(read.imag + k);
-	low = _mm256_unpacklo_ps(re, im);
-	high = _mm256_unpackhi_ps(re, im);
-}
-
-LUMBREL_V3 inline void valuePairs8(InterleavedValues read, std::size_t k, __m256 &low, __m256 &high) {
-	__m256 a = _mm256_loadu_ps(reinterpret_cast<const float *>(read.values + k));
-	__m256 b = _mm256_loadu_ps(reinterpret_cast<const float *>(read.values + k + 4));
-	low = _mm256_permute2f128_ps(a, b, 0x20);
-	high = _mm256_permute2f128_ps(a, b, 0x31);
-}
-
-template <class Read>
-LUMBREL_V3 inline void weighValues8(float *__restrict parts, Read read, const float *__restrict fraction,
-	std::size_t count) {
-	std::size_t k = 0, whole = count & ~std::size_t(7);
-	for (; k < whole; k += 8) {
-		__m256 f = _mm256_loadu_ps(fraction + k), g = _mm256_sub_ps(_mm256_set1_ps(1), f);
-		__m256 low, high;
-		valuePairs8(read, k, low, high);
-		__m256 g01 = _mm256_mul_ps(low, _mm256_unpacklo_ps(g, g)), f01 = _mm256_mul_ps(low, _mm256_unpacklo_ps(f, f));
-		__m256 g23 = _mm256_mul_ps(high, _mm256_unpackhi_ps(g, g)), f23 = _mm256_mul_ps(high, _mm256_unpackhi_ps(f, f));
-		// Values k | k + 4, k + 1 | k + 5, and so on.
-		__m256d g01d = _mm256_castps_pd(g01), f01d = _mm256_castps_pd(f01);
-		__m256d g23d = _mm256_castps_pd(g23), f23d = _mm256_castps_pd(f23);
-		__m256 v04 = _mm256_castpd_ps(_mm256_unpacklo_pd(g01d, f01d));
-		__m256 v15 = _mm256_castpd_ps(_mm256_unpackhi_pd(g01d, f01d));
-		__m256 v26 = _mm256_castpd_ps(_mm256_unpacklo_pd(g23d, f23d));
-		__m256 v37 = _mm256_castpd_ps(_mm256_unpackhi_pd(g23d, f23d));
-		float *p = parts + 4 * k;
-		_mm256_store_ps(p, _mm256_permute2f128_ps(v04, v15, 0x20));
-		_mm256_store_ps(p + 8, _mm256_permute2f128_ps(v26, v37, 0x20));
-		_mm256_store_ps(p + 16, _mm256_permute2f128_ps(v04, v15, 0x31));
-		_mm256_store_ps(p + 24, _mm256_permute2f128_ps(v26, v37, 0x31));
-	}
-	weighValues(parts + 4 * k, read.from(k), fraction + k, count - k);
-}
-
-LUMBREL_V3 void weigh(float *parts, SplitValues read, const float *fraction, std::size_t count) {
-	weighValues8(parts, read, fraction, count);
-}
-
-LUMBREL_V3 void weigh(float *parts, InterleavedValues read, const float *fraction, std::size_t count) {
-	weighValues8(parts, read, fraction, count);
-}
-#undef LUMBREL_V3
-#define LUMBREL_BASELINE __attribute__((target("default")))
-#else
-#define LUMBREL_BASELINE
-#endif
-
-LUMBREL_BASELINE void weigh(float *parts, SplitValues read, const float *fraction, std::size_t count) {
+// Built for AVX as well, where the same loop takes three-operand forms.
+LUMBREL_VECTOR_CLONES void weigh(float *parts, SplitValues read, const float *fraction, std::size_t count) {
 	weighValues(parts, read, fraction, count);
 }
 
-LUMBREL_BASELINE void weigh(float *parts, InterleavedValues read, const float *fraction, std::size_t count) {
+LUMBREL_VECTOR_CLONES void weigh(float *parts, InterleavedValues read, const float *fraction, std::size_t count) {
 	weighValues(parts, read, fraction, count);
 }
-#undef LUMBREL_BASELINE
 
 } // namespace
 #endif
